@@ -1,0 +1,37 @@
+# SPDX-License-Identifier: MIT
+#
+# What is installed, in two components: `engine`, the static library with its
+# headers and CMake package, for C++ programs; `python`, the native module, for
+# the wheel.
+
+include(CMakePackageConfigHelpers)
+
+if(TARGET quenloft_solver)
+  set(quenloft_package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/Quenloft")
+
+  set_target_properties(quenloft_solver PROPERTIES EXPORT_NAME solver)
+  install(TARGETS quenloft_solver EXPORT QuenloftTargets
+          ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT engine
+          INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+  # An installed static library names what it links, these flags included.
+  set_target_properties(quenloft_options PROPERTIES EXPORT_NAME options)
+  install(TARGETS quenloft_options EXPORT QuenloftTargets COMPONENT engine)
+  # The headers that a caller needs; those of the implementation stay here.
+  install(FILES src/solver/create_solver.h src/solver/errors.h src/solver/function_interface.h
+                src/solver/solver_base.h
+          DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/solver" COMPONENT engine)
+  install(EXPORT QuenloftTargets NAMESPACE Quenloft:: FILE QuenloftTargets.cmake
+          DESTINATION "${quenloft_package_folder}" COMPONENT engine)
+
+  configure_package_config_file(cmake/QuenloftConfig.cmake.in
+      "${PROJECT_BINARY_DIR}/QuenloftConfig.cmake" INSTALL_DESTINATION "${quenloft_package_folder}")
+  write_basic_package_version_file("${PROJECT_BINARY_DIR}/QuenloftConfigVersion.cmake"
+      COMPATIBILITY SameMajorVersion)
+  install(FILES "${PROJECT_BINARY_DIR}/QuenloftConfig.cmake"
+                "${PROJECT_BINARY_DIR}/QuenloftConfigVersion.cmake"
+          DESTINATION "${quenloft_package_folder}" COMPONENT engine)
+endif()
+
+if(TARGET _Quenloft)
+  install(TARGETS _Quenloft LIBRARY DESTINATION . COMPONENT python)
+endif()

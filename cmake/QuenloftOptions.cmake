@@ -1,0 +1,15 @@
+# SPDX-License-Identifier: MIT
+#
+# quenloft_options: how every target of this tree is compiled. Link it PRIVATE.
+#
+# A search must be the same to the last bit with every compiler and at every
+# level of optimisation, so a product and a sum are never fused into one rounding,
+# and no flag that lets the compiler regroup a sum is ever used.
+
+add_library(quenloft_options INTERFACE)
+add_library(Quenloft::options ALIAS quenloft_options)
+target_compile_features(quenloft_options INTERFACE cxx_std_17)
+target_compile_options(quenloft_options INTERFACE -ffp-contract=off -Wall -Wextra)
+if(QUENLOFT_WERROR)
+  target_compile_options(quenloft_options INTERFACE -Werror)
+endif()
