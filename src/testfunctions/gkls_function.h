@@ -57,6 +57,7 @@ class GklsFunction {
   // 1e-10 outside the box.
   double GKLS_d_value(const double* point) const;
 
+  std::uint32_t FunctionNumber() const { return function_number; }
   std::int32_t Dimension() const { return dimension; }
   std::uint32_t MinimaCount() const { return minima_count; }
   // Coordinates of the minimizer in `row`, Dimension() of them.
@@ -73,8 +74,9 @@ class GklsFunction {
 
   // Generation compares all pairs of minimizers. Above this many coordinate
   // comparisons (minima_count^2 * dimension) it is refused, as if the memory had
-  // run out, rather than left to run for hours: 185,363 minima in 2 dimensions.
-  static constexpr double kMaxWork = 68719476736.0;  // 2^36
+  // run out, rather than left to run for hours. It is 100,000 minima in 2
+  // dimensions, which take about a minute.
+  static constexpr double kMaxWork = 2e10;
 
  private:
   // What the checks and the steps of the generation answer.
