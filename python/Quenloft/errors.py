@@ -1,0 +1,45 @@
+# SPDX-License-Identifier: MIT
+"""The exceptions of the package.
+
+An exception that leaves `minimize` carries the result so far in its attribute ``result``,
+whoever raised it: the package, the objective, a constraint, the callback or Ctrl-C.
+"""
+
+from __future__ import annotations
+
+from typing import Any, Sequence
+
+
+class NonFiniteError(ValueError):
+    """The objective or a constraint returned NaN or an infinity.
+
+    Attributes
+    ----------
+    x : tuple of float
+        The point at which it happened.
+    categories : tuple
+        The choices of the categorical variables there.
+    value : float
+        What was returned.
+    """
+
+    def __init__(
+        self, source: str, value: float, x: Sequence[float], categories: Sequence[Any] = ()
+    ) -> None:
+        where = f"x = {tuple(x)}" + (f", categories = {tuple(categories)}" if categories else "")
+        super().__init__(
+            f"{source} returned {value} at {where}; "
+            "pass nonfinite='infeasible' to go on from such points"
+        )
+        self.x = tuple(x)
+        self.categories = tuple(categories)
+        self.value = value
+        self._arguments = (source, value, self.x, self.categories)
+
+    def __reduce__(self) -> Any:
+        return type(self), self._arguments, self.__dict__
+
+
+class JournalError(RuntimeError):
+    """A journal cannot be used: it belongs to another problem or other settings (the message
+    names the difference), is in use by another process, or is no journal at all."""

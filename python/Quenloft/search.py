@@ -1,0 +1,147 @@
+# SPDX-License-Identifier: MIT
+"""`minimize`: one search, from the caller's arguments to the result."""
+
+from __future__ import annotations
+
+import os
+from typing import Any, Callable, Optional, Sequence, Union
+
+from .result import OptimizeResult
+
+
+def minimize(
+    fun: Callable[..., Any],
+    bounds: Any,
+    args: Sequence[Any] = (),
+    *,
+    names: Optional[Sequence[str]] = None,
+    logarithmic: Sequence[int] = (),
+    categories: Sequence[Sequence[Any]] = (),
+    constraints: Any = (),
+    point: str = "tuple",
+    nonfinite: str = "raise",
+    maxfun: Optional[float] = None,
+    maxtime: Optional[float] = None,
+    f_min: Optional[float] = None,
+    min_radius: Optional[float] = None,
+    callback: Optional[Callable[[OptimizeResult], Any]] = None,
+    on_interrupt: str = "raise",
+    progress: bool = False,
+    polish: Union[bool, str] = False,
+    journal: Optional[Union[str, os.PathLike[str]]] = None,
+    overestimation: float = 2.0,
+    overestimation_local: float = 1.1,
+    local_vs_global: float = 0.1,
+    spread: float = 12.0,
+    cross: float = 0.99,
+    fit: int = 0,
+) -> OptimizeResult:
+    """Find the global minimum of a function over a box.
+
+    The search is deterministic and needs no derivatives: the same arguments give the same trials.
+
+    Parameters
+    ----------
+    fun : callable
+        ``fun(x, *args) -> float``; with categorical variables ``fun(x, choices, *args)``, where
+        `choices` is a tuple of the chosen objects. It is called only at points inside the bounds
+        that satisfy every constraint.
+    bounds : sequence
+        Lower and upper bound of each of the 1 to 32 real variables: a sequence of pairs
+        ``(lower, upper)``, a flat sequence ``lower, upper, lower, ...``, a NumPy array of either
+        shape, or a `scipy.optimize.Bounds`. A triple ``(lower, upper, "log")`` declares a
+        logarithmic variable: it is searched evenly in the logarithm, ``0 < lower``.
+    args : tuple, optional
+        Further arguments of `fun` (not of the constraints).
+    names : sequence of str, optional
+        Names of the real variables, or of these and then the categorical ones; for messages,
+        journals and plots. ``x[0]``, ``x[1]``, ..., ``categories[0]``, ... by default.
+    logarithmic : sequence of int, optional
+        Positions of logarithmic variables, for forms of `bounds` that cannot say so.
+    categories : sequence of sequences, optional
+        The choices of each categorical variable: any objects, at least one each, at most 10,000
+        combinations. Every combination is tried at ``2 * N + 1`` points first.
+    constraints : callable, constraint object, or sequence of them, optional
+        Callables ``constraint(x) -> float``, with categorical variables
+        ``constraint(x, choices)``: a point is feasible when all are <= 0. They are called in
+        order, and none after the first that is violated. SciPy's `NonlinearConstraint`,
+        `LinearConstraint` and dicts of the type ``"ineq"`` are understood. Equality constraints
+        are refused, as no sampled point satisfies one.
+    point : {"tuple", "list", "array"}
+        The form of `x` for `fun`, the constraints and the result. Each call gets a fresh one,
+        which may be kept. ``"array"`` needs NumPy.
+    nonfinite : {"raise", "infeasible"}
+        What NaN or an infinity from `fun` or a constraint means: an error (`NonFiniteError`), or
+        that the point is infeasible and the search goes on elsewhere (a hidden constraint).
+    maxfun : int, optional
+        Budget of trials, never exceeded: points at which `fun`, or a constraint that is violated,
+        is evaluated. ``1000 * N`` when neither `maxfun` nor `maxtime` is given; ``math.inf``
+        lifts it.
+    maxtime : float, optional
+        Budget in seconds, fractions included. It is checked before each evaluation.
+    f_min : float, optional
+        Stop at the first feasible trial with ``fun <= f_min``.
+    min_radius : float, optional
+        Stop when the radius of the best trial, the distance to its farthest neighbour in the unit
+        box, falls below this.
+    callback : callable, optional
+        ``callback(intermediate_result)`` after each trial, with the fields ``x``, ``fun``,
+        ``categories``, ``nfev``, ``nit``, ``maxcv``, ``elapsed_seconds``, ``status``,
+        ``message``, ``success``, ``trial`` (the `Trial` just made), ``replayed`` (trials that
+        come from the journal so far) and ``history``. The search stops when it returns True or
+        raises StopIteration.
+    on_interrupt : {"raise", "return"}
+        Ctrl-C raises KeyboardInterrupt with the result so far as its attribute ``result``, or
+        returns that result.
+    progress : bool
+        Show best value, evaluations, budget and time left on stderr while it is a terminal.
+    polish : bool or {"cobyla", "pattern"}
+        Refine the best trial by a local derivative-free search, within the bounds, the
+        constraints and the budget, of which a part is held back for it: a quarter of `maxfun` but
+        at most ``25 * (N + 1)`` trials, and a tenth of `maxtime`. True takes SciPy's COBYLA if it
+        is installed and not in use, else a pattern search. Not done after a stop by `f_min` or
+        the callback.
+    journal : path, optional
+        SQLite file that holds every evaluation before the next one starts. If it exists, the run
+        goes on from there and evaluates nothing again: recorded values are replayed, callbacks
+        included. Budgets are those of the run as a whole and may be changed; anything else that
+        differs is refused.
+    overestimation : float
+        Factor >= 1 on the slope estimate of global steps: larger is more thorough and slower.
+    overestimation_local : float
+        The same for local steps, >= 1.
+    local_vs_global : float
+        Local steps per global step, >= 0.
+    spread : float
+        Number > 2 that sets how well spread the neighbours of a trial are: an angle of
+        ``2 * pi / spread`` between any two.
+    cross : float
+        Size of the initial cross of trials around the centre, in (0, 1]; 0 for none.
+    fit : int
+        Most quadratic fits around a new best trial, >= 0.
+
+    Returns
+    -------
+    OptimizeResult
+
+    Raises
+    ------
+    TypeError, ValueError
+        An argument is wrong; nothing was evaluated.
+    NonFiniteError
+        See `nonfinite`.
+    JournalError
+        See `journal`.
+    Exception
+        Whatever `fun`, a constraint or `callback` raises, unchanged and at once. It carries the
+        result so far in its attribute ``result``.
+
+    Examples
+    --------
+    >>> import Quenloft
+    >>> result = Quenloft.minimize(lambda x: (x[0] - 1) ** 2 + x[1] ** 2, [(-2, 2), (-2, 2)],
+    ...                            maxfun=100)
+    >>> result.nit
+    100
+    """
+    raise NotImplementedError
