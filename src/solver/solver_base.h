@@ -12,6 +12,8 @@
 
 namespace QuenloftSolver {
 
+struct Neighbour;
+
 // The outcome of evaluating a point. Trials are ranked by higher `index`, then
 // by smaller `value`; of equals the one found first is the better.
 struct TestValue {
@@ -58,7 +60,8 @@ class SolverBase {
     enum Flag : std::uint32_t {
       kLocal = 1,           // lowest of its index and combination within its radius
       kFromLocalStep = 2,   // placed by a local step
-      kExcluded = 4,        // listed for the refresh that the newest trial caused
+      kExcluded = 4,        // listed for the refresh that the newest trial caused (Solver<N>
+                            // holds this bit as a stamp, apart from the trials)
       kChanged = 8,         // its neighbour table was rebuilt by that refresh
       kBoundary = 16,       // a face of the box is among its neighbours
       kFromFit = 32,        // placed by a local fit
@@ -71,8 +74,8 @@ class SolverBase {
     virtual std::uint32_t CombinationIndex() const = 0;
     // Distance to the farthest neighbour, in unit coordinates.
     virtual double Radius() const = 0;
-    // The first of 3 N entries; see neighbour.h.
-    virtual const struct Neighbour* Neighbours() const = 0;
+    // The first of 3 N entries; see trial.h.
+    virtual const Neighbour* Neighbours() const = 0;
 
     std::atomic<std::uint32_t> flags{0};
 

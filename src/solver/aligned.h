@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+//
+// A vector whose elements start on a cache line, as the vector loops like it.
+
+#pragma once
+
+#include <cstddef>
+#include <new>
+#include <vector>
+
+namespace QuenloftSolver {
+
+inline constexpr std::size_t kCacheLine = 64;
+
+template <typename T>
+struct CacheLineAllocator {
+  using value_type = T;
+
+  CacheLineAllocator() = default;
+  template <typename U>
+  CacheLineAllocator(const CacheLineAllocator<U>&) {}
+
+  T* allocate(std::size_t count) {
+    return static_cast<T*>(::operator new(count * sizeof(T), std::align_val_t{kCacheLine}));
+  }
+  void deallocate(T* memory, std::size_t) {
+    ::operator delete(memory, std::align_val_t{kCacheLine});
+  }
+
+  template <typename U>
+  bool operator==(const CacheLineAllocator<U>&) const { return true; }
+  template <typename U>
+  bool operator!=(const CacheLineAllocator<U>&) const { return false; }
+};
+
+template <typename T>
+using AlignedVector = std::vector<T, CacheLineAllocator<T>>;
+
+}  // namespace QuenloftSolver

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: MIT
+//
+// Characteristics of segments, and the lists of the best of them. The larger a
+// characteristic, the lower the function may go on its segment.
+
+#pragma once
+
+#include <algorithm>
+#include <utility>
+
+#include "solver/solver.h"
+
+namespace QuenloftSolver {
+
+template <int N>
+void Solver<N>::UpdateCandidates(UpdateMode mode) {
+  mode = DropStaleCandidates(mode);
+  if (mode == UpdateMode::kFull) {
+    ++work_.full_updates;
+    for (std::uint32_t position = 0; position < TestCount(); ++position) {
+      OfferSegments(position, mode);
+    }
+  } else {
+    for (const std::uint32_t position : to_rescore_) OfferSegments(position, mode);
+  }
+  if (slopes_changed_) std::fill(class_changed_.begin(), class_changed_.end(), std::uint8_t{0});
+  slopes_changed_ = false;
+}
+
+// A list is stale as a whole when its class slope grew (global lists alone use it),
+// and in the entries of trials whose tables were just rebuilt. A list that held
+// something once and is empty now asks for a full update.
+//
+// The plain way looks every entry up in its trial's table, to see whether its
+// characteristic still stands. But a characteristic is unset by a rebuild alone, and
+// the next update sets it again, so an entry is stale exactly when its trial was
+// rebuilt since (or its key happens to be the mark for unset): the trial's number
+// answers, through a filter that stays in the first cache. And rebuilt trials are of
+// one combination, so the lists of others hold nothing stale.
+template <int N>
+UpdateMode Solver<N>::DropStaleCandidates(UpdateMode mode) {
+  constexpr std::uint32_t kFilterSize = 4096;
+  if (rebuilt_filter_.empty()) rebuilt_filter_.resize(kFilterSize);
+  std::uint8_t* filter = rebuilt_filter_.data();
+  for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 1;
+  const auto is_stale = [this, filter](std::uint32_t position) {
+    return filter[position % kFilterSize] && marks_[position] == MarkNow(kRebuilt);
+  };
+  const bool knows_rebuilt = mode == UpdateMode::kIncremental && !rebuilt_.empty();
+  const std::uint32_t combination =
+      knows_rebuilt ? tests_[rebuilt_.front().position].combination : 0;
+
+  for (std::uint32_t c = 0; c < class_count_; ++c) {
+    if (class_changed_[c]) global_lists_[c].Clear();
+    const bool may_be_stale = knows_rebuilt && c % combination_count_ == combination;
+    for (CandidateList* list : {&local_lists_[c], &global_lists_[c]}) {
+      if (may_be_stale || list->MayHoldUnsetKeys()) {
+        work_.entries_visited += list->Size();
+        list->Remove(is_stale);
+      }
+      if (list->IsUsed() && list->IsEmpty()) mode = UpdateMode::kFull;
+    }
+  }
+  for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 0;
+  return mode;
+}
+
+// With m an overestimated slope, d the length of a segment and z the values at its
+// ends, the least that the function can be on it is
+//   (z_a + z_b - m d) / 2   between trials of one index,
+//   z_a - m d               towards a face or a trial of a lower index,
+// which the characteristic negates. The slope is that of the end with the higher
+// index: of its class for the global one, its own for the local one.
+template <int N>
+void Solver<N>::OfferSegments(std::uint32_t position, UpdateMode mode) {
+  Test<N>& trial = tests_[position];
+  for (Neighbour& segment : trial.neighbours) {
+    if (segment.test == kNone) break;
+    const Test<N>* a = &trial;
+    const Test<N>* b = IsFace(segment.test)
+                           ? nullptr
+                           : &tests_[static_cast<std::uint32_t>(segment.test)];
+    if (b != nullptr && b->value.index > a->value.index) std::swap(a, b);
+    const std::uint32_t c = ClassOf(*a);
+    const auto characteristic = [&](double slope) {
+      return b != nullptr && a->value.index == b->value.index
+                 ? (slope * segment.distance - a->value.value - b->value.value) / 2.0
+                 : slope * segment.distance - a->value.value;
+    };
+    if (segment.local_characteristic == kUnset) {
+      segment.local_characteristic =
+          characteristic(UsableSlope(a->slope) * parameters_.overestimation_local);
+    }
+    if (segment.global_characteristic == kUnset || class_changed_[c]) {
+      segment.global_characteristic =
+          characteristic(UsableSlope(slopes_[c]) * parameters_.overestimation);
+    }
+    local_lists_[c].Offer({segment.local_characteristic, position, segment.test}, mode);
+    global_lists_[c].Offer({segment.global_characteristic, position, segment.test}, mode);
+    work_.offers += 2;
+  }
+}
+
+}  // namespace QuenloftSolver

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: MIT
+//
+// The start of a search: the centre of the box and a cross of points around it, for
+// every categorical combination.
+
+#pragma once
+
+#include <new>
+#include <stdexcept>
+
+#include "solver/solver.h"
+
+namespace QuenloftSolver {
+
+template <int N>
+void Solver<N>::Initialize() {
+  if (!tests_.empty()) return;
+  SizeContainers();
+  PlaceInitialTrials();
+  for (std::uint32_t position = 0; position < TestCount(); ++position) {
+    LinkInitialTrial(position);
+  }
+  UpdateCandidates(UpdateMode::kFull);
+}
+
+template <int N>
+void Solver<N>::SizeContainers() {
+  index_max_.assign(function_count_, -kUnbounded);
+  index_min_.assign(function_count_, kUnbounded);
+  slopes_.assign(class_count_, 0.0);
+  class_changed_.assign(class_count_, 0);
+  local_lists_ = std::vector<CandidateList>(class_count_);
+  global_lists_ = std::vector<CandidateList>(class_count_);
+  // Appending then moves no trial in a run of ordinary length. Where that much
+  // cannot be had, the store starts smaller and grows on demand.
+  for (std::size_t room = kReservedTrials; room > tests_.capacity(); room /= 2) {
+    try {
+      tests_.reserve(room);
+      marks_.reserve(room);
+      break;
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  changed_.reserve(kReservedListing);
+  if (selections_.empty()) selections_.resize(1);
+}
+
+template <int N>
+void Solver<N>::PlaceInitialTrials() {
+  Coordinates centre;
+  centre.fill(0.5);
+  AppendInEveryCombination(centre);
+  if (parameters_.cross == 0.0) return;
+  for (int k = 0; k < N; ++k) {
+    for (const double coordinate :
+         {0.5 - parameters_.cross / 2.0, 0.5 + parameters_.cross / 2.0}) {
+      Coordinates point = centre;
+      point[k] = coordinate;
+      AppendInEveryCombination(point);
+    }
+  }
+}
+
+template <int N>
+void Solver<N>::AppendInEveryCombination(const Coordinates& point) {
+  Test<N> trial;
+  trial.coordinate = point;
+  for (trial.combination = 0; trial.combination < combination_count_; ++trial.combination) {
+    trial.value = EvaluateAt(point, trial.combination);
+    marks_.push_back(0);
+    tests_.push_back(trial);
+  }
+}
+
+template <int N>
+void Solver<N>::LinkInitialTrial(std::uint32_t position) {
+  // Trials of one combination stand combination_count_ apart.
+  std::vector<std::uint32_t> rivals;
+  for (std::uint32_t p = tests_[position].combination; p < TestCount(); p += combination_count_) {
+    rivals.push_back(p);
+  }
+  GatherCandidates(rivals);
+  rebuilt_ = {{position, 0.0, false}};
+  RebuildTables();
+  ResolveLocalMarks();
+  UpdateExtremes(tests_[position].value);
+  UpdateBest(position);
+}
+
+}  // namespace QuenloftSolver
