@@ -45,13 +45,15 @@ int main() {
 
   const std::vector<double> bounds = {-3.0, 3.0, -2.0, 2.0};
   const std::vector<QuenloftSolver::FunctionInterface*> functions = {&camel};
-  const auto solver = QuenloftSolver::CreateSolver(bounds, /*categorical_sizes=*/{}, functions,
-                                                   QuenloftSolver::SearchParameters());
+  QuenloftSolver::SearchParameters parameters;
+  parameters.local_vs_global = 1.0;  // one step around the best trial for each over the whole box
+  const auto solver =
+      QuenloftSolver::CreateSolver(bounds, /*categorical_sizes=*/{}, functions, parameters);
   if (!solver) {
     std::fputs("This build of the engine has no solver for two variables.\n", stderr);
     return 1;
   }
-  while (solver->TestCount() < 400) solver->Step();
+  while (solver->TestCount() < 1000) solver->Step();
 
   const auto* best = solver->GetTest(solver->BestPosition());
   const double value = best->GetValue().value;
