@@ -9,13 +9,9 @@ include(CMakePackageConfigHelpers)
 if(TARGET quenloft_solver)
   set(quenloft_package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/Quenloft")
 
-  set_target_properties(quenloft_solver PROPERTIES EXPORT_NAME solver)
   install(TARGETS quenloft_solver EXPORT QuenloftTargets
           ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT engine
           INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-  # An installed static library names what it links, these flags included.
-  set_target_properties(quenloft_options PROPERTIES EXPORT_NAME options)
-  install(TARGETS quenloft_options EXPORT QuenloftTargets COMPONENT engine)
   # The headers that a caller needs; those of the implementation stay here.
   install(FILES src/solver/create_solver.h src/solver/errors.h src/solver/function_interface.h
                 src/solver/solver_base.h
