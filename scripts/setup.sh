@@ -92,9 +92,10 @@ find_interpreter() {
   for candidate in "$(pyenv_interpreter "$1")" "$(command -v "python$1")" "/usr/bin/python$1"; do
     if [[ -n $candidate ]] && python_is "$candidate" "v == (${1/./, })"; then
       echo "$candidate"
-      return
+      break
     fi
   done
+  return 0
 }
 
 # choose_interpreter: sets `python`.
