@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: MIT
+//
+// The engine against the method as it is written, bit for bit: trials, tables,
+// marks, slopes and lists, after every few steps.
+
+#include <gtest/gtest.h>
+
+#include <omp.h>
+
+#include <cstring>
+
+#include "reference_solver.h"
+#include "search_cases.h"
+#include "solver/built_dimensions.h"
+#include "solver/create_solver.h"
+#include "solver/solver.h"
+
+namespace QuenloftSolver {
+namespace {
+
+template <typename T>
+bool SameBits(const T& a, const T& b) {
+  return std::memcmp(&a, &b, sizeof(T)) == 0;
+}
+
+testing::AssertionResult SameLists(const std::vector<CandidateList>& lists,
+                                   const std::vector<reference::List>& expected) {
+  for (std::size_t c = 0; c < expected.size(); ++c) {
+    if (lists[c].Size() != expected[c].entries.size()) {
+      return testing::AssertionFailure() << "class " << c << " lists " << lists[c].Size()
+                                         << ", not " << expected[c].entries.size();
+    }
+    for (std::size_t i = 0; i < lists[c].Size(); ++i) {
+      if (!SameBits(lists[c][i], expected[c].entries[i])) {
+        return testing::AssertionFailure() << "class " << c << ", candidate " << i;
+      }
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
+template <int N>
+testing::AssertionResult SameTrials(const Solver<N>& solver, const reference::Solver<N>& plain) {
+  constexpr std::uint32_t kCompared = ~std::uint32_t{SolverBase::TestBase::kExcluded};
+  for (std::uint32_t p = 0; p < plain.tests.size(); ++p) {
+    const Test<N>& got = solver.TrialAt(p);
+    const Test<N>& expected = plain.tests[p];
+    const char* differs = !SameBits(got.coordinate, expected.coordinate) ? "point"
+                          : got.combination != expected.combination      ? "combination"
+                          : !SameBits(got.value.value, expected.value.value) ? "value"
+                          : !SameBits(got.slope, expected.slope)             ? "slope"
+                          : !SameBits(got.radius, expected.radius)           ? "radius"
+                          : !SameBits(got.extent, expected.extent)           ? "extent"
+                          : (got.flags & kCompared) != (expected.flags & kCompared) ? "flags"
+                                                                                    : nullptr;
+    if (differs != nullptr) return testing::AssertionFailure() << "trial " << p << ": " << differs;
+    for (int i = 0; i < 3 * N; ++i) {
+      const Neighbour& a = got.neighbours[i];
+      const Neighbour& b = expected.neighbours[i];
+      if (a.test != b.test || !SameBits(a.distance, b.distance) ||
+          !SameBits(a.global_characteristic, b.global_characteristic) ||
+          !SameBits(a.local_characteristic, b.local_characteristic)) {
+        return testing::AssertionFailure() << "trial " << p << ", neighbour " << i;
+      }
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
+template <int N>
+void CompareSearches(const SearchCase& c, int steps) {
+  if constexpr (IsBuilt(N)) {
+    const auto base = CreateSolver(c.bounds, c.categories, c.functions, c.parameters);
+    const auto& solver = static_cast<const Solver<N>&>(*base);
+    reference::Solver<N> plain(c.bounds, c.categories, c.functions, c.parameters);
+    SCOPED_TRACE(c.name);
+    for (int step = 0; step < steps; ++step) {
+      bool is_exhausted = false;
+      try {
+        plain.Step();
+      } catch (const SearchExhausted&) {
+        is_exhausted = true;
+      }
+      if (is_exhausted) {
+        EXPECT_THROW(base->Step(), SearchExhausted);
+        return;
+      }
+      ASSERT_NO_THROW(base->Step());
+      ASSERT_EQ(solver.TestCount(), plain.tests.size());
+      ASSERT_EQ(solver.BestPosition(), plain.best_position);
+      if (step % 8 != 0 && step != steps - 1) continue;
+      ASSERT_TRUE(SameTrials(solver, plain)) << "step " << step;
+      ASSERT_TRUE(SameLists(solver.LocalLists(), plain.local_lists)) << "local, step " << step;
+      ASSERT_TRUE(SameLists(solver.GlobalLists(), plain.global_lists)) << "global, step " << step;
+    }
+  }
+}
+
+template <int N>
+void CompareRandomSearches(int count, int steps) {
+  for (int seed = 0; seed < count; ++seed) {
+    CompareSearches<N>(RandomCase(N, static_cast<std::uint32_t>(seed)), steps);
+    if (testing::Test::HasFatalFailure()) return;
+  }
+}
+
+TEST(SolverAgainstReference, AgreesBitForBitOnRandomProblems) {
+  CompareRandomSearches<1>(12, 200);
+  CompareRandomSearches<2>(24, 300);
+  CompareRandomSearches<3>(16, 250);
+  CompareRandomSearches<5>(10, 150);
+  CompareRandomSearches<12>(3, 40);
+  CompareRandomSearches<32>(2, 12);
+}
+
+TEST(SolverAgainstReference, AgreesOnceListsOverflow) {
+  CompareSearches<2>(NativeCase(2), 1500);
+}
+
+// Slopes that overflow, keys that equal the mark for "not computed", and settings
+// that no user would choose: an unusual search, but the same one.
+TEST(SolverAgainstReference, AgreesOnExtremeValuesAndSettings) {
+  const auto with = [](double value, auto change) {
+    SearchCase c;
+    c.dimension = 2;
+    c.name = "value " + std::to_string(value);
+    c.bounds = {0.0, 1.0, 0.0, 1.0};
+    c.Add([value](const double* x, const std::int32_t*) { return x[0] < 0.4 ? value : value / 3; });
+    change(c.parameters);
+    return c;
+  };
+  const auto unchanged = [](SearchParameters&) {};
+  CompareSearches<2>(with(0.0, unchanged), 60);
+  CompareSearches<2>(with(-std::numeric_limits<double>::max(), unchanged), 60);
+  CompareSearches<2>(with(1e308, unchanged), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.overestimation = 0.0; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.overestimation = -1.0; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.overestimation = NAN; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.cross = 1.7; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.cross = 1e200; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.spread = 0.0; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.spread = 3.0; }), 60);
+  CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.local_vs_global = 3.0; }), 60);
+}
+
+TEST(SolverAgainstReference, AgreesForAnyNumberOfThreads) {
+  const int threads = omp_get_max_threads();
+  for (const int team : {1, 2, 4}) {
+    omp_set_num_threads(team);
+    SCOPED_TRACE(team);
+    CompareSearches<5>(NativeCase(5), 300);
+    CompareSearches<12>(NativeCase(12), 120);
+  }
+  omp_set_num_threads(threads);
+}
+
+}  // namespace
+}  // namespace QuenloftSolver
