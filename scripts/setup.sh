@@ -122,7 +122,7 @@ choose_interpreter() {
 
 # prepare_environment: the compiler and .venv with the tools of the build.
 prepare_environment() {
-  local packages=() tools=(scikit-build-core) version
+  local packages=() tools=("pip>=22.1" scikit-build-core) version
   compiler_works || packages+=(g++)
   for package in "$@"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
@@ -148,7 +148,7 @@ prepare_environment() {
   export PATH="$PWD/.venv/bin:$PATH"
   tool_is_new_enough cmake 3.21 || tools+=("cmake>=3.21")
   tool_is_new_enough ninja 1.10 || tools+=(ninja)
-  if ! .venv/bin/python -c 'import scikit_build_core' 2>/dev/null || ((${#tools[@]} > 1)); then
+  if ! .venv/bin/python -c 'import scikit_build_core' 2>/dev/null || ((${#tools[@]} > 2)); then
     echo "Installing the build tools into .venv"
     quietly pip-tools .venv/bin/python -m pip install "${tools[@]}"
     hash -r
@@ -195,8 +195,8 @@ install_wheel() {
   echo "Building the module and installing it into .venv (minutes the first time)"
   # The build tree is kept and shared with the C++ tests: the engine is compiled once.
   quietly wheel .venv/bin/python -m pip install --no-build-isolation \
-    -C build-dir="$quenloft_tree" -C cmake.define.QUENLOFT_WERROR="${QUENLOFT_WERROR:-OFF}" \
-    ".$extra" || return 1
+    --config-settings=build-dir="$quenloft_tree" \
+    --config-settings=cmake.define.QUENLOFT_WERROR="${QUENLOFT_WERROR:-OFF}" ".$extra" || return 1
   echo "$now" >"$stamp"
   # What the tests need includes what a run needs.
   echo "$now" >.venv/quenloft-plain.stamp
