@@ -1,0 +1,610 @@
+# SPDX-License-Identifier: MIT
+"""The command line: ``python -m Quenloft minimize``, ``history`` and ``demo``.
+
+Exit codes: see `ExitCode`. Results go to standard output; progress and errors, in one line each,
+to standard error.
+"""
+
+from __future__ import annotations
+
+import argparse
+import ast
+import csv
+import importlib
+import importlib.util
+import json
+import math
+import os
+import re
+import sys
+import traceback
+from enum import IntEnum
+from pathlib import Path
+from types import ModuleType
+from typing import Any, Callable, Iterable, NoReturn, Optional, Sequence, TextIO
+
+from . import demo
+from .errors import JournalError
+from .history import History, Trial
+from .journal import Recording, read_journal
+from .result import OptimizeResult, Status
+from .search import minimize
+
+PROGRAM = "python -m Quenloft"
+
+
+class ExitCode(IntEnum):
+    """What the program ends with."""
+
+    SUCCESS = 0  #: a feasible point was found, and the search ended by one of its stops
+    FAILURE = 1  #: the function or a constraint failed; or `demo` missed the published figure
+    USAGE = 2  #: wrong arguments, an unknown function, a journal that does not fit; nothing was run
+    INFEASIBLE = 3  #: the search ended by one of its stops without a feasible point
+    INTERRUPTED = 130  #: Ctrl-C; what was found so far was shown
+
+
+class UsageError(Exception):
+    """The user's mistake, in one line."""
+
+
+def main(arguments: Optional[Sequence[str]] = None) -> int:
+    """Run the program and return its exit code."""
+    words = list(sys.argv[1:] if arguments is None else arguments)
+    # A bound such as -1:2 is a value, though it begins like an option.
+    parser = _parser()
+    options = parser.parse_args([f" {w}" if re.match(r"-[\d.]", w) else w for w in words])
+    try:
+        return int(options.run(options))
+    except KeyboardInterrupt:
+        print("interrupted", file=sys.stderr)
+        return ExitCode.INTERRUPTED
+    except BrokenPipeError:  # the reader of a pipe, such as head, has seen enough
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return ExitCode.SUCCESS
+    except (UsageError, JournalError, OSError) as error:
+        return _report(error, str(error), options, ExitCode.USAGE)
+
+
+class _Parser(argparse.ArgumentParser):
+    def error(self, message: str) -> NoReturn:
+        self.exit(ExitCode.USAGE, f"{self.prog}: error: {message} (--help shows the options)\n")
+
+
+def _parser() -> argparse.ArgumentParser:
+    from . import __version__
+
+    parser = _Parser(
+        prog=PROGRAM,
+        description="Global minimisation of expensive black-box functions over boxes.",
+        epilog="Exit codes: 0 a feasible minimum; 1 the function failed; 2 wrong usage; "
+        "3 no feasible point; 130 interrupted.",
+    )
+    parser.add_argument("--version", action="version", version=f"Quenloft {__version__}")
+    commands = parser.add_subparsers(metavar="command", required=True)
+    common = argparse.ArgumentParser(add_help=False)
+    common.add_argument("--json", action="store_true", help="write one JSON object")
+    common.add_argument("--plot", metavar="FILE", help="write a picture (png, pdf or svg)")
+    common.add_argument(
+        "--traceback", action="store_true", help="show the traceback of an error, too"
+    )
+    _add_minimize(commands, common)
+    _add_history(commands, common)
+    _add_demo(commands, common)
+    return parser
+
+
+def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
+    parser = commands.add_parser(
+        "minimize",
+        parents=[common],
+        help="minimise a Python function",
+        description="Minimise a Python function over a box.",
+    )
+    parser.set_defaults(run=run_minimize)
+    parser.add_argument(
+        "function", help="module:function or file.py:function, called as by Quenloft.minimize"
+    )
+
+    problem = parser.add_argument_group("problem")
+    several = {"nargs": "+", "action": "extend", "default": []}
+    problem.add_argument(
+        "--bounds", metavar="[NAME=]LOWER:UPPER[:log]", type=_bounds, required=True, **several,
+        help="one for each real variable",
+    )
+    problem.add_argument(
+        "--choices", metavar="[NAME=]A,B,...", type=_choices, **several,
+        help="one for each categorical variable; numbers are read as numbers",
+    )
+    problem.add_argument(
+        "--constraint", metavar="FUNCTION", **several, help="feasible when <= 0; in this order"
+    )
+    problem.add_argument(
+        "--args", metavar="VALUE", type=_literal, **several, help="further arguments of function"
+    )
+    problem.add_argument(
+        "--point", choices=("tuple", "list", "array"), default="tuple",
+        help="the form of the point that functions are given (%(default)s)",
+    )
+    problem.add_argument(
+        "--nonfinite", choices=("raise", "infeasible"), default="raise",
+        help="what NaN or infinity means: an error, or an infeasible point (%(default)s)",
+    )
+
+    stops = parser.add_argument_group("stops")
+    stops.add_argument("--maxfun", type=float, metavar="N", help="budget of trials")
+    stops.add_argument("--maxtime", type=float, metavar="SECONDS", help="budget of time")
+    stops.add_argument("--f-min", type=float, metavar="VALUE", help="value that is good enough")
+    stops.add_argument(
+        "--min-radius", type=float, metavar="R", help="radius of the best trial, in the unit box"
+    )
+
+    settings = parser.add_argument_group("settings of the search")
+    for name, default in _settings().items():
+        settings.add_argument(
+            "--" + name.replace("_", "-"), type=type(default), default=default, metavar="X",
+            help="(%(default)s)",
+        )
+    settings.add_argument(
+        "--polish", nargs="?", const=True, default=False, choices=("cobyla", "pattern"),
+        help="refine the best point by a local search at the end",
+    )
+
+    output = parser.add_argument_group("run")
+    output.add_argument(
+        "--journal", metavar="FILE", help="record every evaluation; go on from there if it exists"
+    )
+    output.add_argument("--quiet", action="store_true", help="no progress, no summary")
+
+
+def _settings() -> dict[str, Any]:
+    """The parameters of the search, and their defaults, as `minimize` has them."""
+    names = (
+        "overestimation", "overestimation_local", "local_vs_global", "spread", "cross", "fit",
+    )
+    defaults = minimize.__kwdefaults__ or {}
+    return {name: defaults[name] for name in names}
+
+
+def _add_history(commands: Any, common: argparse.ArgumentParser) -> None:
+    parser = commands.add_parser(
+        "history",
+        parents=[common],
+        help="show or export a journal",
+        description="Show or export the journal of a run, of one that is still going on too.",
+    )
+    parser.set_defaults(run=run_history)
+    parser.add_argument("journal", help="the file given to --journal")
+    parser.add_argument(
+        "--csv", nargs="?", const="-", metavar="FILE",
+        help="write every trial as a line; to standard output without FILE",
+    )
+    parser.add_argument(
+        "--last", type=int, default=10, metavar="N", help="trials shown (%(default)s)"
+    )
+
+
+def _add_demo(commands: Any, common: argparse.ArgumentParser) -> None:
+    parser = commands.add_parser(
+        "demo",
+        parents=[common],
+        help="calibrate a model of an enzyme to published measurements",
+        description="Fit rate laws of an enzyme to published measurements and compare.",
+    )
+    parser.set_defaults(run=run_demo)
+    parser.add_argument(
+        "--maxfun", type=int, default=1000, metavar="N", help="trials of each search (%(default)s)"
+    )
+
+
+def run_minimize(options: argparse.Namespace) -> int:
+    """The command ``minimize``."""
+    function = load_function(options.function)
+    constraints = [load_function(name) for name in options.constraint]
+    if options.plot:
+        _check_plot(options.plot)
+    given = [name for name, _ in (*options.bounds, *options.choices)]
+    names = _complete(given, len(options.bounds)) if any(given) else None
+    try:
+        result = minimize(
+            function,
+            [bounds for _, bounds in options.bounds],
+            tuple(options.args),
+            names=names,
+            categories=[choices for _, choices in options.choices],
+            constraints=constraints,
+            point=options.point,
+            nonfinite=options.nonfinite,
+            maxfun=options.maxfun,
+            maxtime=options.maxtime,
+            f_min=options.f_min,
+            min_radius=options.min_radius,
+            on_interrupt="return",
+            progress=not options.quiet,
+            polish=options.polish,
+            journal=options.journal,
+            **{name: getattr(options, name) for name in _settings()},
+        )
+    except JournalError:
+        raise
+    except Exception as error:
+        so_far = getattr(error, "result", None)
+        if not isinstance(so_far, OptimizeResult):  # refused before anything was evaluated
+            raise UsageError(str(error)) from error
+        _show(so_far, names, options)
+        return _report(error, _describe(error), options, ExitCode.FAILURE)
+    _show(result, names, options)
+    if result.status == Status.INTERRUPTED:
+        return ExitCode.INTERRUPTED
+    return ExitCode.SUCCESS if result.success else ExitCode.INFEASIBLE
+
+
+def run_history(options: argparse.Namespace) -> int:
+    """The command ``history``."""
+    if options.plot:
+        _check_plot(options.plot)
+    recording = read_journal(options.journal)
+    if options.csv == "-":
+        write_csv(recording, sys.stdout)
+    elif options.csv:
+        with open(options.csv, "w", newline="", encoding="utf-8") as file:
+            write_csv(recording, file)
+    elif options.json:
+        trials = [_json_trial(trial) for trial in recording.history]
+        _print_json({"header": recording.header, "trials": trials})
+    else:
+        print(_describe_recording(recording, options.last))
+    if options.plot:
+        _plot(recording, recording.history, options.plot)
+    return ExitCode.SUCCESS
+
+
+def run_demo(options: argparse.Namespace) -> int:
+    """The command ``demo``."""
+    if options.plot:
+        _check_plot(options.plot)
+    fitted = demo.calibrate(options.maxfun)
+    laws = demo.choose_law(options.maxfun)
+    limited = demo.calibrate_limited(options.maxfun)
+    agrees = demo.agrees(fitted)
+    if options.json:
+        _print_json(
+            {
+                "published": demo.PUBLISHED,
+                "agrees": agrees,
+                "calibrate": _json_result(fitted, demo.NAMES),
+                "choose_law": _json_result(laws, demo.NAMES),
+                "calibrate_limited": _json_result(limited, demo.NAMES),
+            }
+        )
+    else:
+        print(_describe_demo(fitted, laws, limited, agrees))
+    if options.plot:
+        _plot(laws, laws.history, options.plot)
+    return ExitCode.SUCCESS if agrees else ExitCode.FAILURE
+
+
+def load_function(name: str) -> Callable[..., Any]:
+    """The function that ``module:function`` or ``path/to/file.py:function`` names.
+
+    Raises
+    ------
+    UsageError
+        There is none.
+    """
+    place, colon, attribute = name.rpartition(":")
+    if not colon or not place or not attribute:
+        raise UsageError(f"{name!r} is not of the form module:function or file.py:function")
+    try:
+        found: Any = _import_file(Path(place)) if place.endswith(".py") else _import_module(place)
+    except Exception as error:
+        raise UsageError(f"cannot import {place}: {_describe(error)}") from error
+    for part in attribute.split("."):
+        try:
+            found = getattr(found, part)
+        except AttributeError:
+            raise UsageError(f"{place} has no {attribute}") from None
+    if not callable(found):
+        raise UsageError(f"{name} is not a function but of type {type(found).__name__}")
+    return found  # type: ignore[no-any-return]
+
+
+def _import_module(name: str) -> ModuleType:
+    if os.getcwd() not in sys.path and "" not in sys.path:
+        sys.path.insert(0, os.getcwd())
+    return importlib.import_module(name)
+
+
+def _import_file(path: Path) -> ModuleType:
+    if not path.is_file():
+        raise FileNotFoundError("no such file")
+    known = sys.modules.get(path.stem)
+    if known is not None and Path(getattr(known, "__file__", "") or "") == path.resolve():
+        return known  # the same file names the function and a constraint
+    spec = importlib.util.spec_from_file_location(path.stem, path.resolve())
+    assert spec is not None and spec.loader is not None  # a suffix .py always has a loader
+    module = importlib.util.module_from_spec(spec)
+    sys.modules[path.stem] = module
+    sys.path.insert(0, str(path.resolve().parent))  # as for a program that is run
+    spec.loader.exec_module(module)
+    return module
+
+
+def write_csv(recording: Recording, file: TextIO) -> None:
+    """Every trial as a line of comma-separated values, numbers in full precision."""
+    history = recording.history
+    names = list(recording.header["names"])
+    constraints = [f"constraint[{i}]" for i in range(history.constraint_count)]
+    writer = csv.writer(file, lineterminator="\n")
+    writer.writerow(["trial", *names, "feasible", "value", "time", *constraints])
+    for trial in history:
+        feasible = int(trial.index == history.goal)
+        known = ("" if math.isnan(value) else value for value in trial.constraints)
+        writer.writerow(
+            [trial.number + 1, *trial.x, *trial.categories, feasible, trial.value, trial.time, *known]
+        )
+
+
+def _bounds(text: str) -> tuple[Optional[str], tuple[Any, ...]]:
+    name, values = _named(text)
+    parts = values.split(":")
+    logarithmic = len(parts) == 3 and parts[2] == "log"
+    if len(parts) != 2 and not logarithmic:
+        raise argparse.ArgumentTypeError(f"{text.strip()!r} is not LOWER:UPPER or LOWER:UPPER:log")
+    try:
+        lower, upper = float(parts[0]), float(parts[1])
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text.strip()!r} does not hold two numbers") from None
+    return name, (lower, upper, "log") if logarithmic else (lower, upper)
+
+
+def _choices(text: str) -> tuple[Optional[str], list[Any]]:
+    name, values = _named(text)
+    choices = [_literal(value) for value in values.split(",")]
+    if "" in choices:
+        raise argparse.ArgumentTypeError(f"{text.strip()!r} holds an empty choice")
+    return name, choices
+
+
+def _named(text: str) -> tuple[Optional[str], str]:
+    name, equals, values = text.strip().partition("=")
+    return (name, values) if equals else (None, text.strip())
+
+
+def _literal(text: str) -> Any:
+    """A number, True, False or None as such, anything else as text."""
+    text = text.strip()
+    try:
+        value = ast.literal_eval(text)
+    except (ValueError, SyntaxError):
+        return text
+    return value if value is None or isinstance(value, (bool, int, float)) else text
+
+
+def _complete(given: Sequence[Optional[str]], dimension: int) -> list[str]:
+    """Names for all variables, with the usual ones for those that have none."""
+    return [
+        name or (f"x[{i}]" if i < dimension else f"categories[{i - dimension}]")
+        for i, name in enumerate(given)
+    ]
+
+
+def _show(
+    result: OptimizeResult, names: Optional[Sequence[str]], options: argparse.Namespace
+) -> None:
+    if names is None:
+        count = result.history.dimension + len(result.history.choices)
+        names = _complete([None] * count, result.history.dimension)
+    if options.json:
+        _print_json(_json_result(result, names))
+    elif not options.quiet:
+        print(_describe_result(result, names))
+    if options.plot:
+        _plot(result, result.history, options.plot)
+
+
+def _describe_result(result: OptimizeResult, names: Sequence[str]) -> str:
+    history = result.history
+    if result.x is None:
+        return f"nothing was evaluated: {result.message}"
+    lines = []
+    if math.isfinite(result.fun):
+        lines.append(("minimum", _number(result.fun)))
+    else:
+        lines.append(("minimum", "none: no feasible point was found"))
+        lines.append(("violation", f"{_number(result.maxcv)} at the point that came closest"))
+    values = [*map(_number, result.x), *map(str, result.categories)]
+    for position, (name, value) in enumerate(zip(names, values)):
+        lines.append(("" if position else "at", f"{name} = {value}"))
+    for position, local in enumerate(result.locals[1:4]):
+        where = ", ".join([*map(_number, local.x), *map(str, local.categories)])
+        lines.append(("" if position else "others", f"{_number(local.fun)} at {where}"))
+    if len(result.locals) > 4:
+        lines.append(("", f"and {len(result.locals) - 4} more local minima"))
+    calls = f"{result.nit} trials, {result.nfev} calls of the function"
+    if result.replayed:
+        calls += f", {result.replayed} from the journal"
+    lines.append(("effort", f"{calls}, {result.elapsed_seconds:.2f} s"))
+    lines.append(("best", f"found by trial {history.best() + 1} of {len(history)}"))
+    lines.append(("stopped", result.message))
+    return _aligned(lines)
+
+
+def _describe_recording(recording: Recording, last: int) -> str:
+    header, history = recording.header, recording.history
+    names = header["names"]
+    lines = [("objective", header["objective"])]
+    for position, (lower, upper) in enumerate(header["bounds"]):
+        scale = ", logarithmic" if position in header["logarithmic"] else ""
+        lines.append(
+            ("" if position else "variables", f"{names[position]} in [{lower:g}, {upper:g}]{scale}")
+        )
+    for name, choices in zip(names[history.dimension :], header["categories"]):
+        lines.append(("", f"{name} in {{{', '.join(map(str, choices))}}}"))
+    for position, constraint in enumerate(header["constraints"]):
+        lines.append(("" if position else "constraints", constraint))
+    feasible = sum(index == history.goal for index in history.index)
+    elapsed = history.time[-1] if len(history) else 0.0
+    lines.append(("trials", f"{len(history)}, {feasible} of them feasible, in {elapsed:.2f} s"))
+    if not len(history):
+        return _aligned(lines)
+    best = history[history.best()]
+    lines.append(("best", f"{_outcome(best, history)} by trial {best.number + 1}"))
+    values = [*map(_number, best.x), *map(str, best.categories)]
+    for position, (name, value) in enumerate(zip(names, values)):
+        lines.append(("" if position else "at", f"{name} = {value}"))
+    text = _aligned(lines)
+    if last > 0:
+        text += "\n\n" + _table(history[-last:], history, names)
+    return text
+
+
+def _table(trials: Iterable[Trial], history: History, names: Sequence[str]) -> str:
+    rows = [["trial", *names, "objective", "seconds"]]
+    for trial in trials:
+        values = [*(f"{x:.6g}" for x in trial.x), *map(str, trial.categories)]
+        outcome = _outcome(trial, history)
+        rows.append([str(trial.number + 1), *values, outcome, f"{trial.time:.3f}"])
+    widths = [max(map(len, column)) for column in zip(*rows)]
+    return "\n".join(
+        "  ".join(cell.rjust(width) for cell, width in zip(row, widths)) for row in rows
+    )
+
+
+def _outcome(trial: Trial, history: History) -> str:
+    if trial.index == history.goal:
+        return _number(trial.value)
+    if trial.index < history.constraint_count:
+        return f"constraint {trial.index} is {trial.value:.6g}"
+    return "not finite"
+
+
+def _describe_demo(
+    fitted: OptimizeResult, laws: OptimizeResult, limited: OptimizeResult, agrees: bool
+) -> str:
+    published = demo.PUBLISHED
+    values = {"Vmax": fitted.x[0], "Km": fitted.x[1], "sum of squares": fitted.fun}
+    lines = [
+        "Rates of an enzymatic reaction in Puromycin-treated cells, 12 measurements",
+        "",
+        "Michaelis-Menten law       found   published",
+    ]
+    for name, value in values.items():
+        lines.append(f"  {name:<16} {value:>12.6g}{published[name]:>12.6g}")
+    verdict = "agree within 0.1 %" if agrees else "DIFFER by more than 0.1 %"
+    lines += [f"  The sums of squares {verdict} ({fitted.nit} trials).", ""]
+    lines.append("Best of four rate laws, found together with its parameters")
+    history = laws.history
+    for name in demo.RATE_LAWS:
+        lowest = min(trial.value for trial in history if trial.categories == (name,))
+        mark = "  <- best" if laws.categories == (name,) else ""
+        lines.append(f"  {name:<24} {lowest:>10.2f}{mark}")
+    lines += [
+        "",
+        f"Michaelis-Menten law with a slope Vmax / Km of at most {demo.SLOPE_LIMIT:g}",
+        f"  Vmax {limited.x[0]:.6g}, Km {limited.x[1]:.6g}, "
+        f"slope {limited.x[0] / limited.x[1]:.6g}, sum of squares {limited.fun:.6g}",
+    ]
+    return "\n".join(lines)
+
+
+def _aligned(lines: Sequence[tuple[str, str]]) -> str:
+    width = max(len(label) for label, _ in lines)
+    return "\n".join(f"{label:<{width}}  {text}" for label, text in lines)
+
+
+def _number(value: float) -> str:
+    return f"{value:.8g}"
+
+
+def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]:
+    point = None if result.x is None else [float(value) for value in result.x]
+    return {
+        "names": list(names),
+        "x": point,
+        "categories": list(result.categories),
+        "fun": result.fun,
+        "success": result.success,
+        "status": Status(result.status).name,
+        "message": result.message,
+        "nfev": result.nfev,
+        "nit": result.nit,
+        "maxcv": result.maxcv,
+        "constraints": list(result.constraints),
+        "locals": [
+            {
+                "x": [float(value) for value in local.x],
+                "categories": list(local.categories),
+                "fun": local.fun,
+                "radius": local.radius,
+            }
+            for local in result.locals
+        ],
+        "phases": result.phases,
+        "replayed": result.replayed,
+        "elapsed_seconds": result.elapsed_seconds,
+    }
+
+
+def _json_trial(trial: Trial) -> dict[str, Any]:
+    return {
+        "x": list(trial.x),
+        "categories": list(trial.categories),
+        "index": trial.index,
+        "value": trial.value,
+        "time": trial.time,
+        "constraints": list(trial.constraints),
+    }
+
+
+def _print_json(value: Any) -> None:
+    print(json.dumps(_plain(value), indent=2, allow_nan=False))
+
+
+def _plain(value: Any) -> Any:
+    """The value without what JSON lacks: NaN and infinities become null, other objects text."""
+    if isinstance(value, dict):
+        return {str(key): _plain(item) for key, item in value.items()}
+    if isinstance(value, (list, tuple)):
+        return [_plain(item) for item in value]
+    if isinstance(value, float):
+        return float(value) if math.isfinite(value) else None
+    return value if value is None or isinstance(value, (bool, int, str)) else str(value)
+
+
+def _check_plot(path: str) -> None:
+    """Find out before the search, not after it, that its picture cannot be drawn."""
+    from . import plots
+
+    try:
+        plots.check_format(path)
+    except (ImportError, ValueError) as error:
+        raise UsageError(str(error)) from error
+    folder = Path(path).resolve().parent
+    if not folder.is_dir():
+        raise UsageError(f"cannot write {path}: there is no folder {folder}")
+
+
+def _plot(source: Any, history: History, path: str) -> None:
+    if len(history):
+        from . import plots
+
+        plots.save_overview(source, path)
+
+
+def _describe(error: BaseException) -> str:
+    """An exception in one line, with the place where it was raised."""
+    text = " ".join(str(error).split())
+    place = ""
+    frames = traceback.extract_tb(error.__traceback__)
+    outside = [f for f in frames if Path(f.filename).parent != Path(__file__).parent]
+    outside = [f for f in outside if not f.filename.startswith("<frozen")]
+    if outside and outside[-1].filename != importlib.__file__:
+        place = f" ({Path(outside[-1].filename).name}, line {outside[-1].lineno})"
+    return f"{type(error).__name__}{': ' if text else ''}{text}{place}"
+
+
+def _report(error: BaseException, text: str, options: argparse.Namespace, code: ExitCode) -> int:
+    if options.traceback:
+        traceback.print_exception(type(error), error, error.__traceback__)
+    print(f"{PROGRAM}: error: {' '.join(text.split())}", file=sys.stderr)
+    return code

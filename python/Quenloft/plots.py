@@ -1,0 +1,695 @@
+# SPDX-License-Identifier: MIT
+"""Pictures of a search: its convergence, its trials, its objective along each variable.
+
+They need matplotlib (``pip install "Quenloft[plot]"``), which is imported only when a picture is
+drawn. Each function draws a search that ended (an `OptimizeResult`), one that is recorded
+(`Recording`, from `read_journal`) or a bare `History`, takes the axes to draw into and returns
+them.
+"""
+
+from __future__ import annotations
+
+import math
+import os
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, Any, Optional, Sequence, Union
+
+from .history import History
+from .journal import Recording
+from .result import OptimizeResult
+
+if TYPE_CHECKING:
+    from matplotlib.axes import Axes
+    from matplotlib.figure import Figure
+
+Source = Union[OptimizeResult, Recording, History]
+
+# More variables than these make the panels of a matrix too small to read.
+MOST_PROJECTED = 8
+
+_ORDER = "viridis"  # colours of the order of trials
+_INFEASIBLE = "#b0413e"
+_BEST = "#e8590c"
+
+
+def plot_convergence(
+    source: Union[Source, Sequence[Source]],
+    ax: Optional[Axes] = None,
+    *,
+    minimum: Optional[float] = None,
+    labels: Optional[Sequence[str]] = None,
+) -> Axes:
+    """Best objective value against the number of trials.
+
+    A single search is drawn with its trials: dots for feasible ones, a rug below for infeasible
+    ones. Several are drawn as one line each.
+
+    Parameters
+    ----------
+    source : OptimizeResult, Recording or History, or a sequence of them
+        What to draw.
+    ax : matplotlib.axes.Axes, optional
+        Where; a new figure by default.
+    minimum : float, optional
+        The known minimum: the difference to it is drawn, on a logarithmic axis.
+    labels : sequence of str, optional
+        Names of the searches, for the legend.
+
+    Returns
+    -------
+    matplotlib.axes.Axes
+
+    Raises
+    ------
+    ValueError
+        There is no trial to draw, or not one label for each search.
+    """
+    sources = [source] if isinstance(source, (OptimizeResult, Recording, History)) else source
+    single = sources is not source
+    views = [_view(item) for item in sources]
+    if not views:
+        raise ValueError("no search to draw")
+    if labels is not None and len(labels) != len(views):
+        raise ValueError(f"{len(labels)} labels for {len(views)} searches")
+    ax = _axes(ax)
+    shown: list[float] = []  # every value drawn, for the choice of the scale
+    for position, view in enumerate(views):
+        history = view.history
+        offset = minimum or 0.0
+        best = [value - offset for value in history.running_best()]
+        numbers = range(1, len(best) + 1)
+        if single:
+            feasible = [i for i in range(len(history)) if history.index[i] == history.goal]
+            values = [history.value[i] - offset for i in feasible]
+            ax.plot(
+                [i + 1 for i in feasible], values, ".", color="0.6", markersize=4,
+                label="trials", zorder=1,
+            )
+            shown += values
+            _draw_infeasible_rug(ax, view)
+        (line,) = ax.step(
+            numbers, best, where="post", linewidth=1.8, zorder=3,
+            label=labels[position] if labels else "best so far" if single else f"search {position + 1}",
+        )
+        if view.history.polish_start is not None and single:
+            ax.axvline(view.history.polish_start + 0.5, color="0.4", linestyle=":", label="polish")
+        last = best[-1]
+        if not math.isnan(last):
+            ax.plot(len(best), last, "o", color=line.get_color(), markersize=5, zorder=4)
+        shown += [value for value in best if not math.isnan(value)]
+    _scale_values(ax, shown, minimum)
+    ax.set_xlabel("trials")
+    ax.set_ylabel("objective" if minimum is None else f"objective above {minimum:g}")
+    ax.margins(x=0.02)
+    if single or len(views) > 1 or labels:
+        ax.legend(loc="upper right", fontsize="small", framealpha=0.9)
+    return ax
+
+
+def plot_trials(
+    source: Source,
+    ax: Any = None,
+    *,
+    variables: Optional[Sequence[Union[int, str]]] = None,
+    categories: Optional[Sequence[Any]] = None,
+    names: Optional[Sequence[str]] = None,
+    logarithmic: Optional[Sequence[int]] = None,
+) -> Any:
+    """Where the trials lie, in the order in which they were made.
+
+    Of two variables the picture is a map: contours of the objective through the feasible trials,
+    the trials coloured by their order, the best one and the other local minima marked. Of more it
+    is a matrix: each pair of variables in projection below the diagonal, on the diagonal how
+    many trials lie where. Of one it is the objective itself.
+
+    Parameters
+    ----------
+    source : OptimizeResult, Recording or History
+        What to draw.
+    ax : matplotlib.axes.Axes, or array of them, optional
+        Where: for one or two variables one, for n an array of shape (n, n), of which those above
+        the diagonal are hidden. A new figure by default.
+    variables : sequence of int or str, optional
+        Which variables, by position or name: all by default, the first eight if there are more.
+    categories : sequence, optional
+        The choices of the categorical variables whose trials are drawn; those of the best
+        trial by default.
+    names, logarithmic : sequence, optional
+        Names of the variables, positions of those with a logarithmic axis; as the search had
+        them by default.
+
+    Returns
+    -------
+    matplotlib.axes.Axes, or array of them
+        `ax`, or the new axes.
+
+    Raises
+    ------
+    ValueError
+        There is no trial to draw, or no such variable.
+    """
+    view = _view(source, names, logarithmic)
+    axes = view.positions(variables)
+    subset = view.of_categories(categories)
+    if len(axes) == 1:
+        ax = _axes(ax)
+        _draw_along(ax, view, subset, axes[0])
+    elif len(axes) == 2 and view.history.dimension == 2:
+        ax = _axes(ax)
+        _draw_map(ax, view, subset, axes[0], axes[1])
+    elif len(axes) == 2:
+        ax = _axes(ax)
+        points = _draw_projection(ax, view, subset, axes[0], axes[1])
+        ax.figure.colorbar(points, ax=ax, label="trial")
+    else:
+        ax = _draw_matrix(ax, view, subset, axes)
+    return ax
+
+
+def plot_objective(
+    source: Source,
+    ax: Any = None,
+    *,
+    variables: Optional[Sequence[Union[int, str]]] = None,
+    names: Optional[Sequence[str]] = None,
+    logarithmic: Optional[Sequence[int]] = None,
+) -> Any:
+    """The objective along each variable: what the feasible trials say about it.
+
+    One panel for each variable, the categorical ones last. Each shows the value of every
+    feasible trial, with a line through the lowest: how the best reachable value depends on the
+    variable. A flat line means that the variable hardly matters.
+
+    Parameters
+    ----------
+    source : OptimizeResult, Recording or History
+        What to draw.
+    ax : matplotlib.axes.Axes or a sequence of them, optional
+        One for each variable drawn. A new figure by default.
+    variables : sequence of int or str, optional
+        Which variables, by position or name: all by default. Categorical variables are numbered
+        after the real ones.
+    names, logarithmic : sequence, optional
+        Names of the variables, positions of those with a logarithmic axis; as the search had
+        them by default.
+
+    Returns
+    -------
+    matplotlib.axes.Axes or array of them
+        `ax`, or the new axes: one alone for a single variable.
+
+    Raises
+    ------
+    ValueError
+        There is no trial to draw, no such variable, or not one of `ax` for each variable.
+    """
+    view = _view(source, names, logarithmic)
+    chosen = view.positions(variables, categorical=True)
+    if ax is None:
+        columns = min(3, len(chosen))
+        rows = -(-len(chosen) // columns)
+        figure = _pyplot().figure(
+            figsize=(3.6 * columns + 0.6, 2.9 * rows + 0.3), layout="constrained"
+        )
+        ax = _panels(figure, len(chosen), columns)
+        ax = ax[0] if len(chosen) == 1 else ax
+    panels = [ax] if not hasattr(ax, "__len__") else list(_flatten(ax))
+    if len(panels) != len(chosen):
+        raise ValueError(f"{len(panels)} axes for {len(chosen)} variables")
+    trials = range(len(view.history))
+    for panel, variable in zip(panels, chosen):
+        if variable < view.history.dimension:
+            _draw_along(panel, view, trials, variable)
+        else:
+            _draw_choices(panel, view, variable)
+    return ax
+
+
+def plot_overview(source: Source, figure: Optional[Figure] = None) -> Figure:
+    """Convergence and, below it, trials or objective: what ``--plot`` of the command line draws.
+
+    Parameters
+    ----------
+    source : OptimizeResult, Recording or History
+        What to draw.
+    figure : matplotlib.figure.Figure, optional
+        Where; by default a new one that belongs to no window.
+
+    Returns
+    -------
+    matplotlib.figure.Figure
+    """
+    view = _view(source)
+    history = view.history
+    panel_count = history.dimension + len(history.choices)
+    columns = min(3, panel_count)
+    rows = -(-panel_count // columns)
+    with_map = history.dimension == 2
+    if figure is None:
+        matplotlib = _matplotlib()
+        height = 3.4 + 2.8 * rows + (5.4 if with_map else 0.0)
+        figure = matplotlib.figure.Figure(
+            figsize=(max(7.0, 3.5 * columns), height), layout="constrained"
+        )
+    ratios = [3.4, *([5.4] if with_map else []), 2.8 * rows]
+    parts = figure.subfigures(len(ratios), 1, height_ratios=ratios)
+    plot_convergence(source, parts[0].subplots())
+    if with_map:
+        plot_trials(source, parts[1].subplots())
+    panels = _panels(parts[-1], panel_count, columns)
+    plot_objective(source, panels)
+    return figure
+
+
+def save_overview(source: Source, path: Union[str, os.PathLike[str]]) -> None:
+    """Write `plot_overview` to a file, whose suffix sets the format (png, pdf, svg).
+
+    Raises
+    ------
+    ImportError
+        matplotlib is not installed.
+    ValueError
+        There is no trial to draw, or the format is unknown.
+    OSError
+        The file cannot be written.
+    """
+    plot_overview(source).savefig(os.fspath(path), dpi=120)
+
+
+def check_format(path: Union[str, os.PathLike[str]]) -> None:
+    """Raise what `save_overview` would for the format of this file.
+
+    Raises
+    ------
+    ImportError
+        matplotlib is not installed.
+    ValueError
+        The suffix names no format that it can write.
+    """
+    known = _matplotlib().figure.Figure().canvas.get_supported_filetypes()
+    suffix = os.path.splitext(os.fspath(path))[1].lstrip(".").lower()
+    if suffix not in known:
+        raise ValueError(f"cannot draw {os.fspath(path)!r}: name a .png, .pdf or .svg file")
+
+
+@dataclass
+class _View:
+    """What all pictures read of a search."""
+
+    history: History
+    names: tuple[str, ...]  # the real variables, then the categorical ones
+    logarithmic: frozenset[int]
+    bounds: Optional[list[tuple[float, float]]]
+    minima: list[tuple[Sequence[float], tuple[Any, ...], float]]  # best first
+
+    def positions(
+        self, variables: Optional[Sequence[Union[int, str]]], categorical: bool = False
+    ) -> list[int]:
+        dimension = self.history.dimension
+        count = dimension + (len(self.history.choices) if categorical else 0)
+        if variables is None:
+            return list(range(count if categorical else min(count, MOST_PROJECTED)))
+        known = self.names[:count]
+        found = []
+        for variable in [variables] if isinstance(variables, (int, str)) else variables:
+            if isinstance(variable, str) and variable in known:
+                found.append(known.index(variable))
+            elif isinstance(variable, int) and 0 <= variable < count:
+                found.append(variable)
+            else:
+                raise ValueError(f"no variable {variable!r}; there are {', '.join(known)}")
+        if not found:
+            raise ValueError("no variable to draw")
+        return found
+
+    def of_categories(self, categories: Optional[Sequence[Any]]) -> list[int]:
+        """Positions of the trials with these choices."""
+        history = self.history
+        if not history.choices:
+            return list(range(len(history)))
+        wanted = self.minima[0][1] if categories is None else tuple(categories)
+        found = [i for i in range(len(history)) if self.chosen(i) == wanted]
+        if not found:
+            raise ValueError(f"no trial has the categories {wanted}")
+        return found
+
+    def chosen(self, trial: int) -> tuple[Any, ...]:
+        """The choices of the categorical variables of a trial."""
+        return self.history[trial].categories
+
+    def feasible(self, trials: Sequence[int]) -> list[int]:
+        index, goal = self.history.index, self.history.goal
+        return [i for i in trials if index[i] == goal]
+
+    def column(self, variable: int, trials: Sequence[int]) -> list[float]:
+        table = self.history.x
+        return [table[i][variable] for i in trials]
+
+    def values(self, trials: Sequence[int]) -> list[float]:
+        column = self.history.value
+        return [column[i] for i in trials]
+
+    def prepare_axis(self, axis: Any, variable: int) -> None:
+        """Label, scale and limits of a matplotlib axis for a real variable."""
+        horizontal = axis.axis_name == "x"
+        ax = axis.axes
+        (ax.set_xlabel if horizontal else ax.set_ylabel)(self.names[variable])
+        if variable in self.logarithmic:
+            (ax.set_xscale if horizontal else ax.set_yscale)("log")
+        if self.bounds is not None:
+            lower, upper = self.bounds[variable]
+            (ax.set_xlim if horizontal else ax.set_ylim)(lower, upper)
+
+
+def _view(
+    source: Source,
+    names: Optional[Sequence[str]] = None,
+    logarithmic: Optional[Sequence[int]] = None,
+) -> _View:
+    history = source if isinstance(source, History) else source.history
+    if not len(history):
+        raise ValueError("there is no trial to draw")
+    header: dict[str, Any] = source.header if isinstance(source, Recording) else {}
+    bounds = header.get("bounds") or getattr(history, "bounds", None)
+    if logarithmic is None:
+        logarithmic = header.get("logarithmic", getattr(history, "logarithmic", ()))
+    scaled: frozenset[int] = frozenset(logarithmic or ())
+    given: Sequence[str] = names or header.get("names", getattr(history, "names", ()))
+    known = list(given)
+    known += [f"x[{i}]" for i in range(len(known), history.dimension)]
+    known += [
+        f"categories[{i}]"
+        for i in range(len(known) - history.dimension, len(history.choices))
+    ]
+    best = history[history.best()]
+    minima = [(best.x, best.categories, best.value)]
+    if isinstance(source, OptimizeResult):
+        found = [(tuple(m.x), m.categories, m.fun) for m in source.get("locals", ())]
+        minima = found or minima
+    return _View(
+        history,
+        tuple(known),
+        scaled,
+        [(pair[0], pair[1]) for pair in bounds] if bounds else None,
+        minima,
+    )
+
+
+def _matplotlib() -> Any:
+    try:
+        import matplotlib
+        import matplotlib.figure
+    except ImportError as error:
+        raise ImportError(
+            'plots need matplotlib: pip install matplotlib, or "Quenloft[plot]"'
+        ) from error
+    return matplotlib
+
+
+def _pyplot() -> Any:
+    _matplotlib()
+    import matplotlib.pyplot
+
+    return matplotlib.pyplot
+
+
+def _axes(ax: Any) -> Any:
+    return _pyplot().subplots(layout="constrained")[1] if ax is None else ax
+
+
+def _panels(figure: Any, count: int, columns: int) -> Any:
+    """The first `count` axes of a grid, in reading order, as a flat array."""
+    rows = -(-count // columns)
+    grid = figure.subplots(rows, columns, squeeze=False).ravel()
+    for unused in grid[count:]:
+        unused.remove()
+    return grid[:count]
+
+
+def _flatten(axes: Any) -> list[Any]:
+    if hasattr(axes, "__len__"):
+        return [panel for part in axes for panel in _flatten(part)]
+    return [axes]
+
+
+def _scale_values(ax: Any, values: Sequence[float], minimum: Optional[float] = None) -> None:
+    """A logarithmic axis for values that span decades, else one on which the best part is seen.
+
+    The first trials of a search are often far above everything that matters later: on a linear
+    axis that shows them all, the rest is a straight line at the bottom.
+    """
+    finite = sorted(value for value in values if math.isfinite(value))
+    if not finite:
+        return
+    positive = [value for value in finite if value > 0.0]
+    if minimum is not None and positive:
+        ax.set_yscale("log")
+    elif finite[0] > 0.0 and finite[-1] > 100.0 * finite[0]:
+        ax.set_yscale("log")
+    else:
+        middle = finite[int(0.9 * (len(finite) - 1))]
+        reach = middle - finite[0]
+        if reach > 0.0 and finite[-1] - finite[0] > 3.0 * reach:
+            ax.set_ylim(finite[0] - 0.1 * reach, finite[0] + 1.5 * reach)
+
+
+def _draw_infeasible_rug(ax: Any, view: _View) -> None:
+    history = view.history
+    infeasible = [i + 1 for i in range(len(history)) if history.index[i] != history.goal]
+    if infeasible:
+        ax.plot(
+            infeasible, [0.02] * len(infeasible), "|", color=_INFEASIBLE, markersize=6,
+            transform=ax.get_xaxis_transform(), label="infeasible", zorder=1,
+        )
+
+
+def _draw_map(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> None:
+    _draw_contours(ax, view, trials, first, second)
+    points = _draw_projection(ax, view, trials, first, second)
+    if points is not None:
+        ax.figure.colorbar(points, ax=ax, label="trial")
+    ax.legend(
+        loc="lower right", bbox_to_anchor=(1.0, 1.0), ncol=3, fontsize="small", frameon=False,
+        borderaxespad=0.2, handletextpad=0.2,
+    )
+    if view.history.choices:
+        ax.set_title(", ".join(map(str, view.chosen(trials[0]))), loc="left", fontsize="medium")
+
+
+def _draw_contours(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> None:
+    """Filled contours over a triangulation of the trials; none where a corner is infeasible.
+
+    The triangulation is made in the box of the search, where both variables have the same
+    range: in the caller's units its triangles would be slivers.
+    """
+    _matplotlib()
+    from matplotlib.tri import Triangulation
+
+    feasible = set(view.feasible(trials))
+    unit = [_unit(view, variable, trials) for variable in (first, second)]
+    if len(feasible) < 3:
+        return
+    try:
+        triangles = Triangulation(unit[0], unit[1]).triangles
+    except (RuntimeError, ValueError):  # fewer than three trials, or all on one line
+        return
+    values = view.values(trials)
+    levels = _quantiles([view.history.value[i] for i in feasible], 14)
+    if len(levels) < 2:
+        return
+    mask = [any(trials[corner] not in feasible for corner in triangle) for triangle in triangles]
+    if all(mask):
+        return
+    mesh = Triangulation(
+        view.column(first, trials), view.column(second, trials), triangles, mask=mask
+    )
+    # Darker is lower. One shade for each level: the levels are quantiles, and with shades by
+    # value all but a few would look alike.
+    shades = [str(0.55 + 0.42 * i / (len(levels) - 1)) for i in range(len(levels) - 1)]
+    ax.tricontourf(mesh, values, levels=levels, colors=shades, zorder=0)
+    ax.tricontour(
+        mesh, values, levels=levels, colors="0.5", linewidths=0.5, linestyles="solid", zorder=1
+    )
+
+
+def _unit(view: _View, variable: int, trials: Sequence[int]) -> list[float]:
+    scale = math.log if variable in view.logarithmic else float
+    column = [scale(value) for value in view.column(variable, trials)]
+    lower, upper = min(column), max(column)
+    return [(value - lower) / ((upper - lower) or 1.0) for value in column]
+
+
+def _quantiles(values: Sequence[float], count: int) -> list[float]:
+    """Distinct levels with about equally many values between them, ends included."""
+    ordered = sorted(values)
+    picked = {ordered[round(i * (len(ordered) - 1) / count)] for i in range(count + 1)}
+    return sorted(picked)
+
+
+def _draw_projection(
+    ax: Any, view: _View, trials: Sequence[int], first: int, second: int, size: float = 14.0
+) -> Any:
+    feasible = view.feasible(trials)
+    inside = set(feasible)
+    infeasible = [i for i in trials if i not in inside]
+    if infeasible:
+        ax.scatter(
+            view.column(first, infeasible), view.column(second, infeasible), marker="x",
+            s=0.8 * size, linewidths=0.7, color=_INFEASIBLE, alpha=0.6, zorder=2,
+            label="infeasible",
+        )
+    points = ax.scatter(
+        view.column(first, feasible), view.column(second, feasible), c=[i + 1 for i in feasible],
+        cmap=_ORDER, s=size, linewidths=0.2, edgecolors="white", zorder=3,
+        vmin=1, vmax=len(view.history),
+    )
+    _mark_minima(ax, view, trials, first, second, size)
+    view.prepare_axis(ax.xaxis, first)
+    view.prepare_axis(ax.yaxis, second)
+    return points
+
+
+def _mark_minima(
+    ax: Any, view: _View, trials: Sequence[int], first: int, second: int, size: float
+) -> None:
+    shown = view.chosen(trials[0])
+    minima = [(x, rank) for rank, (x, chosen, _) in enumerate(view.minima) if chosen == shown]
+    others = [x for x, rank in minima if rank]
+    if others:
+        ax.scatter(
+            [x[first] for x in others], [x[second] for x in others], marker="D", s=2.5 * size,
+            facecolors="none", edgecolors=_BEST, linewidths=1.2, zorder=4, label="local minima",
+        )
+    best = [x for x, rank in minima if not rank]
+    if best:
+        ax.scatter(
+            [best[0][first]], [best[0][second]], marker="*", s=12.0 * size, color=_BEST,
+            edgecolors="white", linewidths=0.8, zorder=5, label="best",
+        )
+
+
+def _draw_matrix(ax: Any, view: _View, trials: Sequence[int], variables: Sequence[int]) -> Any:
+    count = len(variables)
+    created = ax is None
+    if created:
+        side = max(6.0, 1.9 * count)
+        _, ax = _pyplot().subplots(
+            count, count, figsize=(side + 0.6, side), squeeze=False, layout="constrained"
+        )
+    panels = _flatten(ax)
+    if len(panels) != count * count:
+        raise ValueError(f"{len(panels)} axes for a matrix of {count} x {count}")
+    points = None
+    for row in range(count):
+        for column in range(count):
+            panel = panels[row * count + column]
+            if column > row:
+                panel.set_visible(False)
+                continue
+            if column == row:
+                _draw_histogram(panel, view, trials, variables[row])
+            else:
+                points = _draw_projection(
+                    panel, view, trials, variables[column], variables[row], size=8.0
+                )
+            if row < count - 1:
+                panel.set_xlabel("")
+                panel.tick_params(labelbottom=False)
+            if 0 < column < row:
+                panel.set_ylabel("")
+                panel.tick_params(labelleft=False)
+            panel.tick_params(labelsize="small")
+    if created and points is not None:
+        figure = panels[0].figure
+        figure.colorbar(points, ax=panels, label="trial", shrink=0.6, location="right")
+    return ax
+
+
+def _draw_histogram(ax: Any, view: _View, trials: Sequence[int], variable: int) -> None:
+    column = view.column(variable, trials)
+    lower, upper = view.bounds[variable] if view.bounds else (min(column), max(column))
+    if variable in view.logarithmic:
+        edges = [lower * (upper / lower) ** (i / 20) for i in range(21)]
+    else:
+        edges = [lower + (upper - lower) * i / 20 for i in range(21)]
+    if edges[-1] > edges[0]:
+        edges[-1] = max(edges[-1], max(column))  # rounding must not lose a trial at the bound
+        ax.hist(column, bins=edges, color="0.7")
+    view.prepare_axis(ax.xaxis, variable)
+    ax.set_yticks([])
+    ax.set_ylabel("trials", fontsize="small")
+
+
+def _draw_along(ax: Any, view: _View, trials: Sequence[int], variable: int) -> None:
+    feasible = view.feasible(trials)
+    x, values = view.column(variable, feasible), view.values(feasible)
+    ax.scatter(
+        x, values, c=[i + 1 for i in feasible], cmap=_ORDER, s=10.0, linewidths=0,
+        vmin=1, vmax=len(view.history), zorder=2,
+    )
+    below = _lowest(_unit(view, variable, feasible) if feasible else [], x, values)
+    ax.plot([point[0] for point in below], [point[1] for point in below], color="0.3", zorder=3)
+    inside = set(feasible)
+    infeasible = [i for i in trials if i not in inside]
+    if infeasible:
+        ax.plot(
+            view.column(variable, infeasible), [0.02] * len(infeasible), "|", color=_INFEASIBLE,
+            markersize=5, transform=ax.get_xaxis_transform(), zorder=1,
+        )
+    _scale_values(ax, values)
+    best, _, value = view.minima[0]
+    if feasible:
+        ax.plot(
+            best[variable], value, "*", color=_BEST, markersize=13, markeredgecolor="white",
+            zorder=4,
+        )
+    view.prepare_axis(ax.xaxis, variable)
+    ax.set_ylabel("objective")
+
+
+def _lowest(
+    unit: Sequence[float], x: Sequence[float], values: Sequence[float], bins: int = 25
+) -> list[tuple[float, float]]:
+    """The lowest trial in each of equal parts of the variable's range, from left to right."""
+    lowest: dict[int, tuple[float, float]] = {}
+    for position, point in zip(unit, zip(x, values)):
+        part = min(int(position * bins), bins - 1)
+        if part not in lowest or point[1] < lowest[part][1]:
+            lowest[part] = point
+    return [lowest[part] for part in sorted(lowest)]
+
+
+def _draw_choices(ax: Any, view: _View, variable: int) -> None:
+    """One column for each choice: its feasible trials, spread by their order, and the lowest."""
+    history = view.history
+    which = variable - history.dimension
+    choices = history.choices[which]
+    columns = history.category
+    feasible = view.feasible(range(len(history)))
+    values = view.values(feasible)
+    chosen = [columns[i][which] for i in feasible]
+    spread = [0.5 * i / max(1, len(history) - 1) - 0.25 for i in feasible]
+    ax.scatter(
+        [choice + offset for choice, offset in zip(chosen, spread)], values,
+        c=[i + 1 for i in feasible], cmap=_ORDER, s=10.0, linewidths=0,
+        vmin=1, vmax=len(history), zorder=2,
+    )
+    for choice in sorted(set(chosen)):
+        lowest = min(value for value, other in zip(values, chosen) if other == choice)
+        ax.plot([choice - 0.35, choice + 0.35], [lowest] * 2, color="0.3", zorder=3)
+    _scale_values(ax, values)
+    if feasible:
+        best, value = history.best(), view.minima[0][2]
+        ax.plot(
+            columns[best][which], value, "*", color=_BEST, markersize=13, markeredgecolor="white",
+            zorder=4,
+        )
+    labels = [str(choice) for choice in choices]
+    crowded = sum(map(len, labels)) > 30
+    ax.set_xticks(
+        range(len(labels)), labels, rotation=20 if crowded else 0,
+        ha="right" if crowded else "center", fontsize="small",
+    )
+    ax.set_xlim(-0.6, len(labels) - 0.4)
+    ax.set_xlabel(view.names[variable])
+    ax.set_ylabel("objective")
