@@ -86,7 +86,7 @@ def fit_michaelis_menten(evaluations: int) -> bool:
     print(f"   maximal rate Vmax         {vmax:8.2f}   {PUBLISHED_VMAX:8.2f}")
     print(f"   half-saturation Km        {km:8.5f}   {PUBLISHED_KM:8.5f}")
     print(f"   sum of squared residuals  {best.value:8.2f}   {PUBLISHED_SUM:8.2f}")
-    close = abs(best.value - PUBLISHED_SUM) <= 0.001 * PUBLISHED_SUM
+    close: bool = abs(best.value - PUBLISHED_SUM) <= 0.001 * PUBLISHED_SUM
     if close:
         print(f"   The sums agree within 0.1 % ({result.tests} evaluations).")
     else:
