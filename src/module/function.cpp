@@ -8,6 +8,7 @@
 
 using QuenloftModule::calling_python;
 using QuenloftModule::PyRef;
+using QuenloftModule::SavedError;
 
 namespace {
 
@@ -27,20 +28,16 @@ Function::Function(PyObject* callable, std::uint32_t dimension, std::uint32_t ca
       dimension(dimension) {}
 
 double Function::operator()(const double* point, const std::int32_t* categorical) {
-  const bool is_clean = PyErr_Occurred() == nullptr && Refill(point, categorical);
-  if (is_clean) {
-    const double value = Call();
-    if (PyErr_Occurred() == nullptr) return value;
-  } else {
-    // The callable is called all the same, with the error set aside meanwhile: it
-    // must not run with the indicator set. An error of its own is the later one
-    // and takes the place of that which was set aside.
-    QuenloftModule::SavedError earlier;
-    earlier.Save();
-    Call();
-    if (PyErr_Occurred() == nullptr) earlier.Restore();
-  }
-  return std::numeric_limits<double>::quiet_NaN();
+  // An error that was there before, or one of the refill, makes the evaluation
+  // fail, but the callable is called all the same. The error is set aside
+  // meanwhile: nothing of Python may run with the indicator set.
+  SavedError earlier;
+  earlier.Save();
+  if (!Refill(point, categorical)) earlier.Save();
+  const double value = Call();
+  // An error of the callable is the later one and counts.
+  if (PyErr_Occurred() == nullptr) earlier.Restore();
+  return PyErr_Occurred() == nullptr ? value : std::numeric_limits<double>::quiet_NaN();
 }
 
 bool Function::Refill(const double* point, const std::int32_t* categorical) {

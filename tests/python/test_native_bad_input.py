@@ -1,0 +1,318 @@
+# SPDX-License-Identifier: MIT
+"""What callers do to a search from inside and outside; none of it may end the interpreter."""
+
+import gc
+import os
+import signal
+import subprocess
+import sys
+import threading
+import warnings
+
+import pytest
+
+from _Quenloft import Problem, TestFunction as Grishagin
+
+RUNNING = "Minimize is already running on this problem."
+STOP = {"stop_tests": 60}
+
+
+def bowl(x, categories=()):
+    return sum((v - 0.3) ** 2 for v in x) + sum(categories)
+
+
+def trials(meddle=lambda: None, **changed):
+    """Points of a search whose target calls `meddle` before it answers."""
+    points = []
+
+    def target(x, categories=()):
+        points.append((tuple(list(x)), tuple(list(categories))))
+        meddle()
+        return bowl(x, categories)
+
+    subject = Problem(**{"bounds": [0, 1, 0, 1], "target": target, **changed})
+    return subject, points, lambda: subject.Minimize(**STOP).tests
+
+
+def undisturbed(**changed):
+    _, points, run = trials(**changed)
+    run()
+    return points
+
+
+def fails(*_):
+    raise KeyError("lost")
+
+
+class Items(list):
+    """A list that can lie about its length and its items."""
+
+    length = list.__len__
+    item = list.__getitem__
+
+    def __len__(self):
+        return self.length()
+
+    def __getitem__(self, position):
+        return self.item(position)
+
+
+@pytest.mark.parametrize("bounds", [[], [0, 1] * 33, Items([0, 1] * 500)])
+def test_number_of_variables_is_checked_by_the_search(bounds):
+    subject = Problem(bounds=bounds, target=bowl)
+    with pytest.raises(TypeError) as failure:
+        subject.Minimize(**STOP)
+    assert str(failure.value) == "Bounds must hold from 1 to 32 variables."
+
+
+def test_odd_bound_of_a_list_that_changed_is_ignored():
+    bounds = [0, 1, 0, 1]
+    subject = Problem(bounds=bounds, target=bowl)
+    bounds.pop()
+    assert len(subject.Minimize(**STOP).minimum.coordinate) == 1
+
+
+@pytest.mark.parametrize("field", ["bounds", "categorical", "constraints"])
+@pytest.mark.parametrize(
+    "length, error",
+    [
+        (fails, KeyError),
+        (lambda: -1, ValueError),
+        (lambda: 2**62, (TypeError, MemoryError, RuntimeError)),
+        (lambda: 10**12, (TypeError, MemoryError)),
+        (lambda: 2**70, OverflowError),
+    ],
+)
+def test_length_that_lies_when_the_search_starts(field, length, error):
+    items = Items({"bounds": [0, 1], "categorical": [2], "constraints": [bowl]}[field])
+    subject = Problem(**{"bounds": [0, 1], "target": bowl, field: items})
+    items.length = length
+    with pytest.raises(error):
+        subject.Minimize(**STOP)
+    items.length = lambda: 2 if field == "bounds" else 1
+    assert subject.Minimize(**STOP).tests == 60
+
+
+# The conversion fails, the callable is called once with the error set aside, and the search ends.
+@pytest.mark.parametrize("field, cause", [("bounds", TypeError), ("categorical", SystemError)])
+def test_item_that_cannot_be_fetched_fails_the_first_evaluation(field, cause):
+    items = Items({"bounds": [0, 1, 0, 1], "categorical": [2]}[field])
+    subject, points, run = trials(**{field: items})
+    items.item = fails
+    with pytest.raises(SystemError) as failure:
+        run()
+    assert type(failure.value.__cause__) is cause
+    assert len(points) == 1
+
+
+class Number:
+    """A number whose conversion does something first."""
+
+    def __init__(self, value, action=lambda: None):
+        self.value, self.action = value, action
+
+    def __float__(self):
+        self.action()
+        return float(self.value)
+
+    def __index__(self):
+        self.action()
+        return self.value
+
+
+@pytest.mark.parametrize("field", ["bounds", "categorical"])
+def test_conversion_that_raises_fails_the_first_evaluation(field):
+    number = Number(2)
+    subject, points, run = trials(**{field: [0, number, 0, 1] if field == "bounds" else [2, number]})
+    number.action = fails
+    with pytest.raises(SystemError) as failure:
+        run()
+    assert repr(failure.value.__cause__) == "KeyError('lost')"
+    assert len(points) == 1
+    number.action = lambda: None
+    assert run() == 60
+
+
+def test_conversion_that_changes_the_problem():
+    bounds = [0, Number(1), 0, 1, 0, 1]
+    subject = Problem(bounds=bounds, target=bowl)
+
+    def meddle():
+        bounds.clear()
+        subject.__init__(bounds=[0, 5], target=fails)
+        refused(lambda: subject.Minimize(**STOP))
+
+    bounds[1].action = meddle
+    with pytest.raises(SystemError) as failure:
+        subject.Minimize(**STOP)
+    assert type(failure.value.__cause__) is TypeError
+
+
+@pytest.mark.parametrize(
+    "change, message",
+    [
+        (lambda sizes: sizes.append(0), "Categorical must be a sequence integers > 1."),
+        (lambda sizes: sizes.append(-5), "Categorical must be a sequence integers > 1."),
+        (lambda sizes: sizes.extend([65536, 32768]), "Categorical has too many combinations."),
+    ],
+)
+def test_categorical_sizes_that_no_search_can_use(change, message):
+    sizes = [2]
+    subject = Problem(bounds=[0, 1], categorical=sizes, target=bowl)
+    change(sizes)
+    with pytest.raises(TypeError) as failure:
+        subject.Minimize(**STOP)
+    assert str(failure.value) == message
+
+
+def test_constraints_that_changed_since_they_were_checked():
+    constraints = [lambda x: -1.0]
+    subject, points, run = trials(constraints=constraints)
+    constraints.append(3)
+    with pytest.raises(SystemError):
+        run()
+    assert points == []
+
+
+# An error that is kept would keep the frame of the target, and with it the tuple.
+def refused(action, message=RUNNING):
+    try:
+        action()
+    except TypeError as error:
+        assert message in str(error)
+    else:
+        raise AssertionError("not refused")
+
+
+def from_a_thread(action):
+    errors = []
+
+    def run():
+        try:
+            action()
+        except BaseException as error:
+            errors.append(error)
+
+    thread = threading.Thread(target=run)
+    thread.start()
+    thread.join()
+    assert errors == []
+
+
+MEDDLING = {
+    "search again": lambda s: refused(lambda: s.Minimize(**STOP)),
+    "search again without a stop": lambda s: refused(s.Minimize, message="At least one stop"),
+    "search in a thread": lambda s: from_a_thread(lambda: refused(lambda: s.Minimize(**STOP))),
+    "replace the target": lambda s: setattr(s, "target", fails),
+    "replace in a thread": lambda s: from_a_thread(lambda: setattr(s, "target", fails)),
+    "change the bounds": lambda s: setattr(s, "bounds", [5, 6]),
+    "clear the bounds": lambda s: s.bounds.clear() if isinstance(s.bounds, list) else None,
+    "clear the constraints": lambda s: s.constraints.clear(),
+    "initialise anew": lambda s: s.__init__(bounds=[5, 6], target=fails),
+    "collect garbage": lambda s: gc.collect(),
+    # Tuples that wait for their first use hold no null.
+    "look at every tuple": lambda s: [list(o) for o in gc.get_objects() if type(o) is tuple],
+    "search another": lambda s: Problem(
+        bounds=[0, 1], categorical=[2, 2, 3], target=bowl
+    ).Minimize(stop_tests=30),
+}
+
+
+@pytest.mark.parametrize("name", MEDDLING)
+def test_running_search_is_not_disturbed_by(name):
+    given = {"categorical": [3, 2], "constraints": [lambda x, c: -1.0]}
+    subject, points, run = trials(lambda: MEDDLING[name](subject), **given)
+    # The problem is also meddled with between a constraint and the target that follows it.
+    subject.__init__(
+        bounds=subject.bounds,
+        categorical=given["categorical"],
+        constraints=[lambda x, c: (MEDDLING[name](subject), -1.0)[1]],
+        target=subject.target,
+    )
+    assert run() == 60
+    assert points == undisturbed(categorical=[3, 2])
+
+
+def test_last_reference_to_the_problem_goes_during_the_search():
+    released = []
+
+    class Target:
+        def __call__(self, x):
+            held.clear()
+            gc.collect()
+            return bowl(x)
+
+        def __del__(self):
+            released.append(True)
+
+    held = [Problem(bounds=[0, 1], target=Target())]
+    search = held[0].Minimize
+    held.append(search)
+    del search
+    assert held.pop()(**STOP).tests == 60
+    assert released
+
+
+def test_search_inside_a_search_inside_a_search():
+    depths = []
+
+    def target(x):
+        depths.append(len(depths))
+        inner = Problem(bounds=[0, 1], target=target)
+        return inner.Minimize(stop_tests=1).minimum.value
+
+    with pytest.raises(SystemError) as failure:
+        target(())
+    assert len(depths) > 10
+    assert type(failure.value.__cause__) is TypeError
+    assert Problem(bounds=[0, 1], target=bowl).Minimize(**STOP).tests == 60
+
+
+@pytest.mark.parametrize("native", [True, False])
+def test_signal_handler_that_raises_ends_the_search(native):
+    def handler(*_):
+        raise TimeoutError("late")
+
+    subject = Problem(bounds=[0, 1] * 2, target=Grishagin(1) if native else bowl)
+    old = signal.signal(signal.SIGALRM, handler)
+    try:
+        signal.setitimer(signal.ITIMER_REAL, 0.1)
+        # A callable in Python runs the handler itself, and its error is converted.
+        with pytest.raises((TimeoutError, SystemError)) as failure:
+            subject.Minimize(stop_tests=10**8)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, old)
+    assert not native or repr(failure.value) == "TimeoutError('late')"
+    assert subject.Minimize(**STOP).tests == 60
+
+
+@pytest.mark.skipif(not hasattr(os, "fork"), reason="needs fork")
+def test_forked_process_searches_on():
+    _, points, run = trials(bounds=[0, 1] * 5)
+    run()
+    with warnings.catch_warnings():
+        # Later versions warn of threads, which a fork does not take along.
+        warnings.simplefilter("ignore", DeprecationWarning)
+        child = os.fork()
+    if child == 0:
+        signal.alarm(60)
+        os._exit(0 if undisturbed(bounds=[0, 1] * 5) == points else 1)
+    assert os.waitpid(child, 0)[1] == 0
+
+
+# The interpreter unwinds a daemon thread that asks for its lock at the end.
+@pytest.mark.parametrize("seconds", [0.0, 0.001])
+def test_interpreter_ends_while_a_daemon_thread_searches(seconds):
+    program = f"""
+import threading, time
+from _Quenloft import Problem
+def target(x):
+    time.sleep({seconds})
+    return x[0]
+search = Problem(bounds=[0, 1], target=target).Minimize
+threading.Thread(target=search, kwargs={{"stop_tests": 10**8}}, daemon=True).start()
+time.sleep(0.2)
+"""
+    ended = subprocess.run([sys.executable, "-c", program], capture_output=True, timeout=60)
+    assert (ended.returncode, ended.stderr) == (0, b"")

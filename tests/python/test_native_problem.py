@@ -1,0 +1,183 @@
+# SPDX-License-Identifier: MIT
+"""Quenloft.Problem: what it takes, refuses, stores and keeps."""
+
+import sys
+
+import pytest
+
+from _Quenloft import Problem
+
+BOUNDS = "Bounds must be even size a sequence of floats."
+CATEGORICAL = "Categorical must be a sequence of integers > 1."
+CATEGORICAL_ITEM = "Categorical must be a sequence integers > 1."
+CONSTRAINTS = "Constraints must be a sequence of callables."
+TARGET = "Target must be a callable."
+
+
+class Lying:
+    """A sequence whose length and items are whatever the given functions say."""
+
+    def __init__(self, length, item):
+        self.length, self.item = length, item
+
+    def __len__(self):
+        return self.length()
+
+    def __getitem__(self, position):
+        return self.item(position)
+
+
+def fails(*_):
+    raise KeyError("lost")
+
+
+def problem(**changed):
+    return Problem(**{"bounds": [0, 1], "target": sum, **changed})
+
+
+@pytest.mark.parametrize(
+    "arguments, message",
+    [
+        ({}, BOUNDS),
+        ({"bounds": 1}, BOUNDS),
+        ({"bounds": {0: 0.0, 1: 1.0}}, BOUNDS),
+        ({"bounds": [0, 1, 0]}, BOUNDS),
+        ({"bounds": "01"}, BOUNDS),
+        ({"bounds": [0, None]}, BOUNDS),
+        ({"bounds": Lying(fails, lambda i: 0.0)}, BOUNDS),
+        ({"bounds": Lying(lambda: -2, lambda i: 0.0)}, BOUNDS),
+        ({"bounds": Lying(lambda: 2, fails)}, BOUNDS),
+        ({"bounds": Lying(lambda: 2**62, lambda i: 0.0)}, BOUNDS),
+        ({"bounds": [], "categorical": 5}, CATEGORICAL),
+        ({"bounds": [], "categorical": {2}}, CATEGORICAL),
+        ({"bounds": [], "categorical": [3, 1]}, CATEGORICAL_ITEM),
+        ({"bounds": [], "categorical": ["2"]}, CATEGORICAL_ITEM),
+        ({"bounds": [], "categorical": [2**32 + 2]}, CATEGORICAL_ITEM),
+        ({"bounds": [], "categorical": [2**64 + 2]}, CATEGORICAL_ITEM),
+        ({"bounds": [], "categorical": [1j]}, CATEGORICAL_ITEM),
+        ({"bounds": [], "categorical": Lying(lambda: 2, fails)}, CATEGORICAL_ITEM),
+        ({"bounds": [], "categorical": Lying(fails, fails)}, CATEGORICAL_ITEM),
+        ({"bounds": [], "constraints": sum}, CONSTRAINTS),
+        ({"bounds": [], "constraints": [sum, 3]}, CONSTRAINTS),
+        ({"bounds": [], "constraints": Lying(lambda: 1, fails)}, CONSTRAINTS),
+        ({"bounds": [], "categorical": [], "constraints": [], "target": 3}, TARGET),
+        ({"bounds": []}, TARGET),
+    ],
+)
+def test_first_fault_is_named(arguments, message):
+    with pytest.raises((TypeError, SystemError)) as failure:
+        Problem(**arguments)
+    # The target's error is left pending; the interpreter finds it and chains it.
+    error = failure.value.__cause__ if message == TARGET else failure.value
+    assert type(error) is TypeError
+    assert str(error) == message
+
+
+def test_arguments_are_keywords():
+    for arguments, keywords in [(([0, 1],), {}), ((), {"bound": [0, 1]})]:
+        with pytest.raises(TypeError):
+            Problem(*arguments, **keywords)
+
+
+def test_fields_before_the_fault_are_stored():
+    subject = problem()
+    for changed in {"categorical": 5}, {"constraints": 5}, {"target": 5}:
+        bounds = [0, 2]
+        with pytest.raises((TypeError, SystemError)):
+            subject.__init__(**{"bounds": bounds, **changed})
+        assert subject.bounds is bounds
+        assert subject.target is sum
+
+
+def test_empty_fields_are_an_error_return_without_an_exception():
+    subject = Problem.__new__(Problem)
+    for read in (lambda: subject.bounds, lambda: subject.target, lambda: problem().constraints):
+        with pytest.raises(SystemError):
+            read()
+    assert not hasattr(subject, "categorical")
+
+
+def test_bounds_are_checked_on_assignment():
+    subject = problem()
+    old = subject.bounds
+    for change in (lambda: setattr(subject, "bounds", [0]), lambda: delattr(subject, "bounds")):
+        with pytest.raises(TypeError) as failure:
+            change()
+        assert str(failure.value) == BOUNDS
+        assert subject.bounds is old
+    subject.bounds = new = (0, 2)
+    assert subject.bounds is new
+
+
+def test_bad_target_stays_out_and_the_error_pending():
+    subject = problem()
+    for change in (lambda: setattr(subject, "target", 3), lambda: delattr(subject, "target")):
+        with pytest.raises(SystemError) as failure:
+            change()
+        assert repr(failure.value.__cause__) == repr(TypeError(TARGET))
+        assert subject.target is sum
+    subject.target = max
+    assert subject.target is max
+
+
+def test_constraints_cannot_be_assigned():
+    constraints = [sum]
+    subject = problem(constraints=constraints)
+    count = sys.getrefcount(constraints)
+    with pytest.raises(SystemError):
+        subject.constraints = []
+    assert subject.constraints is constraints
+    assert sys.getrefcount(constraints) == count + 1
+    without = problem()
+    without.constraints = [sum]
+    with pytest.raises(SystemError):
+        without.constraints
+
+
+def test_every_fetched_item_keeps_a_reference():
+    items = lower, size, constraint = 0.25, 300, lambda x, c: -1.0
+
+    def counts():
+        return [sys.getrefcount(item) for item in items]
+
+    def kept():
+        return [now - then for now, then in zip(counts(), before)]
+
+    before = counts()
+    subject = problem(
+        bounds=Lying(lambda: 2, lambda i: lower if i == 0 else 1.0),
+        categorical=Lying(lambda: 1, lambda i: size),
+        constraints=Lying(lambda: 1, lambda i: constraint),
+        target=lambda x, c: 0.0,
+    )
+    assert kept() == [1, 1, 1]
+    subject.bounds = subject.bounds
+    assert kept() == [2, 1, 1]
+    # The search fetches them anew; the adapters' tuples hold other numbers.
+    subject.Minimize(stop_tests=1, cross=0)
+    assert kept() == [3, 2, 2]
+
+
+def test_long_sequence_is_checked_without_being_kept():
+    blocks = sys.getallocatedblocks()
+    with pytest.raises(TypeError):
+        problem(bounds=range(400_000)).Minimize(stop_tests=1)
+    assert sys.getallocatedblocks() - blocks < 100_000
+
+
+# Each problem holds the next through a bound method: no container on the way limits the depth.
+def test_chain_of_problems_is_released_without_recursion():
+    released = []
+
+    class Last:
+        def __call__(self, x):
+            return 0.0
+
+        def __del__(self):
+            released.append(True)
+
+    subject = problem(target=Last())
+    for _ in range(300_000):
+        subject = problem(target=subject.Minimize)
+    del subject
+    assert released

@@ -1,0 +1,113 @@
+# SPDX-License-Identifier: MIT
+"""The two test-function types: values, calling convention, bad arguments."""
+
+import json
+import pathlib
+import sys
+
+import pytest
+
+import _Quenloft
+
+# By other names: pytest takes what is called Test... for tests.
+Grishagin = _Quenloft.TestFunction
+Gkls = _Quenloft.TestFunction2
+
+DATA = pathlib.Path(__file__).resolve().parents[1] / "data"
+RECORDED = json.loads((DATA / "test_functions.json").read_text())
+GKLS = (2, 10, 0.9, 0.2, 1)
+
+
+def numbers(values):
+    return [float.fromhex(value) for value in values]
+
+
+@pytest.mark.parametrize("entry", RECORDED["grishagin"], ids=lambda entry: entry["number"])
+def test_grishagin_values(entry):
+    function = Grishagin(entry["number"])
+    assert list(function.argmin) == entry["argmin"]
+    for x, y, value in map(numbers, entry["values"]):
+        assert function((x, y)) == pytest.approx(value, rel=1e-13, abs=1e-13)
+
+
+@pytest.mark.parametrize("entry", RECORDED["gkls"], ids=lambda entry: str(entry["parameters"]))
+def test_gkls_values(entry):
+    function = Gkls(*entry["parameters"])
+    assert list(function.argmin) == pytest.approx(numbers(entry["argmin"]), rel=1e-13)
+    for point, value in entry["values"]:
+        expected = float.fromhex(value)
+        assert function(numbers(point)) == pytest.approx(expected, rel=1e-13, abs=1e-13)
+
+
+@pytest.mark.parametrize("number", [0, 101, -5, 2**32 + 1])
+def test_number_outside_the_class_stands_for_one(number):
+    assert Grishagin(number).argmin == Grishagin(1).argmin == (0.603052, 0.408337)
+
+
+def test_points_are_sequences_and_keywords_are_ignored():
+    for function in Grishagin(3, name="x"), Gkls(*GKLS, name="x"):
+        assert function((0.5, 0.25)) == function([0.5, 0.25], scale=2)
+        for arguments in [(0.5, 0.25), (), ((1,),), (("a", 1),)]:
+            with pytest.raises(TypeError):
+                function(*arguments)
+
+
+def test_as_target_it_is_minimised_like_any_callable():
+    assert _Quenloft.Problem(bounds=[0, 1] * 2, target=Grishagin(3)).Minimize(stop_tests=20).tests == 20
+
+
+@pytest.mark.parametrize(
+    "arguments, message",
+    [
+        ((1, 10, 0.9, 0.2, 1), "GKLS_domain_alloc failed."),
+        ((-2, 10, 0.9, 0.2, 1), "GKLS_domain_alloc failed."),
+        ((2, 1, 0.9, 0.2, 1), "GKLS_parameters_check failed."),
+        ((2, 10, float("nan"), 0.2, 1), "GKLS_parameters_check failed."),
+        ((2, 10, 0.9, float("nan"), 1), "GKLS_parameters_check failed."),
+        ((2, 10, 0.9, 0.2, 101), "GKLS_arg_generate failed."),
+        ((2, 2**31, 0.9, 0.2, 1), "GKLS_arg_generate failed."),
+    ],
+)
+def test_failing_generation_leaves_the_object_as_it_was(arguments, message):
+    function = Gkls(*GKLS[:-1], 7)
+    held = function.argmin, function((0.1, 0.2))
+    with pytest.raises(TypeError) as failure:
+        function.__init__(*arguments)
+    assert str(failure.value) == message
+    assert (function.argmin, function((0.1, 0.2))) == held
+
+
+def test_object_without_a_function_says_so():
+    failed = Gkls.__new__(Gkls)
+    with pytest.raises(TypeError):
+        failed.__init__(2, 10, 0.9, 0.9, 1)
+    for function in Grishagin.__new__(Grishagin), failed:
+        with pytest.raises(AttributeError):
+            function.argmin
+        with pytest.raises(TypeError, match="^Test function is not initialised.$"):
+            function((0.0, 0.0))
+    for function in Gkls.__new__(Gkls), Gkls(7, 10, 0.9, 0.2, 1):
+        with pytest.raises(SystemError):
+            function((0.0,) * 7)
+
+
+def test_second_initialisation_keeps_the_first_argmin_alive():
+    for function, arguments in [(Grishagin(1), (2,)), (Gkls(*GKLS), (3, *GKLS[1:]))]:
+        first = function.argmin
+        count = sys.getrefcount(first)
+        function.__init__(*arguments)
+        assert function.argmin != first
+        assert sys.getrefcount(first) == count
+
+
+# The point has room for the function that was there when the call began.
+def test_initialisation_during_a_call_is_refused():
+    class Coordinate:
+        def __float__(self):
+            function.__init__(6, *GKLS[1:])
+            return 0.0
+
+    function = Gkls(*GKLS)
+    with pytest.raises(TypeError, match="initialised anew"):
+        function((Coordinate(), 0.0))
+    assert len(function.argmin) == 6
