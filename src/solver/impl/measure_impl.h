@@ -55,7 +55,7 @@ template <int N>
 #pragma omp simd reduction(min : minimum)
       for (std::size_t j = 0; j < kBlock; ++j) {
         const double root = std::sqrt(square[j]);
-        const double kept = (root != 0.0) & (root <= task.radius) ? root : kUnset;
+        const double kept = ((root != 0.0) & (root <= task.radius)) ? root : kUnset;
         distance[j] = kept;
         minimum = kept < minimum ? kept : minimum;
       }
@@ -75,9 +75,14 @@ template <int N>
   MeasureBody(task);
 }
 
+// clang++ knows no preferred width here; it chooses one itself.
+#if defined(__clang__)
+#define QUENLOFT_AVX512 "avx512f,avx512dq"
+#else
+#define QUENLOFT_AVX512 "avx512f,avx512dq,prefer-vector-width=512"
+#endif
 template <int N>
-[[gnu::target("avx512f,avx512dq,prefer-vector-width=512")]] void MeasureAvx512(
-    const MeasureTask<N>& task) {
+[[gnu::target(QUENLOFT_AVX512)]] void MeasureAvx512(const MeasureTask<N>& task) {
   MeasureBody(task);
 }
 #endif
