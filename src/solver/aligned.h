@@ -21,16 +21,20 @@ struct CacheLineAllocator {
   CacheLineAllocator(const CacheLineAllocator<U>&) {}
 
   T* allocate(std::size_t count) {
-    return static_cast<T*>(::operator new(count * sizeof(T), std::align_val_t{kCacheLine}));
+    return static_cast<T*>(::operator new (count * sizeof(T), std::align_val_t{kCacheLine}));
   }
   void deallocate(T* memory, std::size_t) {
-    ::operator delete(memory, std::align_val_t{kCacheLine});
+    ::operator delete (memory, std::align_val_t{kCacheLine});
   }
 
   template <typename U>
-  bool operator==(const CacheLineAllocator<U>&) const { return true; }
+  bool operator==(const CacheLineAllocator<U>&) const {
+    return true;
+  }
   template <typename U>
-  bool operator!=(const CacheLineAllocator<U>&) const { return false; }
+  bool operator!=(const CacheLineAllocator<U>&) const {
+    return false;
+  }
 };
 
 template <typename T>

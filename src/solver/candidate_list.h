@@ -15,9 +15,9 @@ namespace QuenloftSolver {
 
 // A segment to split, as the table of one of its ends describes it.
 struct Candidate {
-  double key;               // the larger, the more promising
-  std::uint32_t position;   // the trial whose table holds the entry
-  std::int32_t test;        // the entry's `test`
+  double key;              // the larger, the more promising
+  std::uint32_t position;  // the trial whose table holds the entry
+  std::int32_t test;       // the entry's `test`
 };
 
 // How far an update reaches: over every trial, or over those just rebuilt.

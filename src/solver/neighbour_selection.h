@@ -26,8 +26,8 @@ struct SelectionCounters {
 
 // What a selection needs to know besides the candidates.
 struct SelectionRules {
-  double spread_cosine;        // cos(2 pi / spread)
-  bool face_may_be_first;      // while each combination has just its first trial
+  double spread_cosine;    // cos(2 pi / spread)
+  bool face_may_be_first;  // while each combination has just its first trial
 };
 
 // One worker's selection, its result and its scratch.
@@ -107,12 +107,12 @@ class NeighbourSelection {
   std::size_t common_begin_ = 0;
   std::size_t face_begin_ = 0;
   std::size_t record_count_ = 0;
-  AlignedVector<double> distance_;       // kUnset where not kept
-  AlignedVector<double> score_;          // last known; kUnset where out of the running
-  AlignedVector<double> max_cosine_;     // last known
-  AlignedVector<double> block_score_;    // smallest score of each block
-  std::vector<std::uint8_t> seen_;       // chosen neighbours that max_cosine_ knows of
-  std::size_t witness_ = 0;              // no record before it is a free direction
+  AlignedVector<double> distance_;     // kUnset where not kept
+  AlignedVector<double> score_;        // last known; kUnset where out of the running
+  AlignedVector<double> max_cosine_;   // last known
+  AlignedVector<double> block_score_;  // smallest score of each block
+  std::vector<std::uint8_t> seen_;     // chosen neighbours that max_cosine_ knows of
+  std::size_t witness_ = 0;            // no record before it is a free direction
 
   // The result, and the chosen directions in columns: row k holds coordinate k.
   int chosen_count_ = 0;

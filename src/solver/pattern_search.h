@@ -13,14 +13,14 @@
 namespace QuenloftSolver {
 
 struct PatternSearchOptions {
-  double reduction = 0.5;     // of the step, when no exploration helps; and the first step
-  double tolerance = 1e-9;    // the search ends when the step is not above it
+  double reduction = 0.5;   // of the step, when no exploration helps; and the first step
+  double tolerance = 1e-9;  // the search ends when the step is not above it
   int max_iterations = 5000;
 };
 
 // Room for one search over `n` variables at a time.
 struct PatternSearchScratch {
-  double* step;      // n doubles each
+  double* step;  // n doubles each
   double* explored;
 };
 

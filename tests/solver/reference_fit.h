@@ -101,8 +101,7 @@ double FitError(const std::vector<Observation<N>>& data, const std::vector<doubl
 // The fitted parameters and their error.
 template <int N>
 std::pair<std::vector<double>, double> FitModel(const std::vector<Observation<N>>& data,
-                                                const std::array<double, N>& centre,
-                                                double value) {
+                                                const std::array<double, N>& centre, double value) {
   std::vector<double> p;
   for (int k = 0; k < N; ++k) {
     p.insert(p.end(), N, 1.0);

@@ -84,9 +84,8 @@ class Solver {
     } else {
       const Test<N>& b = tests[partner];
       const double d = Distance(a, b);
-      const double slope =
-          local ? Usable(a.slope) * parameters_.overestimation_local
-                : Usable(slopes[ClassOf(a)]) * parameters_.overestimation;
+      const double slope = local ? Usable(a.slope) * parameters_.overestimation_local
+                                 : Usable(slopes[ClassOf(a)]) * parameters_.overestimation;
       const double t = a.value.index == b.value.index
                            ? (d - (b.value.value - a.value.value) / slope) * 0.5 / d
                            : 0.5;
@@ -420,7 +419,8 @@ class Solver {
         return m * e.distance - a->value.value;
       };
       if (e.local_characteristic == kUnset) {
-        e.local_characteristic = characteristic(Usable(a->slope) * parameters_.overestimation_local);
+        e.local_characteristic =
+            characteristic(Usable(a->slope) * parameters_.overestimation_local);
       }
       if (e.global_characteristic == kUnset || class_changed_[c]) {
         e.global_characteristic = characteristic(Usable(slopes[c]) * parameters_.overestimation);

@@ -45,12 +45,12 @@ testing::AssertionResult SameTrials(const Solver<N>& solver, const reference::So
   for (std::uint32_t p = 0; p < plain.tests.size(); ++p) {
     const Test<N>& got = solver.TrialAt(p);
     const Test<N>& expected = plain.tests[p];
-    const char* differs = !SameBits(got.coordinate, expected.coordinate) ? "point"
-                          : got.combination != expected.combination      ? "combination"
-                          : !SameBits(got.value.value, expected.value.value) ? "value"
-                          : !SameBits(got.slope, expected.slope)             ? "slope"
-                          : !SameBits(got.radius, expected.radius)           ? "radius"
-                          : !SameBits(got.extent, expected.extent)           ? "extent"
+    const char* differs = !SameBits(got.coordinate, expected.coordinate)            ? "point"
+                          : got.combination != expected.combination                 ? "combination"
+                          : !SameBits(got.value.value, expected.value.value)        ? "value"
+                          : !SameBits(got.slope, expected.slope)                    ? "slope"
+                          : !SameBits(got.radius, expected.radius)                  ? "radius"
+                          : !SameBits(got.extent, expected.extent)                  ? "extent"
                           : (got.flags & kCompared) != (expected.flags & kCompared) ? "flags"
                                                                                     : nullptr;
     if (differs != nullptr) return testing::AssertionFailure() << "trial " << p << ": " << differs;
@@ -113,9 +113,7 @@ TEST(SolverAgainstReference, AgreesBitForBitOnRandomProblems) {
   CompareRandomSearches<32>(2, 12);
 }
 
-TEST(SolverAgainstReference, AgreesOnceListsOverflow) {
-  CompareSearches<2>(NativeCase(2), 1500);
-}
+TEST(SolverAgainstReference, AgreesOnceListsOverflow) { CompareSearches<2>(NativeCase(2), 1500); }
 
 // Slopes that overflow, keys that equal the mark for "not computed", and settings
 // that no user would choose: an unusual search, but the same one.

@@ -26,8 +26,8 @@ void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
   for (int k = 0; k < N; ++k) {
     block[static_cast<std::size_t>(k) * kBlock + slot] = trial.coordinate[k];
   }
-  rival_values_[size_] = trial.value.index == best_index ? trial.value.value
-                                                         : std::numeric_limits<double>::infinity();
+  rival_values_[size_] =
+      trial.value.index == best_index ? trial.value.value : std::numeric_limits<double>::infinity();
   positions_[size_] = position;
   ++size_;
 }

@@ -77,9 +77,8 @@ void Solver<N>::OfferSegments(std::uint32_t position, UpdateMode mode) {
   for (Neighbour& segment : trial.neighbours) {
     if (segment.test == kNone) break;
     const Test<N>* a = &trial;
-    const Test<N>* b = IsFace(segment.test)
-                           ? nullptr
-                           : &tests_[static_cast<std::uint32_t>(segment.test)];
+    const Test<N>* b =
+        IsFace(segment.test) ? nullptr : &tests_[static_cast<std::uint32_t>(segment.test)];
     if (b != nullptr && b->value.index > a->value.index) std::swap(a, b);
     const std::uint32_t c = ClassOf(*a);
     const auto characteristic = [&](double slope) {

@@ -52,8 +52,7 @@ void Solver<N>::PlaceInitialTrials() {
   AppendInEveryCombination(centre);
   if (parameters_.cross == 0.0) return;
   for (int k = 0; k < N; ++k) {
-    for (const double coordinate :
-         {0.5 - parameters_.cross / 2.0, 0.5 + parameters_.cross / 2.0}) {
+    for (const double coordinate : {0.5 - parameters_.cross / 2.0, 0.5 + parameters_.cross / 2.0}) {
       Coordinates point = centre;
       point[k] = coordinate;
       AppendInEveryCombination(point);

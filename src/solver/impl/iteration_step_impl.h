@@ -55,10 +55,8 @@ typename Solver<N>::Segment Solver<N>::SelectCandidate(StepKind kind) {
   for (std::uint32_t c = 0; c < class_count_; ++c) {
     if (lists[c].IsEmpty()) continue;
     double key = lists[c].BestKey();
-    if (function_count_ > 1 &&
-        c / combination_count_ == static_cast<std::uint32_t>(best_.index)) {
-      key += slopes_[c] * parameters_.reserve +
-             index_min_[static_cast<std::size_t>(best_.index)];
+    if (function_count_ > 1 && c / combination_count_ == static_cast<std::uint32_t>(best_.index)) {
+      key += slopes_[c] * parameters_.reserve + index_min_[static_cast<std::size_t>(best_.index)];
     }
     const double ratio = key / UsableSlope(slopes_[c]);
     if (ratio > best_ratio) {
@@ -155,8 +153,8 @@ void Solver<N>::UpdateExtremes(const TestValue& value) {
 template <int N>
 bool Solver<N>::UpdateBest(std::uint32_t position) {
   const TestValue& value = tests_[position].value;
-  const bool improves = value.index > best_.index ||
-                        (value.index == best_.index && best_.value > value.value);
+  const bool improves =
+      value.index > best_.index || (value.index == best_.index && best_.value > value.value);
   if (improves) {
     best_ = value;
     best_position_ = position;

@@ -178,8 +178,7 @@ template <int N>
 typename LocalFit<N>::Coordinates LocalFit<N>::MinimiseModel(const Coordinates& start) {
   Coordinates point = start;
   ModelObjective model(*this);
-  PatternSearch(model, point.data(), N, {step_.data(), explored_.data()},
-                PatternSearchOptions{});
+  PatternSearch(model, point.data(), N, {step_.data(), explored_.data()}, PatternSearchOptions{});
   return point;
 }
 

@@ -18,12 +18,12 @@ namespace QuenloftSolver {
 
 template <int N>
 struct MeasureTask {
-  const double* blocks;      // as in CandidateColumns
+  const double* blocks;  // as in CandidateColumns
   std::size_t block_count;
-  const double* origin;      // N coordinates
+  const double* origin;  // N coordinates
   double radius;
-  double* distance;          // out: kBlock a block; kUnset beyond the radius, and at distance 0
-  double* block_minimum;     // out: one a block
+  double* distance;       // out: kBlock a block; kUnset beyond the radius, and at distance 0
+  double* block_minimum;  // out: one a block
 };
 
 template <int N>

@@ -225,11 +225,10 @@ void NeighbourSelection<N>::Take(std::size_t record) {
   const Direction direction = DirectionOf(record);
   for (int k = 0; k < N; ++k) chosen_direction_[k][c] = direction[k];
   chosen_distance_[c] = distance_[record];
-  chosen_test_[c] =
-      IsFaceRecord(record) ? FaceToTest(static_cast<int>(record - face_begin_))
-      : record < common_begin_
-          ? static_cast<std::int32_t>(private_.Position(record))
-          : static_cast<std::int32_t>(common_->Position(record - common_begin_));
+  chosen_test_[c] = IsFaceRecord(record) ? FaceToTest(static_cast<int>(record - face_begin_))
+                    : record < common_begin_
+                        ? static_cast<std::int32_t>(private_.Position(record))
+                        : static_cast<std::int32_t>(common_->Position(record - common_begin_));
   // Lanes beyond the last chosen one repeat it: a cosine twice changes no maximum.
   for (std::size_t lane = c + 1; lane % 4 != 0; ++lane) {
     for (int k = 0; k < N; ++k) chosen_direction_[k][lane] = direction[k];

@@ -27,14 +27,12 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection)
     if (IsListed(position)) continue;  // stands in the columns
     Test<N>& other = tests_[position];
     selection.AddPrivate(position, other, best_.index);
-    if ((other.flags.load(std::memory_order_relaxed) & Base::kLocal) &&
-        TakesMark(rebuilt, other)) {
+    if ((other.flags.load(std::memory_order_relaxed) & Base::kLocal) && TakesMark(rebuilt, other)) {
       other.flags.fetch_and(~Base::kLocal, std::memory_order_relaxed);
     }
   }
   selection.Choose({spread_cosine_, tests_.size() <= combination_count_});
-  rebuilt.is_lowest =
-      trial.value.index == best_.index && selection.IsLowest(trial.value.value);
+  rebuilt.is_lowest = trial.value.index == best_.index && selection.IsLowest(trial.value.value);
   WriteTable(trial, selection);
 }
 
