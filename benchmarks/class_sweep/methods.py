@@ -1,0 +1,165 @@
+# SPDX-License-Identifier: MIT
+"""The methods that are compared, each known by an identifier.
+
+``quenloft`` is the solver at its defaults, ``quenloft:overestimation=3,local_vs_global=1`` the
+solver with settings. The peers are used as their manuals recommend, with every rule that could
+stop them before the budget is used up turned off. Each is stopped at a solved function in the way
+that it allows.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import importlib
+import math
+import sys
+import warnings
+from functools import lru_cache
+from typing import Callable, Union
+
+from _Quenloft import Problem
+
+from .functions import FunctionClass, Objective
+
+OWN = "quenloft"
+Settings = dict[str, Union[int, float]]
+
+
+def settings_of(method: str) -> Settings:
+    """The keywords of `Problem.Minimize` in an identifier of our own method."""
+    _, _, text = method.partition(":")
+    settings: Settings = {}
+    for item in filter(None, text.split(",")):
+        name, equals, value = item.partition("=")
+        if not equals:
+            raise ValueError(f"{item!r} in {method!r} is not of the form name=value")
+        settings[name.strip()] = int(value) if name.strip() == "fit" else float(value)
+    return settings
+
+
+def _quenloft(
+    function_class: FunctionClass, number: int, budget: int, settings: Settings
+) -> Objective:
+    # A search ends quietly, with a result, at a value that is not finite.
+    objective = Objective(function_class, number, budget, lambda: math.nan)
+    flat = [limit for pair in function_class.bounds for limit in pair]
+    Problem(bounds=flat, target=objective).Minimize(stop_tests=budget, **settings)
+    return objective
+
+
+def _scipy_direct(
+    function_class: FunctionClass, number: int, budget: int, locally_biased: bool
+) -> Objective:
+    from scipy.optimize import direct
+
+    # An exception does not end it. Reaching the minimum that it is told does, after the
+    # iteration under way.
+    told_minimum = -1e100
+    objective = Objective(function_class, number, budget, lambda: told_minimum)
+    direct(
+        lambda x: objective(x.tolist()),
+        function_class.bounds,
+        locally_biased=locally_biased,
+        maxfun=budget,
+        maxiter=budget,
+        vol_tol=0.0,
+        len_tol=0.0,
+        f_min=told_minimum,
+        f_min_rtol=0.0,
+    )
+    return objective
+
+
+def _nlopt(function_class: FunctionClass, number: int, budget: int, algorithm: str) -> Objective:
+    import nlopt
+
+    def stop() -> float:
+        raise nlopt.ForcedStop
+
+    objective = Objective(function_class, number, budget, stop)
+    bounds = function_class.bounds
+    dimension = function_class.dimension
+    nlopt.srand(number)
+    search = nlopt.opt(getattr(nlopt, algorithm), dimension)
+    if algorithm == "G_MLSL_LDS":
+        local = nlopt.opt(nlopt.LN_BOBYQA, dimension)
+        local.set_xtol_abs(MLSL_LOCAL_TOLERANCE)
+        search.set_local_optimizer(local)
+    search.set_lower_bounds([lower for lower, _ in bounds])
+    search.set_upper_bounds([upper for _, upper in bounds])
+    search.set_maxeval(budget)
+    search.set_min_objective(lambda x, gradient: objective(x.tolist()))
+    try:
+        search.optimize([0.5 * (lower + upper) for lower, upper in bounds])
+    except nlopt.ForcedStop:
+        pass
+    return objective
+
+
+# The local searches of MLSL end when they move less than this in each coordinate. Of 1e-2, 1e-3
+# and 1e-4 it is the one with the fewest evaluations over the classes.
+MLSL_LOCAL_TOLERANCE = 1e-3
+
+# Identifier: name, function, its last argument.
+_PEERS: dict[str, tuple[str, Callable[..., Objective], object]] = {
+    "scipy-direct": ("SciPy direct", _scipy_direct, False),
+    "scipy-direct-l": ("SciPy direct, locally biased", _scipy_direct, True),
+    "nlopt-direct-l": ("NLopt GN_DIRECT_L", _nlopt, "GN_DIRECT_L"),
+    "nlopt-crs2-lm": ("NLopt GN_CRS2_LM", _nlopt, "GN_CRS2_LM"),
+    "nlopt-mlsl-lds": ("NLopt G_MLSL_LDS + LN_BOBYQA", _nlopt, "G_MLSL_LDS"),
+}
+PEERS = tuple(_PEERS)
+
+
+def label(method: str) -> str:
+    """The method's name in tables and plots."""
+    if method in _PEERS:
+        return _PEERS[method][0]
+    settings = settings_of(method)
+    return "Quenloft" + "".join(f", {name} {value:g}" for name, value in settings.items())
+
+
+def check(method: str) -> str:
+    """The identifier itself, if there is such a method; else raises ValueError."""
+    if method not in _PEERS:
+        if method.partition(":")[0] != OWN:
+            raise ValueError(f"no method {method!r}; there are {OWN}, {', '.join(PEERS)}")
+        settings_of(method)
+    return method
+
+
+def prepare(method: str) -> None:
+    """Import what the method needs, which is not to be counted as its time."""
+    if method.startswith("scipy"):
+        importlib.import_module("scipy.optimize")
+    elif method.startswith("nlopt"):
+        _import_nlopt()
+
+
+@lru_cache(maxsize=None)
+def _import_nlopt() -> None:
+    """Import NLopt so that it survives Python being told to turn warnings into errors.
+
+    Its wrapper (NLopt 2.9.1) makes types that Python warns of, and crashes when that fails: at
+    first use, and while the interpreter ends, when it makes one more to destroy the others. So
+    warnings are ignored here, and the others get a reference too many.
+    """
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        nlopt = importlib.import_module("nlopt")
+        nlopt.opt(nlopt.LN_BOBYQA, 1)
+    for name, module in list(sys.modules.items()):
+        if name.startswith("swig_runtime_data"):
+            for value in vars(module).values():
+                ctypes.pythonapi.Py_IncRef(ctypes.py_object(value))
+
+
+def minimise(method: str, function_class: FunctionClass, number: int, budget: int) -> Objective:
+    """Run a method until the function is solved or the budget used up.
+
+    The functions' numbers seed the random methods.
+    """
+    if method not in _PEERS:
+        return _quenloft(function_class, number, budget, settings_of(method))
+    _, search, argument = _PEERS[method]
+    return search(function_class, number, budget, argument)

@@ -1,0 +1,192 @@
+# SPDX-License-Identifier: MIT
+"""The measuring of classes of functions in benchmarks/."""
+
+from __future__ import annotations
+
+import json
+import re
+import sys
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+import pytest
+
+BENCHMARKS = Path(__file__).resolve().parents[2] / "benchmarks"
+sys.path.insert(0, str(BENCHMARKS))
+
+import classes  # noqa: E402
+from class_sweep import functions, methods, report, runs  # noqa: E402
+
+SIMPLE = functions.CLASSES["2D simple"]
+
+
+def tasks(count: int, method: str = "quenloft", budget: int = 2000) -> list[runs.Task]:
+    return [runs.Task(SIMPLE.name, method, number, budget) for number in range(1, count + 1)]
+
+
+def findings(done: list[runs.Run]) -> list[tuple[object, ...]]:
+    return [(run.task, run.solved_at, run.evaluations) for run in done]
+
+
+# ---- One run
+
+
+def test_a_function_is_solved_at_the_first_trial_near_its_minimizer_in_every_coordinate():
+    objective = functions.Objective(SIMPLE, 1, 100, lambda: 7.0)
+    assert SIMPLE.tolerance == pytest.approx(0.02)
+    x, y = objective.minimizer
+    for point in [(x + 0.019, y + 0.021), (x - 0.021, y), (x - 0.5, y - 0.5)]:
+        assert objective(point) != 7.0
+    assert objective.solved_at is None
+    assert [objective((x + 0.019, y - 0.019)), objective((x, y))] == [7.0, 7.0]
+    assert objective.solved_at == 4
+
+
+def test_trials_beyond_the_budget_do_not_count():
+    objective = functions.Objective(SIMPLE, 1, 2, lambda: 7.0)
+    minimizer = objective.minimizer
+    assert [objective((0.0, 0.0)) == 7.0 for _ in range(3)] == [False, False, True]
+    assert objective(minimizer) == 7.0
+    assert objective.solved_at is None
+
+
+@pytest.mark.parametrize("method", ["quenloft", "quenloft:fit=1", *methods.PEERS])
+def test_every_method_stops_when_the_function_is_solved_or_the_budget_used_up(method):
+    try:
+        methods.prepare(method)
+    except ImportError as error:
+        pytest.skip(str(error))
+    for budget, solved in [(10, False), (3000, method != "nlopt-crs2-lm")]:
+        objective = methods.minimise(method, SIMPLE, 1, budget)
+        assert (objective.solved_at is not None) == solved
+        # SciPy's iteration under way goes on, and our initial trials.
+        assert objective.count <= (objective.solved_at or budget) + 60
+        assert objective.seconds > 0.0
+
+
+def test_the_defaults_solve_the_whole_class_in_few_trials():
+    done = [runs.execute(task) for task in tasks(100)]
+    (summary,) = report.summarise(done)
+    assert summary.solved == 100
+    assert 115 < summary.mean < 130
+    assert summary.maximum < 400
+
+
+# ---- Many runs
+
+
+def backwards(function, items):
+    """A map whose futures are finished in the opposite order."""
+    with ThreadPoolExecutor(1) as pool:
+        items = list(items)
+        futures = {item: pool.submit(function, item) for item in reversed(items)}
+        return [futures[item] for item in items]
+
+
+@pytest.mark.parametrize("workers", [2, map, backwards])
+def test_results_are_the_same_and_in_task_order_whoever_does_the_work(workers, tmp_path):
+    expected = [runs.execute(task) for task in tasks(4)]
+    done = runs.run_all(tasks(4), workers, path=tmp_path / "runs.jsonl")
+    assert findings(done) == findings(expected)
+
+
+def test_a_second_call_goes_on_where_the_first_was_stopped(tmp_path):
+    path = tmp_path / "runs.jsonl"
+    asked: list[int] = []
+
+    def stopping_after(count):
+        def workers(function, items):
+            for item in items:
+                if len(asked) == count:
+                    raise KeyboardInterrupt
+                asked.append(item.number)
+                yield function(item)
+
+        return workers
+
+    with pytest.raises(KeyboardInterrupt):
+        runs.run_all(tasks(5), stopping_after(3), path=path)
+    # The power failed while the third line was being written.
+    path.write_bytes(path.read_bytes()[:-20])
+    done = runs.run_all(tasks(5), stopping_after(99), path=path)
+    assert asked == [1, 2, 3, 3, 4, 5]
+    assert findings(done) == findings(runs.run_all(tasks(5), stopping_after(6), path=path))
+
+
+def test_runs_of_other_versions_are_not_mixed(tmp_path, monkeypatch):
+    path = tmp_path / "runs.jsonl"
+    runs.run_all(tasks(1), path=path)
+    monkeypatch.setattr(runs.metadata, "version", lambda package: "99")
+    with pytest.raises(ValueError, match="was made with"):
+        runs.run_all(tasks(2), path=path)
+
+
+# ---- Reports
+
+
+def made_up(method: str, trials: list[int | None], class_name: str = SIMPLE.name):
+    return [
+        runs.Run(runs.Task(class_name, method, i, 1000), k, k or 1000, 3.0, 1.0)
+        for i, k in enumerate(trials, 1)
+    ]
+
+
+def test_summary_counts_unsolved_functions_with_the_budget():
+    trials = [10, 20, 30, 40, 50, 60, 70, 80, None, None]
+    (summary,) = report.summarise(made_up("quenloft", trials))
+    assert (summary.solved, summary.mean) == (8, 236.0)
+    assert (summary.median, summary.percentile_90, summary.maximum) == (50, None, None)
+    assert summary.overhead == pytest.approx(1000 * 20.0 / 2360)
+    assert "> 1,000" in report.terminal_table([summary])
+
+
+def test_settings_that_solve_more_rank_first_then_those_of_lower_cost():
+    names = ("quenloft", "quenloft:overestimation=3", "quenloft:overestimation=4")
+    done = []
+    for class_name, trials in [
+        ("2D simple", [(100, 100), (200, 200), (400, 400)]),
+        ("2D hard", [(100, None), (400, 400), (100, 100)]),
+    ]:
+        for name, of_method in zip(names, trials):
+            done += made_up(name, list(of_method), class_name)
+    summaries = report.summarise(done)
+    ranking = report.rank_settings(summaries)
+    assert [method for method, _, _ in ranking] == [names[2], names[1], names[0]]
+    assert ranking[0][1:] == (4, pytest.approx(2.0))
+    best = report.best_of(s for s in summaries if s.class_name == "2D simple")
+    assert best is not None and best.method == names[0]
+
+
+def test_the_command_writes_table_files_and_document(tmp_path, capsys):
+    pytest.importorskip("matplotlib")
+    document = tmp_path / "guide.md"
+    document.write_text("before <!-- methods --> old <!-- /methods --> after")
+    arguments = ["--classes", "2D simple,Grishagin", "--functions", "1-2", "--quiet"]
+    arguments += ["--methods", "quenloft;quenloft:overestimation=3,local_vs_global=1"]
+    arguments += ["--out", str(tmp_path / "out"), "--markdown", str(document)]
+    assert classes.main(arguments) == 0
+    table = capsys.readouterr().out
+    assert re.search(r"Quenloft, overestimation 3, local_vs_global 1 +2 of 2", table)
+    summary = json.loads((tmp_path / "out" / "summary.json").read_text())
+    assert len(summary["runs"]) == 8
+    assert "Python" in summary["provenance"]["versions"]
+    text = document.read_text()
+    assert text.startswith("before") and text.endswith("after") and "old" not in text
+    assert "benchmarks/classes.py" in text and "### Grishagin" in text
+    for image in (tmp_path / "out", tmp_path / "images"):
+        assert (image / "operating_characteristics.png").stat().st_size > 1000
+
+
+@pytest.mark.parametrize(
+    "arguments, message",
+    [
+        (["--methods", "anneal"], "no method 'anneal'"),
+        (["--methods", "quenloft:3"], "not of the form name=value"),
+        (["--classes", "7D simple"], "7D simple"),
+        (["--functions", "0-5"], "invalid"),
+    ],
+)
+def test_wrong_arguments_are_named(arguments, message, capsys):
+    with pytest.raises(SystemExit):
+        classes.parse_arguments(arguments)
+    assert message in capsys.readouterr().err
