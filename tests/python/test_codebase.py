@@ -9,7 +9,7 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 FOLDERS = ("src", "python", "tests", "benchmarks", "examples", "scripts", "cmake")
-SUFFIXES = (".h", ".cpp", ".in", ".py", ".pyi", ".cmake", ".sh")
+SUFFIXES = (".h", ".cpp", ".in", ".py", ".pyi", ".cmake", ".sh", ".txt")
 
 
 def sources(folders=FOLDERS, suffixes=SUFFIXES):
