@@ -94,7 +94,7 @@ class Table(Sequence[Row]):
         return f"<table of {self._rows} rows x {self._width}>"
 
 
-class History(Sequence[Trial]):
+class History:
     """The evaluations of a search in order: a sequence of `Trial`, stored in columns.
 
     ``numpy.asarray`` turns each column into an array without a copy, and the history as a

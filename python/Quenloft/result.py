@@ -112,7 +112,7 @@ class OptimizeResult(dict):  # type: ignore[type-arg]
 def _shorten(value: Any) -> str:
     if isinstance(value, Status):
         return f"{int(value)} ({value.name})"
-    if isinstance(value, list):
+    if isinstance(value, list) and not all(isinstance(item, float) for item in value):
         shown = [_shorten(item) for item in value[:4]]
         rest = len(value) - len(shown)
         return "[" + ",\n ".join(shown) + (f",\n ... {rest} more" if rest else "") + "]"

@@ -4,9 +4,18 @@
 from __future__ import annotations
 
 import os
+from contextlib import ExitStack, closing
 from typing import Any, Callable, Optional, Sequence, Union
 
-from .result import OptimizeResult
+from .engine import search
+from .history import History
+from .journal import Journal, describe
+from .plan import Plan
+from .polish import polish as run_polish
+from .progress import Progress
+from .report import Report, watcher
+from .result import OptimizeResult, Status
+from .run import Run, trial_function
 
 
 def minimize(
@@ -144,4 +153,96 @@ def minimize(
     >>> result.nit
     100
     """
-    raise NotImplementedError
+    return execute(
+        Plan(
+            fun,
+            bounds,
+            args,
+            names=names,
+            logarithmic=logarithmic,
+            categories=categories,
+            constraints=constraints,
+            point=point,
+            nonfinite=nonfinite,
+            maxfun=maxfun,
+            maxtime=maxtime,
+            f_min=f_min,
+            min_radius=min_radius,
+            callback=callback,
+            on_interrupt=on_interrupt,
+            progress=progress,
+            polish=polish,
+            journal=journal,
+            overestimation=overestimation,
+            overestimation_local=overestimation_local,
+            local_vs_global=local_vs_global,
+            spread=spread,
+            cross=cross,
+            fit=fit,
+        )
+    )
+
+
+def execute(plan: Plan) -> OptimizeResult:
+    """Carry out a plan; see `minimize`."""
+    variables, stops = plan.variables, plan.budget
+    history = History(variables.dimension, variables.choices, len(plan.limits), plan.goal)
+    run = Run(variables, history, plan.observer())
+    run.f_min = stops.f_min
+    report = Report(run, stops, plan.form, [limit.name for limit in plan.limits])
+    with ExitStack() as stack:
+        book = None
+        if plan.journal is not None:
+            book = stack.enter_context(closing(Journal(plan.journal, describe(plan), history)))
+            run.record = book.record
+        display = None
+        if plan.progress:
+            display = stack.enter_context(closing(Progress(stops.maxfun, stops.maxtime)))
+        run.watch = watcher(run, report, display, plan.callback)
+        try:
+            _run_phases(run, report, plan, book)
+        except BaseException as stray:  # Ctrl-C between two phases
+            run.error = run.error or stray
+        if display is not None:
+            display.update(len(history), run.best_objective(), run.elapsed(), is_last=True)
+    result = report.result()
+    error = run.error
+    if error is None or (isinstance(error, KeyboardInterrupt) and plan.on_interrupt == "return"):
+        return result
+    # Past any __slots__ or __setattr__: every exception has this dict.
+    vars(error)["result"] = result
+    try:
+        raise error
+    finally:
+        # The traceback holds this frame and the run's, which must not hold the exception.
+        run.error = None
+        del error
+
+
+def _run_phases(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> None:
+    """Search, then polish what was found."""
+    stops = plan.budget
+    held_back = 0.0
+    seconds = stops.maxtime
+    if plan.polish:
+        # What is held back is enough for COBYLA to converge from a good trial in a few variables.
+        held_back = min(stops.maxfun // 4, 25 * (run.variables.dimension + 1))
+        seconds *= 0.9
+    run.begin_phase("search", stops.maxfun - held_back, seconds)
+    if book is not None and book.searched:
+        run.replay_from(book)
+    native = search(run, plan.settings, stops.min_radius)
+    if run.recall is not None and run.history:
+        # Nothing new was asked for: the run is as old as what it replayed.
+        run.set_elapsed(run.history.time[-1])
+    report.end_search(native)
+    if not plan.polish or not run.is_feasible() or run.error is not None:
+        return
+    if run.status in (Status.F_MIN, Status.CALLBACK):
+        return
+    run.history.polish_start = len(run.history)
+    run.begin_phase("polish", stops.maxfun, stops.maxtime)
+    if book is not None:
+        run.recall = book.find
+    method = "auto" if plan.polish is True else str(plan.polish)
+    report.end_polish(run_polish(run, trial_function(run), method))
