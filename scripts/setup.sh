@@ -41,7 +41,7 @@ install_packages() {
   (($#)) || return 0
   if [[ $(id -u) != 0 ]] || ! command -v apt-get >/dev/null; then
     fail "These are missing: $* (names of Debian packages)." \
-         "Install them, on Debian by: sudo apt-get install $*"
+         "Install them; on Debian: sudo apt-get install $*"
   fi
   echo "Installing Debian packages: $*"
   export DEBIAN_FRONTEND=noninteractive
@@ -123,13 +123,16 @@ choose_interpreter() {
 # prepare_environment: the compiler and .venv with the tools of the build.
 prepare_environment() {
   local packages=() tools=("pip>=22.1" scikit-build-core) version
-  compiler_works || packages+=(g++)
+  if ! compiler_works; then
+    [[ -z ${CXX:-} ]] || fail "CXX=$CXX cannot compile C++17 with OpenMP."
+    packages+=(g++)
+  fi
   for package in "$@"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
       package_is_otherwise_there "$package" || packages+=("$package")
   done
   install_packages "${packages[@]}"
-  compiler_works || fail "${CXX:-g++} cannot compile C++17 with OpenMP."
+  compiler_works || fail "g++ cannot compile C++17 with OpenMP."
 
   if [[ -n ${QUENLOFT_PYTHON:-} ]] || ! python_builds .venv/bin/python; then
     local python
