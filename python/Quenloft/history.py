@@ -124,6 +124,11 @@ class History:
         self.choices = tuple(tuple(variable) for variable in choices)
         self.constraint_count = constraint_count
         self.goal = goal
+        #: How the search had its variables declared: names, the categorical ones last; (lower,
+        #: upper) of each real one; positions of the logarithmic ones. For plots and tables.
+        self.names: tuple[str, ...] = ()
+        self.bounds: tuple[tuple[float, float], ...] = ()
+        self.logarithmic: tuple[int, ...] = ()
         #: Trials from this position on were made by `polish`; None without such a phase.
         self.polish_start: Union[int, None] = None
         self._growing = True

@@ -81,6 +81,9 @@ def read_journal(path: Path) -> Recording:
             len(header["constraints"]),
             header["goal"],
         )
+        history.names = tuple(header["names"])
+        history.bounds = tuple((lower, upper) for lower, upper in header["bounds"])
+        history.logarithmic = tuple(header["logarithmic"])
         for phase, x, category, index, value, constraints, time in _rows(database, history):
             if phase == "polish" and history.polish_start is None:
                 history.polish_start = len(history)

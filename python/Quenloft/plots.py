@@ -299,7 +299,7 @@ class _View:
     history: History
     names: tuple[str, ...]  # the real variables, then the categorical ones
     logarithmic: frozenset[int]
-    bounds: Optional[list[tuple[float, float]]]
+    bounds: Sequence[tuple[float, float]]  # empty when unknown
     minima: list[tuple[Sequence[float], tuple[Any, ...], float]]  # best first
 
     def positions(
@@ -356,7 +356,7 @@ class _View:
         (ax.set_xlabel if horizontal else ax.set_ylabel)(self.names[variable])
         if variable in self.logarithmic:
             (ax.set_xscale if horizontal else ax.set_yscale)("log")
-        if self.bounds is not None:
+        if self.bounds:
             lower, upper = self.bounds[variable]
             (ax.set_xlim if horizontal else ax.set_ylim)(lower, upper)
 
@@ -369,13 +369,7 @@ def _view(
     history = source if isinstance(source, History) else source.history
     if not len(history):
         raise ValueError("there is no trial to draw")
-    header: dict[str, Any] = source.header if isinstance(source, Recording) else {}
-    bounds = header.get("bounds") or getattr(history, "bounds", None)
-    if logarithmic is None:
-        logarithmic = header.get("logarithmic", getattr(history, "logarithmic", ()))
-    scaled: frozenset[int] = frozenset(logarithmic or ())
-    given: Sequence[str] = names or header.get("names", getattr(history, "names", ()))
-    known = list(given)
+    known = list(names or history.names)
     known += [f"x[{i}]" for i in range(len(known), history.dimension)]
     known += [
         f"categories[{i}]"
@@ -389,8 +383,8 @@ def _view(
     return _View(
         history,
         tuple(known),
-        scaled,
-        [(pair[0], pair[1]) for pair in bounds] if bounds else None,
+        frozenset(history.logarithmic if logarithmic is None else logarithmic),
+        history.bounds,
         minima,
     )
 
@@ -468,10 +462,12 @@ def _draw_map(ax: Any, view: _View, trials: Sequence[int], first: int, second: i
     points = _draw_projection(ax, view, trials, first, second)
     if points is not None:
         ax.figure.colorbar(points, ax=ax, label="trial")
-    ax.legend(
-        loc="lower right", bbox_to_anchor=(1.0, 1.0), ncol=3, fontsize="small", frameon=False,
-        borderaxespad=0.2, handletextpad=0.2,
-    )
+    handles, labels = ax.get_legend_handles_labels()
+    if labels:
+        ax.legend(
+            handles, labels, loc="lower right", bbox_to_anchor=(1.0, 1.0), ncol=3,
+            fontsize="small", frameon=False, borderaxespad=0.2, handletextpad=0.2,
+        )
     if view.history.choices:
         ax.set_title(", ".join(map(str, view.chosen(trials[0]))), loc="left", fontsize="medium")
 

@@ -187,6 +187,9 @@ def execute(plan: Plan) -> OptimizeResult:
     """Carry out a plan; see `minimize`."""
     variables, stops = plan.variables, plan.budget
     history = History(variables.dimension, variables.choices, len(plan.limits), plan.goal)
+    history.names = variables.names
+    history.bounds = tuple(zip(variables.lower, variables.upper))
+    history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
     run = Run(variables, history, plan.observer())
     run.f_min = stops.f_min
     report = Report(run, stops, plan.form, [limit.name for limit in plan.limits])
