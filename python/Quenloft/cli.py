@@ -24,7 +24,7 @@ from types import ModuleType
 from typing import Any, Callable, Iterable, NoReturn, Optional, Sequence, TextIO
 
 from . import demo
-from .errors import JournalError
+from .errors import JournalError, NonFiniteError
 from .history import History, Trial
 from .journal import Recording, read_journal
 from .result import OptimizeResult, Status
@@ -231,7 +231,10 @@ def run_minimize(options: argparse.Namespace) -> int:
         if not isinstance(so_far, OptimizeResult):  # refused before anything was evaluated
             raise UsageError(str(error)) from error
         _show(so_far, names, options)
-        return _report(error, _describe(error), options, ExitCode.FAILURE)
+        text = _describe(error)
+        if isinstance(error, NonFiniteError):  # its advice, in the words of the command line
+            text = str(error).partition(";")[0] + "; --nonfinite infeasible goes on from there"
+        return _report(error, text, options, ExitCode.FAILURE)
     _show(result, names, options)
     if result.status == Status.INTERRUPTED:
         return ExitCode.INTERRUPTED
@@ -486,18 +489,18 @@ def _describe_demo(
     lines = [
         "Rates of an enzymatic reaction in Puromycin-treated cells, 12 measurements",
         "",
-        "Michaelis-Menten law       found   published",
+        f"{'Michaelis-Menten law':<24}{'found':>10}{'published':>12}",
     ]
     for name, value in values.items():
-        lines.append(f"  {name:<16} {value:>12.6g}{published[name]:>12.6g}")
+        lines.append(f"  {name:<22}{value:>10.6g}{published[name]:>12.6g}")
     verdict = "agree within 0.1 %" if agrees else "DIFFER by more than 0.1 %"
     lines += [f"  The sums of squares {verdict} ({fitted.nit} trials).", ""]
-    lines.append("Best of four rate laws, found together with its parameters")
+    lines.append("Four rate laws, chosen together with their parameters: lowest sums reached")
     history = laws.history
     for name in demo.RATE_LAWS:
         lowest = min(trial.value for trial in history if trial.categories == (name,))
         mark = "  <- best" if laws.categories == (name,) else ""
-        lines.append(f"  {name:<24} {lowest:>10.2f}{mark}")
+        lines.append(f"  {name:<22}{lowest:>10.2f}{mark}")
     lines += [
         "",
         f"Michaelis-Menten law with a slope Vmax / Km of at most {demo.SLOPE_LIMIT:g}",

@@ -12,9 +12,10 @@ cells treated with Puromycin, two at each of six concentrations of the substrate
 from __future__ import annotations
 
 import math
-from typing import Any, Callable, Sequence
+from typing import Callable, Sequence
 
 from .result import OptimizeResult
+from .search import minimize
 
 #: Concentration of the substrate, ppm.
 CONCENTRATIONS = (0.02, 0.02, 0.06, 0.06, 0.11, 0.11, 0.22, 0.22, 0.56, 0.56, 1.10, 1.10)
@@ -83,33 +84,32 @@ def slope_excess(x: Sequence[float]) -> float:
     return x[0] / x[1] - SLOPE_LIMIT
 
 
-def calibrate(maxfun: int = 1000, **settings: Any) -> OptimizeResult:
-    """Fit the Michaelis-Menten law. ``settings`` are those of `minimize`."""
-    from .search import minimize
-
-    return minimize(sum_of_squares, BOUNDS, names=NAMES, maxfun=maxfun, **settings)
+def calibrate(maxfun: int = 1000) -> OptimizeResult:
+    """Fit the Michaelis-Menten law."""
+    return minimize(sum_of_squares, BOUNDS, names=NAMES, maxfun=maxfun, polish="pattern")
 
 
-def choose_law(maxfun: int = 1000, **settings: Any) -> OptimizeResult:
-    """Fit the law together with its parameters."""
-    from .search import minimize
-
+def choose_law(maxfun: int = 1000) -> OptimizeResult:
+    """Choose the law together with its parameters."""
     return minimize(
         sum_of_squares_of_law,
         BOUNDS,
         names=(*NAMES, "law"),
         categories=[tuple(RATE_LAWS)],
         maxfun=maxfun,
-        **settings,
+        polish="pattern",
     )
 
 
-def calibrate_limited(maxfun: int = 1000, **settings: Any) -> OptimizeResult:
+def calibrate_limited(maxfun: int = 1000) -> OptimizeResult:
     """Fit the Michaelis-Menten law under the constraint `slope_excess`."""
-    from .search import minimize
-
     return minimize(
-        sum_of_squares, BOUNDS, names=NAMES, constraints=slope_excess, maxfun=maxfun, **settings
+        sum_of_squares,
+        BOUNDS,
+        names=NAMES,
+        constraints=slope_excess,
+        maxfun=maxfun,
+        polish="pattern",
     )
 
 

@@ -1,0 +1,236 @@
+# SPDX-License-Identifier: MIT
+"""The command line as a shell sees it: output, errors in one line, exit codes."""
+
+import csv
+import io
+import json
+import os
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+import Quenloft
+from Quenloft import cli
+
+MODEL = """
+import math, time
+
+def bowl(x, *scale):
+    return sum((v - 0.3) ** 2 for v in x) * (scale[0] if scale else 1.0)
+
+def kernel(x, choices):
+    return bowl(x) + {"rbf": 0.0, "linear": 0.5}[choices[0]] + choices[1]
+
+def never(x): return 1.0
+
+def left(x): return x[0] - 0.2
+
+def fails(x):
+    if x[0] > 0.9:
+        raise ZeroDivisionError("two\\nlines")
+    return bowl(x)
+
+def undefined(x): return math.nan if x[0] > 0.9 else bowl(x)
+
+def slow(x):
+    time.sleep(0.05)
+    return bowl(x)
+
+number = 3
+"""
+
+BOX = ["--bounds", "0:1", "0:1", "--maxfun", "40"]
+
+
+@pytest.fixture
+def folder(tmp_path, monkeypatch):
+    (tmp_path / "climodel.py").write_text(MODEL)
+    (tmp_path / "faulty.py").write_text("x = = 1")
+    monkeypatch.chdir(tmp_path)
+    monkeypatch.syspath_prepend(str(tmp_path))
+    yield tmp_path
+    sys.modules.pop("climodel", None)
+
+
+@pytest.fixture
+def run(folder, capsys):
+    def call(*words):
+        try:
+            code = cli.main([str(word) for word in words])
+        except SystemExit as end:  # argparse
+            code = end.code
+        output = capsys.readouterr()
+        return code, output.out, output.err
+
+    return call
+
+
+def test_search_is_the_one_that_minimize_makes(run, folder):
+    bounds = ["rate=1e-3:10:log", "-1:2"]
+    code, out, err = run(
+        "minimize", "climodel:kernel", "--bounds", *bounds, "--choices", "kernel=linear,rbf", "0.5,2",
+        "--maxfun", 90, "--spread", 9, "--local-vs-global", "0.5", "--json", "--plot", "picture.png",
+    )  # fmt: skip
+    assert (code, err) == (0, "")
+    import climodel
+
+    expected = Quenloft.minimize(
+        climodel.kernel, [(1e-3, 10.0, "log"), (-1.0, 2.0)],
+        categories=[("linear", "rbf"), (0.5, 2)], maxfun=90, spread=9.0, local_vs_global=0.5,
+    )  # fmt: skip
+    found = json.loads(out)
+    assert found["names"] == ["rate", "x[1]", "kernel", "categories[1]"]
+    assert found["x"] == list(expected.x) and found["categories"] == ["rbf", 0.5]
+    assert (found["fun"], found["nfev"], found["status"]) == (expected.fun, 90, "MAXFUN")
+    assert (folder / "picture.png").stat().st_size > 0
+
+
+@pytest.mark.parametrize(
+    "words, code, out, err",
+    [
+        (["climodel:bowl", *BOX], 0, "minimum", ""),
+        (["climodel.py:bowl", *BOX], 0, "minimum", ""),
+        (["climodel:bowl", *BOX, "--args", "1e6"], 0, "minimum", ""),
+        (["climodel:bowl", *BOX, "--constraint", "climodel:left"], 0, "x[0] = 0.1", ""),
+        (["climodel:bowl", *BOX, "--quiet"], 0, "", ""),
+        (["climodel:fails", *BOX], 1, "2 trials", "ZeroDivisionError: two lines (climodel.py, line "),
+        (["climodel:undefined", *BOX], 1, "2 trials", "returned nan at x = (0.995, 0.5); --nonfinite"),
+        (["climodel:undefined", *BOX, "--nonfinite", "infeasible"], 0, "minimum", ""),
+        (["climodel:bowl", *BOX, "--constraint", "climodel:never"], 3, "no feasible point", ""),
+    ],
+)
+def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
+    answer = run("minimize", *words)
+    assert answer[0] == code, answer
+    assert out in answer[1] and err in answer[2]
+    assert answer[2].count("\n") == bool(err)
+    if "--quiet" in words:
+        assert answer[1] == ""
+
+
+@pytest.mark.parametrize(
+    "words, message",
+    [
+        ([], "required: command"),
+        (["minimize", "climodel:bowl"], "--bounds"),
+        (["minimize", "climodel:bowl", "--bounds", "0:1:lag"], "'0:1:lag' is not LOWER:UPPER"),
+        (["minimize", "climodel:bowl", "--bounds", "a:1"], "'a:1' does not hold two numbers"),
+        (["minimize", "climodel:bowl", "--bounds", "1:0"], "x[0]"),
+        (["minimize", "climodel:bowl", "--bounds", "r=-1:1:log"], "r"),
+        (["minimize", "climodel:bowl", *BOX, "--choices", "a,,b"], "empty choice"),
+        (["minimize", "climodel:bowl", *BOX, "--maxfun", "-3"], "maxfun"),
+        (["minimize", "climodel:bowl", *BOX, "--plot", "picture.exe"], "picture.exe"),
+        (["minimize", "climodel:bowl", *BOX, "--plot", "nowhere/picture.png"], "no folder"),
+        (["minimize", "climodel", *BOX], "module:function"),
+        (["minimize", "climodel:nothing", *BOX], "climodel has no nothing"),
+        (["minimize", "climodel:number", *BOX], "not a function but of type int"),
+        (["minimize", "nowhere:bowl", *BOX], "No module named 'nowhere'"),
+        (["minimize", "nowhere.py:bowl", *BOX], "no such file"),
+        (["minimize", "faulty:bowl", *BOX], "SyntaxError"),
+        (["history", "nothing.db"], "nothing.db"),
+        (["history", "climodel.py"], "climodel.py"),
+    ],
+)
+def test_wrong_usage_is_one_line_and_code_2(run, words, message):
+    code, out, err = run(*words)
+    assert (code, out) == (2, "")
+    assert message in err and err.count("\n") == 1 and "error: " in err
+
+
+def test_traceback_comes_when_asked_for(run):
+    code, _, err = run("minimize", "climodel:fails", *BOX, "--traceback")
+    assert code == 1
+    assert "in fails" in err and err.splitlines()[-1].startswith("python -m Quenloft: error: ")
+
+
+def test_journal_is_continued_refused_and_shown(run, folder):
+    words = ["minimize", "climodel:kernel", "--bounds", "a=0:1", "-1:2", "--choices",
+             "rbf,linear", "1,2", "--constraint", "climodel:left2", "--journal", "run.db", "--maxfun"]  # fmt: skip
+    with open(folder / "climodel.py", "a") as file:
+        file.write("\ndef left2(x, choices): return left(x)\n")
+    assert run(*words, 50)[0] == 0
+    code, out, _ = run(*words, 60)
+    assert code == 0 and "60 trials" in out and "50 from the journal" in out
+    code, out, err = run(*words, 70, "--spread", 10)
+    assert (code, out, err.count("\n")) == (2, "", 1) and "spread" in err
+
+    recording = Quenloft.read_journal(folder / "run.db")
+    code, out, _ = run("history", "run.db", "--last", 4)
+    assert code == 0 and "60, " in out
+    assert [line.split()[0] for line in out.splitlines()[-4:]] == ["57", "58", "59", "60"]
+    code, out, _ = run("history", "run.db", "--csv")
+    rows = list(csv.DictReader(io.StringIO(out)))
+    assert len(rows) == 60
+    for row, trial in zip(rows, recording.history):
+        assert (float(row["a"]), float(row["x[1]"])) == trial.x
+        assert (row["categories[0]"], int(row["categories[1]"])) == trial.categories
+        assert float(row["value"]) == trial.value
+        assert int(row["feasible"]) == (trial.index == 1)
+        assert float(row["constraint[0]"]) == trial.constraints[0]
+    code, out, _ = run("history", "run.db", "--json")
+    assert len(json.loads(out)["trials"]) == 60
+
+
+def test_json_has_no_number_that_json_lacks(run):
+    code, out, _ = run("minimize", "climodel:bowl", *BOX, "--constraint", "climodel:never", "--json")
+    assert code == 3
+
+    def refuse(name):
+        raise AssertionError(name)
+
+    found = json.loads(out, parse_constant=refuse)
+    assert found["fun"] is None and found["maxcv"] == 1.0
+
+
+def test_demo_reaches_the_published_fit(run):
+    code, out, _ = run("demo", "--json")
+    found = json.loads(out)
+    assert code == 0 and found["agrees"] is True
+    assert found["calibrate"]["fun"] == pytest.approx(1195.45, rel=1e-3)
+    x = found["calibrate_limited"]["x"]
+    assert x[0] / x[1] <= 3000.0
+    code, out, _ = run("demo", "--maxfun", 40)
+    assert code == 1 and "DIFFER" in out
+
+
+def start(folder, *words):
+    return subprocess.Popen(
+        [sys.executable, "-m", "Quenloft", *words], cwd=folder, text=True,
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+    )  # fmt: skip
+
+
+def test_ctrl_c_shows_what_was_found(folder):
+    words = ["minimize", "climodel:slow", "--bounds", "0:1", "0:1", "--journal", "run.db"]
+    process = start(folder, *words)
+    journal = folder / "run.db"
+    while process.poll() is None and not (journal.exists() and trial_count(journal) > 3):
+        time.sleep(0.02)
+    process.send_signal(signal.SIGINT)
+    out, err = process.communicate(timeout=30)
+    assert process.returncode == 130, err
+    assert out.startswith("minimum") and "Traceback" not in err
+
+
+def trial_count(journal):
+    try:
+        return len(Quenloft.read_journal(journal).history)
+    except Quenloft.JournalError:  # it is being begun
+        return 0
+
+
+def test_reader_that_has_seen_enough_is_no_error(folder):
+    box = [(0.0, 1.0)]
+    Quenloft.minimize(lambda x: x[0], box, maxfun=3000, journal=folder / "run.db")
+    reading, writing = os.pipe()
+    process = subprocess.Popen(
+        [sys.executable, "-m", "Quenloft", "history", "run.db", "--csv"], cwd=folder,
+        stdout=writing, stderr=subprocess.PIPE,
+    )  # fmt: skip
+    os.close(writing)
+    os.close(reading)
+    _, err = process.communicate(timeout=60)
+    assert (process.returncode, err) == (0, b"")

@@ -1,0 +1,151 @@
+# SPDX-License-Identifier: MIT
+"""The pictures show the trials that were made, and survive searches that leave little to draw."""
+
+import math
+import sys
+
+import pytest
+
+pytest.importorskip("matplotlib").use("Agg")
+
+from matplotlib import pyplot  # noqa: E402
+
+import Quenloft  # noqa: E402
+from Quenloft import History, plots  # noqa: E402
+
+
+@pytest.fixture(autouse=True)
+def close_figures():
+    yield
+    pyplot.close("all")
+
+
+def bowl(x):
+    return sum((value - 0.3) ** 2 for value in x)
+
+
+def history_of(points, outcomes, choices=(), category=()):
+    """A history with one constraint; an outcome is (index, value)."""
+    history = History(len(points[0]), choices, 1, 1)
+    for number, (point, (index, value)) in enumerate(zip(points, outcomes)):
+        history.append(point, category[number : number + 1], index, value, 0.1 * number, (-1.0,))
+    history.finish()
+    return history
+
+
+def line_data(ax, label):
+    (line,) = [line for line in ax.get_lines() if line.get_label() == label]
+    return list(line.get_xdata()), list(line.get_ydata())
+
+
+SQUARE = [(0.1, 0.1), (0.9, 0.1), (0.1, 0.9), (0.9, 0.9), (0.5, 0.5)]
+DEGENERATE = {
+    "one trial": history_of(SQUARE[:1], [(1, 2.0)]),
+    "all infeasible": history_of(SQUARE, [(0, 1.0)] * 5),
+    "equal values": history_of(SQUARE, [(1, 2.0)] * 5),
+    "on a line": history_of([(0.1 * i, 0.1 * i) for i in range(5)], [(1, float(i)) for i in range(5)]),
+    "one feasible": history_of(SQUARE, [(0, 1.0)] * 4 + [(1, 3.0)]),
+    "not finite": history_of(SQUARE, [(0, math.nan), (0, math.inf)] + [(1, float(i)) for i in range(3)]),
+    "decades": history_of(SQUARE, [(1, 10.0 ** (5 * i)) for i in range(5)]),
+    "from far above": history_of(SQUARE, [(1, 1e9), (1, -1.0), (1, -2.0), (1, -2.5), (1, -3.0)]),
+    "one variable": history_of([(0.1,), (0.5,), (0.7,)], [(1, 3.0), (0, 1.0), (1, 2.0)]),
+    "one choice each": history_of(SQUARE[:2], [(1, 2.0), (1, 1.0)], [("a", "b")], [0, 1]),
+}
+
+
+@pytest.mark.parametrize("history", DEGENERATE.values(), ids=DEGENERATE.keys())
+def test_searches_that_leave_little_are_drawn(history, tmp_path):
+    plots.save_overview(history, tmp_path / "overview.png")
+    assert (tmp_path / "overview.png").read_bytes().startswith(b"\x89PNG")
+
+
+def test_convergence_is_the_best_value_so_far():
+    history = history_of(SQUARE, [(0, 1.0), (1, 5.0), (1, 6.0), (1, 2.0), (1, 3.0)])
+    trials, best = line_data(plots.plot_convergence(history), "best so far")
+    assert trials == [1, 2, 3, 4, 5]
+    assert math.isnan(best[0]) and best[1:] == [5.0, 5.0, 2.0, 2.0]
+    ax = plots.plot_convergence(history, minimum=1.5)
+    assert line_data(ax, "best so far")[1][1:] == [3.5, 3.5, 0.5, 0.5]
+    assert ax.get_yscale() == "log"
+    ax = plots.plot_convergence([history, history], labels=["first", "second"])
+    assert [text.get_text() for text in ax.get_legend().get_texts()] == ["first", "second"]
+
+
+def test_map_shows_the_trials_of_one_combination():
+    history = history_of(
+        SQUARE, [(1, 5.0), (1, 4.0), (0, 1.0), (1, 1.0), (1, 3.0)], [("a", "b")], [0, 1, 0, 0, 0]
+    )
+
+    def offsets(ax, label):
+        return [
+            tuple(map(float, point))
+            for part in ax.collections
+            if part.get_label() == label
+            for point in part.get_offsets()
+        ]
+
+    ax = plots.plot_trials(history)
+    assert ax.get_title(loc="left") == "a"
+    assert offsets(ax, "best") == [(0.9, 0.9)]
+    assert offsets(ax, "infeasible") == [(0.1, 0.9)]
+    other = plots.plot_trials(history, categories=("b",))
+    assert other.get_title(loc="left") == "b"
+    assert offsets(other, "best") == []
+    with pytest.raises(ValueError, match="no trial has the categories"):
+        plots.plot_trials(history, categories=("c",))
+
+
+def test_axes_of_a_result_carry_its_names_bounds_and_scales():
+    result = Quenloft.minimize(
+        bowl, [(1e-3, 10.0, "log"), (0.0, 2.0)], names=("rate", "offset"), maxfun=30
+    )
+    ax = plots.plot_trials(result)
+    assert (ax.get_xlabel(), ax.get_ylabel()) == ("rate", "offset")
+    assert (ax.get_xscale(), ax.get_yscale()) == ("log", "linear")
+    assert ax.get_xlim() == pytest.approx((1e-3, 10.0)) and ax.get_ylim() == (0.0, 2.0)
+
+
+@pytest.mark.parametrize(
+    "draw, shape",
+    [
+        (plots.plot_convergence, ()),
+        (lambda r, ax: plots.plot_trials(r, ax), (3, 3)),
+        (lambda r, ax: plots.plot_trials(r, ax, variables=(2, 0)), ()),
+        (lambda r, ax: plots.plot_trials(r, ax, variables=["x[1]"]), ()),
+        (plots.plot_objective, (3,)),
+        (lambda r, ax: plots.plot_objective(r, ax, variables=[1]), ()),
+    ],
+    ids=["convergence", "matrix", "pair", "one", "objective", "objective of one"],
+)
+def test_given_axes_are_drawn_into_and_returned(draw, shape):
+    result = Quenloft.minimize(bowl, [(0.0, 1.0)] * 3, maxfun=40)
+    figure = pyplot.figure()
+    ax = figure.subplots(*shape) if shape else figure.subplots()
+    assert draw(result, ax) is ax
+    assert pyplot.get_fignums() == [figure.number]
+    first = ax.flat[0] if shape else ax
+    assert first.has_data()
+
+
+@pytest.mark.parametrize(
+    "draw, message",
+    [
+        (lambda h: plots.plot_trials(h, variables=["speed"]), "no variable 'speed'"),
+        (lambda h: plots.plot_trials(h, variables=[2]), "no variable 2"),
+        (lambda h: plots.plot_trials(h, variables=[]), "no variable to draw"),
+        (lambda h: plots.plot_objective(h, [pyplot.figure().subplots()]), "1 axes for 2 variables"),
+        (lambda h: plots.plot_convergence([h], labels=["a", "b"]), "2 labels for 1 searches"),
+        (lambda h: plots.plot_convergence([]), "no search"),
+        (lambda h: plots.plot_convergence(History(2)), "no trial"),
+        (lambda h: plots.check_format("picture.exe"), "cannot draw 'picture.exe'"),
+    ],
+)
+def test_wrong_requests_are_named(draw, message):
+    with pytest.raises(ValueError, match=message):
+        draw(DEGENERATE["equal values"])
+
+
+def test_missing_matplotlib_is_explained(monkeypatch):
+    monkeypatch.setitem(sys.modules, "matplotlib", None)
+    with pytest.raises(ImportError, match=r"Quenloft\[plot\]"):
+        plots.plot_convergence(DEGENERATE["equal values"])
