@@ -230,7 +230,8 @@ def run_minimize(options: argparse.Namespace) -> int:
         so_far = getattr(error, "result", None)
         if not isinstance(so_far, OptimizeResult):  # refused before anything was evaluated
             raise UsageError(str(error)) from error
-        _show(so_far, names, options)
+        if so_far.x is not None or options.json:
+            _show(so_far, names, options)
         text = _describe(error)
         if isinstance(error, NonFiniteError):  # its advice, in the words of the command line
             text = str(error).partition(";")[0] + "; --nonfinite infeasible goes on from there"

@@ -359,6 +359,19 @@ class _View:
         if self.bounds:
             lower, upper = self.bounds[variable]
             (ax.set_xlim if horizontal else ax.set_ylim)(lower, upper)
+        if variable in self.logarithmic:
+            _label_decades(axis)
+
+
+def _label_decades(axis: Any) -> None:
+    """Tick labels of a logarithmic axis that do not overlap, and some on less than a decade."""
+    from matplotlib import ticker
+
+    lower, upper = axis.get_view_interval()
+    if upper <= 100.0 * lower:
+        axis.set_major_locator(ticker.LogLocator(subs=(1.0, 2.0, 5.0)))
+        axis.set_major_formatter(ticker.FuncFormatter(lambda value, _: f"{value:g}"))
+    axis.set_minor_formatter(ticker.NullFormatter())
 
 
 def _view(
@@ -441,7 +454,7 @@ def _scale_values(ax: Any, values: Sequence[float], minimum: Optional[float] = N
     elif finite[0] > 0.0 and finite[-1] > 100.0 * finite[0]:
         ax.set_yscale("log")
     else:
-        middle = finite[int(0.9 * (len(finite) - 1))]
+        middle = finite[int(0.75 * (len(finite) - 1))]
         reach = middle - finite[0]
         if reach > 0.0 and finite[-1] - finite[0] > 3.0 * reach:
             ax.set_ylim(finite[0] - 0.1 * reach, finite[0] + 1.5 * reach)
@@ -531,7 +544,7 @@ def _draw_projection(
     if infeasible:
         ax.scatter(
             view.column(first, infeasible), view.column(second, infeasible), marker="x",
-            s=0.8 * size, linewidths=0.7, color=_INFEASIBLE, alpha=0.6, zorder=2,
+            s=0.8 * size, linewidths=0.7, color=_INFEASIBLE, alpha=0.4, zorder=2,
             label="infeasible",
         )
     points = ax.scatter(
@@ -598,6 +611,8 @@ def _draw_matrix(ax: Any, view: _View, trials: Sequence[int], variables: Sequenc
     if created and points is not None:
         figure = panels[0].figure
         figure.colorbar(points, ax=panels, label="trial", shrink=0.6, location="right")
+        handles, labels = panels[count].get_legend_handles_labels()
+        figure.legend(handles, labels, loc="upper right", frameon=False)
     return ax
 
 
@@ -623,7 +638,9 @@ def _draw_along(ax: Any, view: _View, trials: Sequence[int], variable: int) -> N
         x, values, c=[i + 1 for i in feasible], cmap=_ORDER, s=10.0, linewidths=0,
         vmin=1, vmax=len(view.history), zorder=2,
     )
-    below = _lowest(_unit(view, variable, feasible) if feasible else [], x, values)
+    below = sorted(zip(x, values))
+    if view.history.dimension > 1 or view.history.choices:
+        below = _lowest(_unit(view, variable, feasible) if feasible else [], x, values)
     ax.plot([point[0] for point in below], [point[1] for point in below], color="0.3", zorder=3)
     inside = set(feasible)
     infeasible = [i for i in trials if i not in inside]
