@@ -10,6 +10,7 @@ from typing import Any, Callable, Optional, Sequence, Union
 from . import constraints as constraint_forms
 from . import variables as variable_forms
 from .constraints import Constraint
+from .history import History
 from .observation import Form, Observe, observer, point_form
 from .polish import is_cobyla_installed
 from .result import OptimizeResult
@@ -97,6 +98,15 @@ class Plan:
     def goal(self) -> int:
         """The index of a trial at which everything holds."""
         return len(self.limits) + self.is_hidden
+
+    def new_history(self) -> History:
+        """An empty history of the problem."""
+        variables = self.variables
+        history = History(variables.dimension, variables.choices, len(self.limits), self.goal)
+        history.names = variables.names
+        history.bounds = tuple(zip(variables.lower, variables.upper))
+        history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
+        return history
 
     def observer(self) -> Observe:
         """The function that evaluates the problem."""

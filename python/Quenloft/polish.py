@@ -16,6 +16,7 @@ from __future__ import annotations
 
 import math
 import threading
+from importlib import import_module
 from typing import Any, Callable, Optional, Sequence
 
 from .pattern_search import minimize_by_pattern
@@ -141,11 +142,11 @@ def is_cobyla_installed() -> bool:
 
 
 def _scipy_minimize() -> Optional[Callable[..., Any]]:
+    # Not an import statement: SciPy brings no types, and may be missing.
     try:
-        from scipy.optimize import minimize
+        return import_module("scipy.optimize").minimize  # type: ignore[no-any-return]
     except ImportError:
         return None
-    return minimize  # type: ignore[no-any-return, unused-ignore]
 
 
 def _cobyla(sampler: _Sampler, run: Run, minimizer: Callable[..., Any]) -> None:

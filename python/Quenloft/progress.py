@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import math
 import sys
+from importlib import import_module
 from time import perf_counter
 from typing import Any, Optional, Protocol
 
@@ -71,7 +72,8 @@ def _display(total: float, unit: str) -> Optional[Display]:
     if not is_terminal and "ipykernel" not in sys.modules:
         return None
     try:
-        from tqdm.auto import tqdm
+        # Not an import statement: it brings no types, and may be missing.
+        tqdm = import_module("tqdm.auto").tqdm
     except ImportError:
         return _Line(total, unit, stream) if is_terminal else None
     return _Bar(tqdm, total, unit)

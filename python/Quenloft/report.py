@@ -98,7 +98,7 @@ class Report:
             success=run.is_feasible() and status > 0,
             status=status,
             **self._best(),
-            nfev=sum(index >= history.constraint_count for index in history.index),
+            nfev=self._calls(),
             nit=len(history),
             locals=self._locals,
             xl=[minimum.x for minimum in self._locals],
@@ -108,6 +108,11 @@ class Report:
             replayed=run.replayed,
             history=history,
         )
+
+    def _calls(self) -> int:
+        history = self._run.history
+        count = history.constraint_count
+        return sum(index >= count for index in history.index) if count else len(history)
 
     def _final_status(self) -> Status:
         error = self._run.error

@@ -3,7 +3,12 @@
 
 from __future__ import annotations
 
+from importlib import import_module
+from inspect import signature
 from typing import Any, Callable, Optional, Sequence
+
+from .plan import Plan
+from .search import execute
 
 
 def scipy_method(
@@ -28,4 +33,33 @@ def scipy_method(
     scipy.optimize.OptimizeResult
         With all the fields of `Quenloft.OptimizeResult`.
     """
-    raise NotImplementedError
+    if bounds is None:
+        raise ValueError("Quenloft.scipy_method needs bounds: its search is global")
+    for derivative in ("jac", "hess", "hessp"):
+        options.pop(derivative, None)
+    options.setdefault("point", "array")
+    if tol is not None:
+        options.setdefault("min_radius", tol)
+    arguments = args if isinstance(args, tuple) else (args,)
+    plan = Plan(
+        fun, bounds, arguments, constraints=constraints, callback=_adapted(callback), **options
+    )
+    if plan.variables.dimension != import_module("numpy").size(x0):
+        raise ValueError(f"x0 must hold {plan.variables.dimension} values, one for each bound")
+    result = execute(plan)
+    return import_module("scipy.optimize").OptimizeResult(result)
+
+
+def _adapted(callback: Optional[Callable[..., Any]]) -> Optional[Callable[..., Any]]:
+    """SciPy's two kinds of callback: one that names its parameter so, and one of the point."""
+    if callback is None:
+        return None
+    call = callback
+    try:
+        is_new = set(signature(call).parameters) == {"intermediate_result"}
+    except (TypeError, ValueError):
+        is_new = False
+    scipy_result = import_module("scipy.optimize").OptimizeResult
+    if is_new:
+        return lambda result: call(intermediate_result=scipy_result(result))
+    return lambda result: call(result.x)

@@ -8,7 +8,6 @@ from contextlib import ExitStack, closing
 from typing import Any, Callable, Optional, Sequence, Union
 
 from .engine import search
-from .history import History
 from .journal import Journal, describe
 from .plan import Plan
 from .polish import polish as run_polish
@@ -185,12 +184,9 @@ def minimize(
 
 def execute(plan: Plan) -> OptimizeResult:
     """Carry out a plan; see `minimize`."""
-    variables, stops = plan.variables, plan.budget
-    history = History(variables.dimension, variables.choices, len(plan.limits), plan.goal)
-    history.names = variables.names
-    history.bounds = tuple(zip(variables.lower, variables.upper))
-    history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
-    run = Run(variables, history, plan.observer())
+    stops = plan.budget
+    history = plan.new_history()
+    run = Run(plan.variables, history, plan.observer())
     run.f_min = stops.f_min
     report = Report(run, stops, plan.form, [limit.name for limit in plan.limits])
     with ExitStack() as stack:

@@ -56,12 +56,11 @@ class Variables:
             exp = math.exp
 
             def convert(coordinates: Sequence[float]) -> tuple[float, ...]:
-                return tuple(
-                    [
-                        min(max(exp(u) if log else u, a), b)
-                        for u, (log, a, b) in zip(coordinates, rules)
-                    ]
-                )
+                values = []
+                for u, (log, a, b) in zip(coordinates, rules):
+                    value = exp(u) if log else u
+                    values.append(value if a <= value <= b else a if value < a else b)
+                return tuple(values)
 
             return convert
 
