@@ -7,7 +7,6 @@
 
 #include "module/py_ref.h"  // Python.h comes first
 
-#include <cxxabi.h>
 #include <unistd.h>
 
 #include <exception>
@@ -31,25 +30,35 @@ inline PyRef OrThrow(PyObject* made) {
   return PyRef::steal(made);
 }
 
-// Stops the calling thread for good.
+// Keeps a thread that is being ended in the call that it was in.
 //
 // When the interpreter ends, it makes a daemon thread that asks for its lock
 // leave through pthread_exit, which unwinds the C++ frames: it would end the
-// process at the first `noexcept` or `catch (...)`, and run destructors that
-// release references without the lock. The thread stays here instead, without the
-// lock, until the process is gone, as CPython does from 3.14 on.
-[[noreturn]] inline void ParkThread() {
-  for (;;) pause();
-}
+// process at the first `noexcept` or handler that swallows it, and run destructors
+// that release references without the lock. The thread stays here instead, without
+// the lock, until the process is gone, as CPython does from 3.14 on.
+class ThreadEndGuard {
+ public:
+  ThreadEndGuard() = default;
+  ThreadEndGuard(const ThreadEndGuard&) = delete;
+  ThreadEndGuard& operator=(const ThreadEndGuard&) = delete;
+  // Such an unwinding is none by an exception of C++.
+  ~ThreadEndGuard() {
+    while (!has_returned_ && std::uncaught_exceptions() == 0) pause();
+  }
+  void SetReturned() { has_returned_ = true; }
 
-// Calls into Python where a thread may spend long.
+ private:
+  bool has_returned_ = false;
+};
+
+// Calls what may run Python code for long.
 template <typename Call>
 auto calling_python(Call&& call) -> decltype(call()) {
-  try {
-    return call();
-  } catch (const abi::__forced_unwind&) {
-    ParkThread();
-  }
+  ThreadEndGuard guard;
+  const auto result = call();
+  guard.SetReturned();
+  return result;
 }
 
 // Runs the body; an exception becomes a Python error and the slot's value for
@@ -60,14 +69,12 @@ auto guarded(Body&& body) noexcept -> decltype(body()) {
   static_assert(std::is_pointer_v<Result> || std::is_same_v<Result, int>,
                 "a slot returns an object or a status");
   try {
-    return body();
+    return calling_python(body);
   } catch (const PythonError&) {
   } catch (const std::bad_alloc&) {
     PyErr_NoMemory();
   } catch (const std::exception& error) {
     PyErr_SetString(PyExc_RuntimeError, error.what());
-  } catch (const abi::__forced_unwind&) {
-    ParkThread();
   } catch (...) {
     PyErr_SetString(PyExc_RuntimeError, "Unknown C++ exception.");
   }

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <exception>
 #include <map>
+#include <stdexcept>
 #include <vector>
 
 #include "module/conversions.h"
@@ -27,6 +28,11 @@ using QuenloftSolver::SolverBase;
 using QuenloftSolver::TestValue;
 
 constexpr std::size_t kMaxLocals = 10;
+
+// Far more categorical variables than a 32-bit number of combinations allows; a
+// length beyond this is a lie, for which no room is to be made.
+constexpr Py_ssize_t kMaxCategorical = 65536;
+constexpr char kCombinationsMessage[] = "Categorical has too many combinations.";
 
 // When a search ends. A condition counts as set when its bits differ from the
 // default's, so the default given by hand sets nothing, and a NaN does.
@@ -144,6 +150,7 @@ std::int32_t AsCategoricalSize(PyObject* item) {
 
 void ConvertCategorical(Problem& problem, const PyRef& categorical, SavedError& pending) {
   const Py_ssize_t length = LengthOf(categorical);
+  if (length > kMaxCategorical) RaiseTypeError(kCombinationsMessage);
   problem.categorical_values.resize(length, 1);
   for (Py_ssize_t i = 0; i < length; ++i) {
     problem.categorical_values[i] = ConvertItem(categorical, i, pending, AsCategoricalSize);
@@ -160,12 +167,8 @@ void MakeAdapters(Problem& problem, const Inputs& inputs) {
   problem.adapters.clear();
   problem.functions.clear();
   const Py_ssize_t length = inputs.constraints ? LengthOf(inputs.constraints) : 0;
-  // Room for all, so that no adapter moves after its address is taken.
-  problem.adapters.reserve(static_cast<std::size_t>(length) + 1);
-  problem.functions.reserve(static_cast<std::size_t>(length) + 1);
-  // A count that is negative in 32 bits counts as none.
-  const auto count = static_cast<std::int32_t>(static_cast<std::uint32_t>(length));
-  for (std::int32_t i = 0; i < count; ++i) {
+  if (length > INT_MAX) throw std::length_error("Too many constraints.");
+  for (Py_ssize_t i = 0; i < length; ++i) {
     // The adapter keeps this reference, for ever.
     PyRef constraint = OrThrow(PySequence_GetItem(inputs.constraints.get(), i));
     AppendAdapter(problem, constraint.release());
@@ -184,7 +187,7 @@ void MakeSolver(Problem& problem, const SearchParameters& parameters) {
   }
   // The count wraps at 2^32; a search over none would have no trials at all.
   if (problem.solver->CombinationCount() == 0) {
-    RaiseTypeError("Categorical has too many combinations.");
+    RaiseTypeError(kCombinationsMessage);
   }
 }
 

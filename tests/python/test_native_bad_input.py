@@ -78,8 +78,7 @@ def test_odd_bound_of_a_list_that_changed_is_ignored():
     [
         (fails, KeyError),
         (lambda: -1, ValueError),
-        (lambda: 2**62, (TypeError, MemoryError, RuntimeError)),
-        (lambda: 10**12, (TypeError, MemoryError)),
+        (lambda: 10**12, (TypeError, RuntimeError)),
         (lambda: 2**70, OverflowError),
     ],
 )
@@ -123,7 +122,8 @@ class Number:
 @pytest.mark.parametrize("field", ["bounds", "categorical"])
 def test_conversion_that_raises_fails_the_first_evaluation(field):
     number = Number(2)
-    subject, points, run = trials(**{field: [0, number, 0, 1] if field == "bounds" else [2, number]})
+    items = [0, number, 0, 1] if field == "bounds" else [2, number]
+    subject, points, run = trials(**{field: items})
     number.action = fails
     with pytest.raises(SystemError) as failure:
         run()
@@ -165,11 +165,13 @@ def test_categorical_sizes_that_no_search_can_use(change, message):
     assert str(failure.value) == message
 
 
-def test_constraints_that_changed_since_they_were_checked():
-    constraints = [lambda x: -1.0]
+@pytest.mark.parametrize("length, error", [(2, SystemError), (3, IndexError)])
+def test_constraints_that_changed_since_they_were_checked(length, error):
+    constraints = Items([lambda x: -1.0])
     subject, points, run = trials(constraints=constraints)
     constraints.append(3)
-    with pytest.raises(SystemError):
+    constraints.length = lambda: length
+    with pytest.raises(error):
         run()
     assert points == []
 
@@ -253,6 +255,7 @@ def test_last_reference_to_the_problem_goes_during_the_search():
     assert released
 
 
+@pytest.mark.slow
 def test_search_inside_a_search_inside_a_search():
     depths = []
 

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Problem.Minimize: stop conditions, the calling convention, the result and its text."""
 
+import gc
 import math
 import sys
 
@@ -106,7 +107,8 @@ def test_callables_get_tuples_of_plain_numbers_refilled_in_place():
     def record(name, value):
         def function(*arguments):
             seen.setdefault(name, set()).add(tuple(map(id, arguments)))
-            assert [type(v) for a in arguments for v in a] == [float, float, int][: 2 * len(arguments)]
+            kinds = [float, float, int][: 2 * len(arguments)]
+            assert [type(v) for argument in arguments for v in argument] == kinds
             return value
 
         return function
@@ -233,6 +235,7 @@ def test_searches_leave_nothing_but_the_adapters_tuples(target):
             pass
 
     run()
+    gc.collect()
     references, blocks = sys.getrefcount(target), sys.getallocatedblocks()
     for _ in range(200):
         run()

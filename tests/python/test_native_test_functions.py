@@ -53,7 +53,8 @@ def test_points_are_sequences_and_keywords_are_ignored():
 
 
 def test_as_target_it_is_minimised_like_any_callable():
-    assert _Quenloft.Problem(bounds=[0, 1] * 2, target=Grishagin(3)).Minimize(stop_tests=20).tests == 20
+    problem = _Quenloft.Problem(bounds=[0, 1] * 2, target=Grishagin(3))
+    assert problem.Minimize(stop_tests=20).tests == 20
 
 
 @pytest.mark.parametrize(
