@@ -4,7 +4,7 @@
 A function counts as solved at the first trial close enough to its global minimizer in every
 coordinate; a search ends there, or when its budget of trials is used up. Shown for each class:
 functions solved, trials (mean with an unsolved function counted at the budget, median, 90 %,
-maximum) and seconds per 1,000 trials that the method takes beside the objective's own time.
+maximum) and CPU seconds per 1,000 trials that the method takes beside the objective's own.
 
 Every finished run is written to runs.jsonl in the folder of results at once: the same command
 given again goes on where it was stopped. At the end the folder holds summary.json with versions,

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import math
 from dataclasses import dataclass
-from time import perf_counter
+from time import thread_time
 from typing import Any, Callable, Optional, Sequence
 
 from _Quenloft import TestFunction, TestFunction2
@@ -72,7 +72,8 @@ class Objective:
     """One function as a method sees it: counts the trials and stops at the first good one.
 
     A call answers with the value until the function is solved or the budget is used up, and from
-    then on with what `stop` answers, which may raise. `seconds` is the time spent inside calls.
+    then on with what `stop` answers, which may raise. `seconds` is the CPU time
+    spent inside calls.
     """
 
     def __init__(
@@ -88,7 +89,7 @@ class Objective:
         self.solved_at: Optional[int] = None
 
     def __call__(self, point: Sequence[float]) -> float:
-        start = perf_counter()
+        start = thread_time()
         self.count += 1
         if self.solved_at is not None or self.count > self.budget:
             return self.stop()
@@ -100,5 +101,5 @@ class Objective:
         else:
             self.solved_at = self.count
             value = self.stop()
-        self.seconds += perf_counter() - start
+        self.seconds += thread_time() - start
         return value

@@ -97,7 +97,7 @@ def _nlopt(function_class: FunctionClass, number: int, budget: int, algorithm: s
 
 
 # The local searches of MLSL end when they move less than this in each coordinate. Of 1e-2, 1e-3
-# and 1e-4 it is the one with the fewest evaluations over the classes.
+# and 1e-4 it needed the fewest trials on most of the classes.
 MLSL_LOCAL_TOLERANCE = 1e-3
 
 # Identifier: name, function, its last argument.
