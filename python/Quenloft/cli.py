@@ -108,12 +108,13 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     problem = parser.add_argument_group("problem")
     several = {"nargs": "+", "action": "extend", "default": []}
     problem.add_argument(
-        "--bounds", metavar="[NAME=]LOWER:UPPER[:log]", type=_bounds, required=True, **several,
-        help="one for each real variable",
+        "--bounds", metavar="LOWER:UPPER", type=_bounds, required=True, **several,
+        help="one for each real variable; NAME=LOWER:UPPER names it, LOWER:UPPER:log makes it "
+        "logarithmic",
     )
     problem.add_argument(
-        "--choices", metavar="[NAME=]A,B,...", type=_choices, **several,
-        help="one for each categorical variable; numbers are read as numbers",
+        "--choices", metavar="A,B", type=_choices, **several,
+        help="one for each categorical variable; NAME=A,B names it; numbers are read as numbers",
     )
     problem.add_argument(
         "--constraint", metavar="FUNCTION", **several, help="feasible when <= 0; in this order"
@@ -131,7 +132,7 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     )
 
     stops = parser.add_argument_group("stops")
-    stops.add_argument("--maxfun", type=float, metavar="N", help="budget of trials")
+    stops.add_argument("--maxfun", type=float, metavar="N", help="budget of trials, never exceeded")
     stops.add_argument("--maxtime", type=float, metavar="SECONDS", help="budget of time")
     stops.add_argument("--f-min", type=float, metavar="VALUE", help="value that is good enough")
     stops.add_argument(
@@ -142,7 +143,7 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     for name, default in _settings().items():
         settings.add_argument(
             "--" + name.replace("_", "-"), type=type(default), default=default, metavar="X",
-            help="(%(default)s)",
+            help=f"{_SETTINGS[name]} (%(default)s)",
         )
     settings.add_argument(
         "--polish", nargs="?", const=True, default=False, choices=("cobyla", "pattern"),
@@ -158,11 +159,18 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
 
 def _settings() -> dict[str, Any]:
     """The parameters of the search, and their defaults, as `minimize` has them."""
-    names = (
-        "overestimation", "overestimation_local", "local_vs_global", "spread", "cross", "fit",
-    )
     defaults = minimize.__kwdefaults__ or {}
-    return {name: defaults[name] for name in names}
+    return {name: defaults[name] for name in _SETTINGS}
+
+
+_SETTINGS = {
+    "overestimation": "larger explores more",
+    "overestimation_local": "the same for local steps",
+    "local_vs_global": "local steps for each global one",
+    "spread": "neighbours are 2 pi / X apart",
+    "cross": "size of the first cross of trials, 0 for none",
+    "fit": "quadratic fits after a new best point",
+}
 
 
 def _add_history(commands: Any, common: argparse.ArgumentParser) -> None:
