@@ -26,6 +26,9 @@ from .run import Run
 FIRST_STEP = 0.02
 LAST_STEP = 1e-7
 
+# A bound on steps that repeat points, which cost no trial.
+_MOST_STEPS = 10_000
+
 # SciPy's COBYLA waits for a lock that covers the process while the objective runs: a search inside
 # the objective, in another thread, could wait for ever.
 _cobyla_in_use = threading.Lock()
@@ -55,6 +58,7 @@ class _Sampler:
             min(max((u - a) / w, 0.0), 1.0)
             for u, a, w in zip(variables.encode(best.x), lower, self._width)
         )
+        self.best = self.start
         self.goal = run.history.goal
         self._known: dict[tuple[float, ...], tuple[int, float, Sequence[float]]] = {
             self.start: (run.best_index, run.best_value, best.constraints)
@@ -78,6 +82,8 @@ class _Sampler:
             constraints = run.history.constraints[-1] if run.history.constraint_count else ()
             outcome = run.last_index, run.last_value, constraints
             self._known[inside] = outcome
+            if run.best == len(run.history) - 1:
+                self.best = inside
             if run.status is not None or run.error is not None:
                 raise _Ended
         return outcome
@@ -182,13 +188,21 @@ def _cobyla(sampler: _Sampler, run: Run, minimizer: Callable[..., Any]) -> None:
     inequalities = [
         {"type": "ineq", "fun": lambda u, k=k: -value_of(k, u)} for k in range(count)
     ]
-    minimizer(
-        lambda u: value_of(sampler.goal, u),
-        numpy.array(sampler.start),
-        method="COBYLA",
-        constraints=sides + inequalities,
-        options={"rhobeg": FIRST_STEP, "tol": LAST_STEP, "maxiter": 10_000 + len(run.history)},
-    )
+    # What was extrapolated may have misled it, so it starts again, with smaller steps, until that
+    # gains nothing twice.
+    step = FIRST_STEP
+    useless = 0
+    while not has_ended and useless < (2 if sampler.goal else 1) and step > LAST_STEP:
+        reached = run.best_value
+        minimizer(
+            lambda u: value_of(sampler.goal, u),
+            numpy.array(sampler.best),
+            method="COBYLA",
+            constraints=sides + inequalities,
+            options={"rhobeg": step, "tol": LAST_STEP, "maxiter": _MOST_STEPS},
+        )
+        useless = 0 if sampler.goal and run.best_value < reached else useless + 1
+        step *= 0.1
 
 
 def _extrapolate(numpy: Any, known: list[tuple[tuple[float, ...], float]], u: Any) -> float:

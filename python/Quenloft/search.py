@@ -106,9 +106,9 @@ def minimize(
     polish : bool or {"cobyla", "pattern"}
         Refine the best trial by a local derivative-free search, within the bounds, the
         constraints and the budget, of which a part is held back for it: a quarter of `maxfun` but
-        at most ``25 * (N + 1)`` trials, and a tenth of `maxtime`. True takes SciPy's COBYLA if it
-        is installed and not in use, else a pattern search. Not done after a stop by `f_min` or
-        the callback.
+        at most ``25 * (N + 1)`` trials, twice that with constraints, and a tenth of `maxtime`.
+        True takes SciPy's COBYLA if it is installed and not in use, else a pattern search. Not
+        done without a feasible trial, nor after a stop by `f_min` or the callback.
     journal : path, optional
         SQLite file that holds every evaluation before the next one starts. If it exists, the run
         goes on from there and evaluates nothing again: recorded values are replayed, callbacks
@@ -224,8 +224,9 @@ def _run_phases(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -
     held_back = 0.0
     seconds = stops.maxtime
     if plan.polish:
-        # What is held back is enough for COBYLA to converge from a good trial in a few variables.
-        held_back = min(stops.maxfun // 4, 25 * (run.variables.dimension + 1))
+        # Enough for COBYLA to converge from a good trial; constraints make that longer.
+        enough = (50 if plan.goal else 25) * (run.variables.dimension + 1)
+        held_back = min(stops.maxfun // 4, enough)
         seconds *= 0.9
     run.begin_phase("search", stops.maxfun - held_back, seconds)
     if book is not None and book.searched:
