@@ -54,7 +54,9 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
     parser = _parser()
     options = parser.parse_args([f" {w}" if re.match(r"-[\d.]", w) else w for w in words])
     try:
-        return int(options.run(options))
+        code = int(options.run(options))
+        sys.stdout.flush()  # so that a closed pipe is noticed here
+        return code
     except KeyboardInterrupt:
         print("interrupted", file=sys.stderr)
         return ExitCode.INTERRUPTED

@@ -222,12 +222,13 @@ def trial_count(journal):
         return 0
 
 
-def test_reader_that_has_seen_enough_is_no_error(folder):
+@pytest.mark.parametrize("words", [["--csv"], ["--last", "1"]], ids=["much", "little"])
+def test_reader_that_has_seen_enough_is_no_error(folder, words):
     box = [(0.0, 1.0)]
-    Quenloft.minimize(lambda x: x[0], box, maxfun=3000, journal=folder / "run.db")
+    Quenloft.minimize(lambda x: x[0], box, maxfun=300, journal=folder / "run.db")
     reading, writing = os.pipe()
     process = subprocess.Popen(
-        [sys.executable, "-m", "Quenloft", "history", "run.db", "--csv"], cwd=folder,
+        [sys.executable, "-m", "Quenloft", "history", "run.db", *words], cwd=folder,
         stdout=writing, stderr=subprocess.PIPE,
     )  # fmt: skip
     os.close(writing)
