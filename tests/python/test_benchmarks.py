@@ -98,6 +98,7 @@ def test_a_second_call_goes_on_where_the_first_was_stopped(tmp_path):
         def workers(function, items):
             for item in items:
                 if len(asked) == count:
+                    assert len(path.read_bytes().splitlines()) == 1 + count
                     raise KeyboardInterrupt
                 asked.append(item.number)
                 yield function(item)
