@@ -220,7 +220,10 @@ def watcher(
             display.update(len(history), run.best_objective(), history.time[-1])
         if callback is not None:
             try:
-                must_stop = callback(report.intermediate(nfev))
+                answer = callback(report.intermediate(nfev))
+                # A truth value only, Python's or NumPy's: a callback written as an expression may
+                # return anything.
+                must_stop = type(answer).__name__ in ("bool", "bool_") and bool(answer)
             except StopIteration:
                 must_stop = True
             if must_stop:
