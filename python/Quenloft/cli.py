@@ -52,7 +52,7 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
     words = list(sys.argv[1:] if arguments is None else arguments)
     # A bound such as -1:2 is a value, though it begins like an option.
     parser = _parser()
-    options = parser.parse_args([f" {w}" if re.match(r"-[\d.]", w) else w for w in words])
+    options = parser.parse_args([f" {w}" if re.match(r"-(\d|\.|inf|nan)", w) else w for w in words])
     try:
         code = int(options.run(options))
         sys.stdout.flush()  # so that a closed pipe is noticed here
@@ -236,7 +236,7 @@ def run_minimize(options: argparse.Namespace) -> int:
         )
     except JournalError:
         raise
-    except Exception as error:
+    except (Exception, SystemExit) as error:  # a function that exits has failed, too
         so_far = getattr(error, "result", None)
         if not isinstance(so_far, OptimizeResult):  # refused before anything was evaluated
             raise UsageError(str(error)) from error

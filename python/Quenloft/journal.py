@@ -17,6 +17,7 @@ import math
 import os
 import re
 import sqlite3
+from contextlib import closing
 from dataclasses import dataclass
 from hashlib import sha256
 from pathlib import Path as _Path
@@ -72,26 +73,25 @@ def read_journal(path: Path) -> Recording:
     if not os.path.exists(path):
         raise FileNotFoundError(f"there is no journal {os.fspath(path)!r}")
     uri = _Path(os.path.abspath(path)).as_uri() + "?mode=ro"
-    database = sqlite3.connect(uri, uri=True)
     try:
-        header = _read_header(database, path)
-        history = History(
-            len(header["bounds"]),
-            header["categories"],
-            len(header["constraints"]),
-            header["goal"],
-        )
-        history.names = tuple(header["names"])
-        history.bounds = tuple((lower, upper) for lower, upper in header["bounds"])
-        history.logarithmic = tuple(header["logarithmic"])
-        for phase, x, category, index, value, constraints, time in _rows(database, history):
-            if phase == "polish" and history.polish_start is None:
-                history.polish_start = len(history)
-            history.append(x, category, index, value, time, constraints)
+        try:
+        with closing(sqlite3.connect(uri, uri=True)) as database:
+            return _read(database, path)
     except sqlite3.DatabaseError as error:
         raise JournalError(f"{os.fspath(path)!r} cannot be read: {error}") from error
-    finally:
-        database.close()
+
+
+def _read(database: sqlite3.Connection, path: Path) -> Recording:
+    header = _read_header(database, path)
+    choices, limits = header["categories"], header["constraints"]
+    history = History(len(header["bounds"]), choices, len(limits), header["goal"])
+    history.names = tuple(header["names"])
+    history.bounds = tuple((lower, upper) for lower, upper in header["bounds"])
+    history.logarithmic = tuple(header["logarithmic"])
+    for phase, x, category, index, value, constraints, time in _rows(database, history):
+        if phase == "polish" and history.polish_start is None:
+            history.polish_start = len(history)
+        history.append(x, category, index, value, time, constraints)
     history.finish()
     return Recording(header, history)
 

@@ -35,6 +35,8 @@ def fails(x):
 
 def undefined(x): return math.nan if x[0] > 0.9 else bowl(x)
 
+def leaves(x): raise SystemExit(0)
+
 def slow(x):
     time.sleep(0.05)
     return bowl(x)
@@ -98,6 +100,7 @@ def test_search_is_the_one_that_minimize_makes(run, folder):
         (["climodel:bowl", *BOX, "--quiet"], 0, "", ""),
         (["climodel:fails", *BOX], 1, "2 trials", "ZeroDivisionError: two lines (climodel.py, line "),
         (["climodel:undefined", *BOX], 1, "2 trials", "returned nan at x = (0.995, 0.5); --nonfinite"),
+        (["climodel:leaves", *BOX], 1, "", "SystemExit: 0 (climodel.py, line "),
         (["climodel:undefined", *BOX, "--nonfinite", "infeasible"], 0, "minimum", ""),
         (["climodel:bowl", *BOX, "--constraint", "climodel:never"], 3, "no feasible point", ""),
     ],
@@ -119,7 +122,8 @@ def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
         (["minimize", "climodel:bowl", "--bounds", "0:1:lag"], "'0:1:lag' is not LOWER:UPPER"),
         (["minimize", "climodel:bowl", "--bounds", "a:1"], "'a:1' does not hold two numbers"),
         (["minimize", "climodel:bowl", "--bounds", "1:0"], "x[0]"),
-        (["minimize", "climodel:bowl", "--bounds", "r=-1:1:log"], "r"),
+        (["minimize", "climodel:bowl", "--bounds", "r=-1:1:log"], "r is logarithmic"),
+        (["minimize", "climodel:bowl", "--bounds", "-inf:1"], "finite"),
         (["minimize", "climodel:bowl", *BOX, "--choices", "a,,b"], "empty choice"),
         (["minimize", "climodel:bowl", *BOX, "--maxfun", "-3"], "maxfun"),
         (["minimize", "climodel:bowl", *BOX, "--plot", "picture.exe"], "picture.exe"),
@@ -132,6 +136,7 @@ def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
         (["minimize", "faulty:bowl", *BOX], "SyntaxError"),
         (["history", "nothing.db"], "nothing.db"),
         (["history", "climodel.py"], "climodel.py"),
+        (["history", "."], "'.' cannot be"),
     ],
 )
 def test_wrong_usage_is_one_line_and_code_2(run, words, message):
