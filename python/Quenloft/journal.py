@@ -74,7 +74,6 @@ def read_journal(path: Path) -> Recording:
         raise FileNotFoundError(f"there is no journal {os.fspath(path)!r}")
     uri = _Path(os.path.abspath(path)).as_uri() + "?mode=ro"
     try:
-        try:
         with closing(sqlite3.connect(uri, uri=True)) as database:
             return _read(database, path)
     except sqlite3.DatabaseError as error:
