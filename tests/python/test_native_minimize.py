@@ -225,7 +225,7 @@ def test_keeping_an_argument_tuple_fails_the_next_evaluation(kept):
 
 
 # Each search leaves behind one tuple of two floats for the constraint, and one for the target.
-@pytest.mark.parametrize("target", [bowl, lambda x: 1 / 0, lambda x: None])
+@pytest.mark.parametrize("target", [lambda x: bowl(x), lambda x: 1 / 0, lambda x: None])
 def test_searches_leave_nothing_but_the_adapters_tuples(target):
     def run():
         subject = Problem(bounds=[0.0, 1.0] * 2, constraints=[negative], target=target)
