@@ -73,14 +73,17 @@ def _scipy_direct(
 def _nlopt(function_class: FunctionClass, number: int, budget: int, algorithm: str) -> Objective:
     import nlopt
 
-    def stop() -> float:
-        raise nlopt.ForcedStop
-
-    objective = Objective(function_class, number, budget, stop)
-    bounds = function_class.bounds
     dimension = function_class.dimension
     nlopt.srand(number)
     search = nlopt.opt(getattr(nlopt, algorithm), dimension)
+
+    def stop() -> float:
+        # Not an exception: MLSL may go on after one in a local search, which it cannot take.
+        search.force_stop()
+        return 0.0
+
+    objective = Objective(function_class, number, budget, stop)
+    bounds = function_class.bounds
     if algorithm == "G_MLSL_LDS":
         local = nlopt.opt(nlopt.LN_BOBYQA, dimension)
         local.set_xtol_abs(MLSL_LOCAL_TOLERANCE)
