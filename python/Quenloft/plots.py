@@ -289,7 +289,7 @@ def check_format(path: Union[str, os.PathLike[str]]) -> None:
     known = _matplotlib().figure.Figure().canvas.get_supported_filetypes()
     suffix = os.path.splitext(os.fspath(path))[1].lstrip(".").lower()
     if suffix not in known:
-        raise ValueError(f"cannot draw {os.fspath(path)!r}: name a .png, .pdf or .svg file")
+        raise ValueError(f"cannot draw {os.fspath(path)}: name a .png, .pdf or .svg file")
 
 
 @dataclass

@@ -11,18 +11,25 @@
 # Output shown in a console block below its commands is compared as well. A document starts in an
 # empty directory, and its prose says what a block needs: there is no hidden set-up.
 #
+# So are the examples in docstrings.
+#
 # The complete programs in examples/ are run too (but one, see test_examples.py). Each compares itself
 # with a published figure and ends non-zero when it misses.
 import contextlib
+import doctest
+import importlib
 import io
 import os
 import pathlib
+import pkgutil
 import re
 import subprocess
 import sys
 from typing import Any, Dict, Iterable, Iterator, List, NamedTuple, Optional, Tuple
 
 import pytest
+
+import Quenloft
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCUMENTS = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
@@ -149,6 +156,17 @@ def test_links_between_documents_lead_somewhere():
                 if anchor not in slugs:
                     broken.append(f"{path.name}: {target}")
     assert not broken
+
+
+def test_docstring_examples_do_what_they_show():
+    modules = [
+        importlib.import_module(f"Quenloft.{module.name}")
+        for module in pkgutil.iter_modules(Quenloft.__path__)
+        if module.name != "__main__"
+    ]
+    outcomes = [doctest.testmod(module) for module in modules]
+    assert sum(outcome.attempted for outcome in outcomes) > 0
+    assert sum(outcome.failed for outcome in outcomes) == 0
 
 
 @pytest.mark.parametrize("path", cases(EXAMPLES))

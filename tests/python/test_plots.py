@@ -2,6 +2,7 @@
 """The pictures show the trials that were made, and survive searches that leave little to draw."""
 
 import math
+import re
 import sys
 
 import pytest
@@ -11,7 +12,7 @@ pytest.importorskip("matplotlib").use("Agg")
 from matplotlib import pyplot  # noqa: E402
 
 import Quenloft  # noqa: E402
-from Quenloft import History, plots  # noqa: E402
+from Quenloft import History, cli, plots  # noqa: E402
 
 
 @pytest.fixture(autouse=True)
@@ -137,12 +138,27 @@ def test_given_axes_are_drawn_into_and_returned(draw, shape):
         (lambda h: plots.plot_convergence([h], labels=["a", "b"]), "2 labels for 1 searches"),
         (lambda h: plots.plot_convergence([]), "no search"),
         (lambda h: plots.plot_convergence(History(2)), "no trial"),
-        (lambda h: plots.check_format("picture.exe"), "cannot draw 'picture.exe'"),
+        (lambda h: plots.check_format("picture.exe"), "cannot draw picture.exe"),
     ],
 )
 def test_wrong_requests_are_named(draw, message):
-    with pytest.raises(ValueError, match=message):
+    with pytest.raises(ValueError, match=re.escape(message)):
         draw(DEGENERATE["equal values"])
+
+
+@pytest.mark.parametrize(
+    "file, code, message",
+    [("a.svg", 0, ""), ("a.exe", 2, "cannot draw a.exe"), ("nowhere/a.png", 2, "no folder")],
+)
+def test_command_line_knows_before_the_search_what_it_can_draw(
+    file, code, message, tmp_path, monkeypatch, capsys
+):
+    monkeypatch.chdir(tmp_path)
+    words = ["minimize", "math:fsum", "--bounds", "0:1", "0:1", "--maxfun", "30", "--plot", file]
+    assert cli.main(words) == code
+    output = capsys.readouterr()
+    assert bool(output.out) == (code == 0) == (tmp_path / file).exists()
+    assert message in output.err
 
 
 def test_missing_matplotlib_is_explained(monkeypatch):
