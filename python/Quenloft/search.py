@@ -3,6 +3,7 @@
 
 from __future__ import annotations
 
+import math
 import os
 from contextlib import ExitStack, closing
 from typing import Any, Callable, Optional, Sequence, Union
@@ -221,12 +222,12 @@ def execute(plan: Plan) -> OptimizeResult:
 def _run_phases(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> None:
     """Search, then polish what was found."""
     stops = plan.budget
-    held_back = 0.0
+    held_back = 0
     seconds = stops.maxtime
     if plan.polish:
         # Enough for COBYLA to converge from a good trial; constraints make that longer.
         enough = (50 if plan.goal else 25) * (run.variables.dimension + 1)
-        held_back = min(stops.maxfun // 4, enough)
+        held_back = math.floor(min(stops.maxfun / 4, enough))
         seconds *= 0.9
     run.begin_phase("search", stops.maxfun - held_back, seconds)
     if book is not None and book.searched:
