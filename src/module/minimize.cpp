@@ -295,8 +295,6 @@ PyObject* Minimize(PyObject* self, PyObject* args, PyObject* kwargs) noexcept {
           "At least one stop condition must be set. Set stop_seconds, stop_tests, stop_radius, or "
           "stop_value.");
     }
-    // The callables may drop the caller's last reference to the problem.
-    const PyRef held = PyRef::borrow(self);
     Problem& problem = ProblemObject::From(self);
     const RunningMark mark(problem);
     return Search(problem, arguments).release();
