@@ -78,7 +78,7 @@ def _nlopt(function_class: FunctionClass, number: int, budget: int, algorithm: s
     search = nlopt.opt(getattr(nlopt, algorithm), dimension)
 
     def stop() -> float:
-        # Not an exception: MLSL may go on after one in a local search, which it cannot take.
+        # Not an exception: GN_CRS2_LM calls again after one among its first points, and crashes.
         search.force_stop()
         return 0.0
 
