@@ -1,0 +1,244 @@
+# SPDX-License-Identifier: MIT
+"""`minimize_many`: the same results wherever the tasks run, and none of them lost."""
+
+import math
+import multiprocessing
+import os
+import signal
+import sqlite3
+import subprocess
+import sys
+import time
+from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
+from concurrent.futures.process import BrokenProcessPool
+
+import pytest
+
+import Quenloft
+from Quenloft import JournalError, minimize_many
+
+# From Python 3.12 on, a fork of a process that has threads (the engine's) is warned about.
+pytestmark = pytest.mark.filterwarnings("ignore:.*multi-threaded, use of fork:DeprecationWarning")
+
+
+def shifted(x, choices, shift, notes=None):
+    if notes is not None:
+        with open(notes, "a") as file:
+            file.write(f"{shift}\n")
+    return (x[0] - shift) ** 2 + (choices[0] != "low") * math.exp(x[1])
+
+
+def tasks(count=5, **options):
+    common = {"bounds": [(-1, 2), (0.5, 4, "log")], "categories": [("high", "low")], **options}
+    return [{"fun": shifted, "args": (i / 10,), "maxfun": 24 + i, **common} for i in range(count)]
+
+
+def essence(result):
+    shown = {k: repr(v) for k, v in result.items() if k != "elapsed_seconds"}
+    return shown, [(t.x, t.categories, t.value) for t in result.history]
+
+
+@pytest.fixture(scope="module")
+def serial():
+    return [essence(Quenloft.minimize(**task)) for task in tasks()]
+
+
+def in_pool(run):
+    with multiprocessing.Pool(2) as pool:
+        return run(pool)
+
+
+WORKERS = {
+    "one": lambda run: run(1),
+    "two processes": lambda run: run(2),
+    "a process per processor": lambda run: run(-1),
+    "built-in map": lambda run: run(map),
+    "pool": lambda run: in_pool(lambda pool: run(pool.map)),
+    "pool, unordered": lambda run: in_pool(lambda pool: run(pool.imap_unordered)),
+    "executor": lambda run: run(ProcessPoolExecutor(2).map),
+    "threads": lambda run: run(ThreadPoolExecutor(3).map),
+}
+
+
+@pytest.mark.parametrize("workers", WORKERS)
+def test_any_workers_give_the_results_of_single_searches_in_task_order(workers, serial, tmp_path):
+    path = tmp_path / "study.db"
+    results = WORKERS[workers](lambda w: minimize_many(tasks(), w, journal=path))
+    assert [essence(result) for result in results] == serial
+
+    def nobody(function, items):
+        assert list(items) == []
+        return []
+
+    # From the journal alone, down to the text.
+    again = minimize_many(tasks(), nobody, journal=path)
+    assert [essence(result) for result in again] == serial
+    assert [repr(result) for result in again] == [repr(result) for result in results]
+
+
+@pytest.mark.slow
+@pytest.mark.filterwarnings("default")
+def test_a_dask_cluster_gives_the_same_results(serial, tmp_path):
+    distributed = pytest.importorskip("distributed")
+    settings = {"n_workers": 2, "threads_per_worker": 1, "dashboard_address": None}
+    with distributed.LocalCluster(**settings) as cluster, distributed.Client(cluster) as client:
+        futures = minimize_many(tasks(), client.map, journal=tmp_path / "study.db")
+        assert [essence(result) for result in futures] == serial
+        executor = minimize_many(tasks(), client.get_executor().map)
+        assert [essence(result) for result in executor] == serial
+        # Functions that only this process knows travel as well.
+        offset = 0.25
+        local = minimize_many(
+            [{"fun": lambda x: (x[0] - offset) ** 2, "bounds": [(0, 1)], "maxfun": 30}], client.map
+        )
+        assert local[0].x[0] == pytest.approx(0.25, abs=0.01)
+
+
+STUDY = """
+import sys, time, Quenloft
+sys.path.insert(0, sys.argv[1])
+from test_package_study import tasks
+def fun(x, choices, shift):
+    time.sleep(0.002)
+    return (x[0] - shift) ** 2 + len(choices[0])
+if __name__ == "__main__":
+    common = [{**task, "fun": fun} for task in tasks(12)]
+    results = Quenloft.minimize_many(common, int(sys.argv[3]), journal=sys.argv[2])
+    print([result.fun for result in results])
+"""
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("workers", [1, 2])
+def test_a_study_that_was_killed_goes_on_with_the_missing_tasks(workers, tmp_path):
+    def start(name):
+        here = os.path.dirname(__file__)
+        command = [sys.executable, "-c", STUDY, here, str(tmp_path / name), str(workers)]
+        return subprocess.Popen(
+            command, stdout=subprocess.PIPE, text=True, start_new_session=True
+        )
+
+    def finished():
+        with sqlite3.connect(tmp_path / "killed.db") as database:
+            rows = database.execute("SELECT number, result FROM results").fetchall()
+        database.close()
+        return dict(rows)
+
+    expected, _ = start("whole.db").communicate(timeout=60)
+    kept = {}
+    for delay in (0.6, 0.7, 0.8, 0.9, None):
+        process = start("killed.db")
+        if delay is not None:
+            time.sleep(delay)
+            os.killpg(process.pid, signal.SIGKILL)
+        output, _ = process.communicate(timeout=60)
+        now = finished() if delay is None or kept or (tmp_path / "killed.db").exists() else {}
+        assert kept.items() <= now.items()
+        kept = now
+    assert output == expected and len(kept) == 12
+
+
+def failing(x, kind):
+    if kind == "exit":
+        os._exit(3)
+    if kind == "local":
+        class Local(Exception):  # cannot be pickled
+            pass
+
+        raise Local("mine")
+    if kind is not None and x[0] > 1.9:
+        raise kind
+    return x[0]
+
+
+def kinds(*kinds):
+    return [{"fun": failing, "bounds": [(-1, 2)], "args": (kind,), "maxfun": 9} for kind in kinds]
+
+
+@pytest.mark.parametrize("workers", [1, 2])
+def test_a_failed_task_does_not_keep_the_others_from_their_results(workers, tmp_path):
+    study = kinds(None, ZeroDivisionError("first"), None, "local", None)
+    path = tmp_path / "study.db"
+    with pytest.raises(ZeroDivisionError, match="first") as caught:
+        minimize_many(study, workers, journal=path)
+    found = caught.value.results
+    assert [r is not None for r in found] == [True, False, True, False, True]
+    assert found[4].nit == 9 and caught.value.result.nit == 2
+    answers = minimize_many(study, workers, return_errors=True, journal=path)
+    assert [type(a).__name__ for a in answers[1:4:2]] == ["ZeroDivisionError", "RuntimeError"]
+    assert "Local: mine" in str(answers[3]) and answers[0].nit == 9
+
+
+def test_the_death_of_a_worker_is_an_error_with_the_results_so_far():
+    with pytest.raises(BrokenProcessPool) as caught:
+        minimize_many(kinds(None, "exit"), 2)
+    assert len(caught.value.results) == 2
+    with pytest.raises(RuntimeError, match=r"no result for the tasks \[1\]") as caught:
+        minimize_many(kinds(None, None), lambda f, items: [f(items[0])])
+    assert caught.value.results[0].nit == 9
+
+
+def test_ctrl_c_does_not_wait_for_the_tasks_under_way():
+    def interrupt(number, frame):
+        raise KeyboardInterrupt
+
+    before = signal.signal(signal.SIGALRM, interrupt)
+    start = time.perf_counter()
+    try:
+        signal.setitimer(signal.ITIMER_REAL, 1.0)
+        with pytest.raises(KeyboardInterrupt) as caught:
+            minimize_many([*kinds(None), {"fun": slow, "bounds": [(0, 1)]}], 2)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, before)
+    assert time.perf_counter() - start < 20
+    assert caught.value.results[0].nit == 9 and caught.value.results[1] is None
+
+
+def slow(x):
+    time.sleep(60)
+
+
+@pytest.mark.parametrize(
+    "change, message",
+    [
+        (lambda study: study[:4], "for 5 tasks, not 4"),
+        (lambda study: [*study[:4], {**study[4], "maxfun": 99}], "task 4 .* maxfun = 28, not 99"),
+        (lambda study: [study[1], study[0], *study[2:]], "task 0 .* args = "),
+    ],
+)
+def test_the_journal_of_another_study_is_refused(change, message, tmp_path):
+    path = tmp_path / "study.db"
+    minimize_many(tasks(), journal=path)
+    with pytest.raises(JournalError, match=message):
+        minimize_many(change(tasks()), journal=path)
+    run = tmp_path / "run.db"
+    Quenloft.minimize(**tasks()[0], journal=run)
+    with pytest.raises(JournalError, match="not the journal of a study"):
+        minimize_many(tasks(), journal=run)
+    with pytest.raises(JournalError, match="not the journal of a run"):
+        Quenloft.read_journal(path)
+
+
+@pytest.mark.parametrize(
+    "study, workers, error, message",
+    [
+        ([{"fun": abs}], 1, TypeError, "task 0: .*bounds"),
+        ([*tasks(1), {**tasks(1)[0], "maxfun": 0}], 1, ValueError, "task 1: maxfun"),
+        (tasks(1, budget=3), 1, TypeError, "task 0: .*budget"),
+        (tasks(1), 0, ValueError, "workers must be from 1"),
+        (tasks(1), "four", TypeError, "workers must be a whole number"),
+    ],
+)
+def test_a_wrong_task_is_named_before_anything_runs(study, workers, error, message):
+    with pytest.raises(error, match=message):
+        minimize_many(study, workers)
+
+
+def test_common_arguments_serve_tasks_that_do_not_set_them():
+    results = minimize_many(
+        [{"args": (0.5,)}, {"args": (0.7,), "maxfun": 12}],
+        fun=lambda x, shift: abs(x[0] - shift), bounds=[(0, 1)], maxfun=8, point="list",
+    )  # fmt: skip
+    assert [r.nit for r in results] == [8, 12] and type(results[0].x) is list
+    assert minimize_many([]) == []
