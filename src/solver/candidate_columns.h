@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The trials that every neighbour selection of one refresh looks at, gathered once
-// into columns that vector instructions can read.
+// so that each selection reads them in a row.
 
 #pragma once
 
@@ -15,41 +15,50 @@
 
 namespace QuenloftSolver {
 
-// Candidates measured together: four vectors of four doubles, two of eight.
+// Candidates handled together: one vector of floats, two of doubles, at the widest.
 inline constexpr std::size_t kBlock = 16;
 
 constexpr std::size_t BlocksFor(std::size_t count) { return (count + kBlock - 1) / kBlock; }
 
-// Blocks of kBlock candidates; in a block, one row of kBlock doubles a coordinate.
-// The last block is filled up with points at NaN, which are near nothing.
-//
 // Invariants:
 //   (1) All trials are of one combination (trials of others are never neighbours).
 //   (2) Candidates stand in the order in which they were appended, which is the
 //       order in which ties between them are resolved.
 // Cost: Append O(N). Allocates only when it outgrows every earlier use.
+// Threads: any number may read.
 template <int N>
 class CandidateColumns {
  public:
-  void Clear() { size_ = 0; }
+  void Clear() {
+    size_ = 0;
+    is_moderate_ = true;
+  }
   // `best_index` is the index that a local minimum must have.
   void Append(std::uint32_t position, const Test<N>& trial, std::int32_t best_index);
 
   std::size_t Size() const { return size_; }
   std::size_t BlockCount() const { return BlocksFor(size_); }
-  const double* Blocks() const { return coordinates_.data(); }
-  // BlockCount() * kBlock values: the trial's value where it has the best index,
-  // +infinity elsewhere.
-  const double* RivalValues() const { return rival_values_.data(); }
+
+  // In single precision: blocks of kBlock candidates, in a block a row of kBlock floats
+  // for each coordinate and one for half the squared length of the point. The last
+  // block is filled up with NaN.
+  const float* RoundedBlocks() const { return rounded_.data(); }
+  // Whether every coordinate lies in [-1, 2]: rounding moves what is computed of such
+  // points by little.
+  bool IsModerate() const { return is_moderate_; }
+
+  // N doubles.
+  const double* Coordinates(std::size_t i) const { return rows_.data() + i * N; }
   std::uint32_t Position(std::size_t i) const { return positions_[i]; }
-  double Coordinate(std::size_t i, int k) const {
-    return coordinates_[(i / kBlock * N + static_cast<std::size_t>(k)) * kBlock + i % kBlock];
-  }
+  // The trial's value where it has the best index, +infinity elsewhere.
+  double RivalValue(std::size_t i) const { return rival_values_[i]; }
 
  private:
   std::size_t size_ = 0;
-  AlignedVector<double> coordinates_;
-  AlignedVector<double> rival_values_;
+  bool is_moderate_ = true;
+  AlignedVector<float> rounded_;
+  AlignedVector<double> rows_;
+  std::vector<double> rival_values_;
   std::vector<std::uint32_t> positions_;
 };
 

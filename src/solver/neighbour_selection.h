@@ -16,12 +16,15 @@
 
 namespace QuenloftSolver {
 
+template <int N>
+struct SelectionKernels;
+
 // Counts of the work done, so that a gain in speed can be explained.
 struct SelectionCounters {
-  std::uint64_t selections = 0;
-  std::uint64_t candidates = 0;
-  std::uint64_t cosines = 0;
-  std::uint64_t chosen = 0;
+  std::uint64_t candidates = 0;       // looked at
+  std::uint64_t kept = 0;             // within the radius
+  std::uint64_t cosines = 0;          // computed in double precision
+  std::uint64_t rounded_cosines = 0;  // computed in single precision
 };
 
 // What a selection needs to know besides the candidates.
@@ -38,40 +41,47 @@ struct SelectionRules {
 //     distance / (1 - c),    doubled for a face,
 //
 // where c is the largest cosine between the candidate's direction and one chosen
-// before (0 at first). Stop when no remaining candidate has c <= spread_cosine, that
-// is, when no direction is left that is far enough from all those chosen. The test
-// looks at all that remain, not at the best: as long as some direction is free, the
-// best-scoring candidate is taken even if it is itself close to a chosen one. Ties
-// go to the candidate listed first: private candidates, then common ones, then faces.
+// before (0 at first); those with c >= 1 are out. Stop when no remaining candidate
+// has c <= spread_cosine, that is, when no direction is left that is far enough from
+// all those chosen. The test looks at all that remain, not at the best: as long as
+// some direction is free, the best-scoring candidate is taken even if it is itself
+// close to a chosen one. Ties go to the candidate listed first: private candidates,
+// then common ones, then faces.
 //
-// How it is done: the plain way brings every candidate's c up to date after every
-// choice, O(kept * chosen) cosines. Here a candidate keeps its last known score
-// until it comes to the front. A score only grows as neighbours are chosen, because
-// c only grows; so a candidate that is up to date and stands in front of the last
-// known scores of all others also stands in front of their true scores, and the
-// choice is the same, ties included. Likewise one remaining candidate known to have
-// c <= spread_cosine answers the stopping test for all; one that fails it once fails
-// for good and is never asked again.
+// How it is done. The plain way keeps directions, distances and cosines in double
+// precision and brings every candidate up to date after every choice: kept * chosen
+// cosines, each with a division. But a choice needs to know which score is smallest,
+// not what it is. So unit directions are rounded to single precision, sixteen to a
+// vector, and scores are bounded from both sides; the bounds tell the winner apart
+// nearly always, and where they leave several, those are compared in double precision
+// by the formulas above. The same goes for the stopping test, and for the distance to
+// a candidate, which is computed when rounded coordinates do not put it outside the
+// radius. The tolerances are rigorous (kTolerance below), so the choice is the plain
+// one, ties included: 8x less time a table at N = 8 (benchmarks/engine).
 //
-// Threads: one selection object a thread. Begin to Choose write the object only.
+// Threads: one selection object a thread.
 template <int N>
 class NeighbourSelection {
  public:
+  NeighbourSelection();
+
   // Starts on `trial`, which must stay unchanged until Choose returns, against
-  // `common`, which several workers may share. Room for `common` is taken here.
+  // `common`, which several workers may share.
   void Begin(const Test<N>& trial, const CandidateColumns<N>& common);
-  // Adds a candidate that stands before the common ones; 3N at most.
+  // Adds a candidate that stands before the common ones; 3N at most. It must stay
+  // unchanged until Choose returns.
   void AddPrivate(std::uint32_t position, const Test<N>& candidate, std::int32_t best_index);
   // Chooses. The result stands in the operations below until the next Begin.
   void Choose(const SelectionRules& rules);
 
-  // Allocates what selections against `count` common candidates need.
+  // Allocates what a selection among `count` common candidates needs; Begin must
+  // not meet more.
   void Reserve(std::size_t count);
 
   int ChosenCount() const { return chosen_count_; }
   // A position, or the complement of a face number.
-  std::int32_t ChosenTest(int i) const { return chosen_test_[static_cast<std::size_t>(i)]; }
-  double ChosenDistance(int i) const { return chosen_distance_[static_cast<std::size_t>(i)]; }
+  std::int32_t ChosenTest(int i) const { return test_[chosen_[i]]; }
+  double ChosenDistance(int i) const { return distance_[chosen_[i]]; }
   // Whether no candidate within the radius with the best index is below `value`.
   bool IsLowest(double value) const;
 
@@ -81,44 +91,52 @@ class NeighbourSelection {
   using Direction = std::array<double, N>;
 
   static constexpr std::size_t kTableSize = 3 * N;
-  static constexpr std::size_t kPrivateBlocks = BlocksFor(kTableSize);
-  static constexpr std::size_t kFaceBlocks = BlocksFor(2 * N);
-  static constexpr std::size_t kChosenPadded = BlocksFor(kTableSize) * kBlock;
-  static constexpr std::uint8_t kIsChosen = 255;
+  static constexpr std::size_t kFaceRoom = BlocksFor(2 * N) * kBlock;
   static constexpr std::size_t kNoRecord = SIZE_MAX;
 
-  void MeasureAll();
-  void MeasureFaces();
-  std::size_t Front(std::size_t block_end) const;
+  void Push(std::int32_t test, const double* coordinates, double rival_value);
+  void PushCommon();
+  void PushFaces();
+  std::size_t NearestRecord(bool face_may_be_first) const;
+  std::size_t NextRecord(double spread_cosine);
+  std::size_t BestContender(float threshold);
+  bool SomeDirectionIsFree(double spread_cosine);
   bool IsFaceRecord(std::size_t record) const { return record >= face_begin_; }
   Direction DirectionOf(std::size_t record) const;
-  double LargestCosine(const Direction& direction, double distance, int from) const;
-  void BringUpToDate(std::size_t record);
-  void SetScore(std::size_t record, double score);
-  bool SomeDirectionIsFree(double spread_cosine);
+  double LargestCosine(std::size_t record);
   void Take(std::size_t record);
+
+  const SelectionKernels<N>* kernels_;
 
   // Fixed from Begin to Choose.
   const Test<N>* trial_ = nullptr;
   const CandidateColumns<N>* common_ = nullptr;
-  CandidateColumns<N> private_;
 
-  // Records, in the order of ties: the private blocks, the common blocks, the faces.
-  std::size_t common_begin_ = 0;
-  std::size_t face_begin_ = 0;
+  // Records, in the order of ties: private and common candidates that may lie within
+  // the radius, filled up to a whole block, then the faces, filled up likewise.
   std::size_t record_count_ = 0;
-  AlignedVector<double> distance_;     // kUnset where not kept
-  AlignedVector<double> score_;        // last known; kUnset where out of the running
-  AlignedVector<double> max_cosine_;   // last known
-  AlignedVector<double> block_score_;  // smallest score of each block
-  std::vector<std::uint8_t> seen_;     // chosen neighbours that max_cosine_ knows of
-  std::size_t witness_ = 0;            // no record before it is a free direction
+  std::size_t face_begin_ = 0;
+  std::vector<std::int32_t> test_;
+  std::vector<const double*> coordinates_;  // null for a face
+  std::vector<double> rival_value_;
+  AlignedVector<double> difference_;        // to the trial, in blocks; trials only
+  AlignedVector<double> distance_;          // kUnset where not kept
+  AlignedVector<float> unit_;               // in blocks; trials only
+  AlignedVector<float> max_cosine_;         // kGone where not kept or chosen
+  AlignedVector<float> weight_;             // least distance / distance, halved for a face
+  AlignedVector<float> upper_;              // bound of the inverse score
+  std::array<float, kFaceRoom> face_sign_;  // of the direction along the face's axis
+  alignas(kCacheLine) std::array<float, kFaceRoom> face_cosine_{};  // with the last chosen one
+  std::vector<double> exact_cosine_;  // as exact_seen_ of the chosen ones leave it
+  std::vector<std::uint8_t> exact_seen_;
+  std::vector<std::uint32_t> listed_;  // numbers that a kernel found
 
-  // The result, and the chosen directions in columns: row k holds coordinate k.
+  // The result, and the chosen directions in double precision, as far as they were
+  // asked for.
   int chosen_count_ = 0;
-  std::array<std::int32_t, kTableSize> chosen_test_;
-  alignas(kCacheLine) std::array<double, kChosenPadded> chosen_distance_{};
-  alignas(kCacheLine) std::array<std::array<double, kChosenPadded>, N> chosen_direction_{};
+  std::array<std::size_t, kTableSize> chosen_;
+  int exact_count_ = 0;
+  std::array<Direction, kTableSize> exact_direction_;
 };
 
 }  // namespace QuenloftSolver

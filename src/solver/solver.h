@@ -28,8 +28,10 @@ struct WorkCounters {
   std::uint64_t full_updates = 0;     // candidate updates over every trial
   std::uint64_t offers = 0;           // candidates offered to the lists
   std::uint64_t entries_visited = 0;  // list entries looked at to find stale ones
-  std::uint64_t candidates = 0;       // distances computed in selections
-  std::uint64_t cosines = 0;
+  std::uint64_t candidates = 0;       // looked at in selections
+  std::uint64_t kept = 0;             // of those, perhaps within the radius
+  std::uint64_t cosines = 0;          // computed in double precision
+  std::uint64_t rounded_cosines = 0;  // computed in single precision
 };
 
 // A deterministic, derivative-free Lipschitz-type search for the global minimum.

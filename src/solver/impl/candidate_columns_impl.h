@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include "solver/candidate_columns.h"
@@ -12,20 +14,27 @@ template <int N>
 void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
                                  std::int32_t best_index) {
   const std::size_t slot = size_ % kBlock;
-  if (slot == 0 && rival_values_.size() <= size_) {
-    coordinates_.resize((size_ + kBlock) * N);
-    rival_values_.resize(size_ + kBlock);
-    positions_.resize(size_ + kBlock);
+  if (positions_.size() <= size_) {
+    const std::size_t room = std::max(4 * kBlock, 2 * positions_.size());
+    rounded_.resize(room * (N + 1));
+    rows_.resize(room * N);
+    rival_values_.resize(room);
+    positions_.resize(room);
   }
-  double* block = coordinates_.data() + size_ / kBlock * N * kBlock;
+  float* block = rounded_.data() + size_ / kBlock * (N + 1) * kBlock;
   if (slot == 0) {
-    for (std::size_t j = 0; j < kBlock; ++j) {
-      block[j] = std::numeric_limits<double>::quiet_NaN();
-    }
+    std::fill_n(block, (N + 1) * kBlock, std::numeric_limits<float>::quiet_NaN());
   }
-  for (int k = 0; k < N; ++k) {
-    block[static_cast<std::size_t>(k) * kBlock + slot] = trial.coordinate[k];
+  double* row = rows_.data() + size_ * N;
+  double square = 0.0;
+  for (std::size_t k = 0; k < N; ++k) {
+    const double coordinate = trial.coordinate[k];
+    row[k] = coordinate;
+    block[k * kBlock + slot] = static_cast<float>(coordinate);
+    square += coordinate * coordinate;
+    is_moderate_ = is_moderate_ && coordinate >= -1.0 && coordinate <= 2.0;
   }
+  block[N * kBlock + slot] = static_cast<float>(0.5 * square);
   rival_values_[size_] =
       trial.value.index == best_index ? trial.value.value : std::numeric_limits<double>::infinity();
   positions_[size_] = position;

@@ -63,7 +63,9 @@ WorkCounters Solver<N>::Work() const {
   WorkCounters work = work_;
   for (const auto& selection : selections_) {
     work.candidates += selection.counters.candidates;
+    work.kept += selection.counters.kept;
     work.cosines += selection.counters.cosines;
+    work.rounded_cosines += selection.counters.rounded_cosines;
   }
   return work;
 }
