@@ -12,6 +12,21 @@ using QuenloftModule::SavedError;
 
 namespace {
 
+// Changes the float at `position` where it stands, if nobody but the tuple holds it
+// and nobody but the adapter holds the tuple.
+//
+// The plain way makes a new float and releases the old one, for each coordinate: a
+// call takes 53 ns at N = 2 and 155 ns at N = 12. Writing into the old one: 43 ns
+// and 63 ns (AMD EPYC, CPython 3.9, g++ 12 -O3, benchmarks/call_overhead.py). No
+// difference can be seen, as whoever could look at the old float holds it, and
+// then it stays as it is.
+bool StoreInPlace(PyObject* tuple, std::uint32_t position, double value) {
+  PyObject* number = PyTuple_GET_ITEM(tuple, position);
+  if (Py_REFCNT(tuple) != 1 || Py_REFCNT(number) != 1 || !PyFloat_CheckExact(number)) return false;
+  reinterpret_cast<PyFloatObject*>(number)->ob_fval = value;
+  return true;
+}
+
 // Stores a new number, or nothing when there is none. The setter owns the number
 // from here on, also when it refuses because somebody else holds the tuple.
 bool Store(PyObject* tuple, std::uint32_t position, PyObject* number) {
@@ -42,6 +57,7 @@ double Function::operator()(const double* point, const std::int32_t* categorical
 
 bool Function::Refill(const double* point, const std::int32_t* categorical) {
   for (std::uint32_t i = 0; i < dimension; ++i) {
+    if (StoreInPlace(coordinates, i, point[i])) continue;
     if (!Store(coordinates, i, PyFloat_FromDouble(point[i]))) return false;
   }
   for (std::uint32_t i = 0; i < categorical_count; ++i) {

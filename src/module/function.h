@@ -25,7 +25,8 @@
 // Ownership: the adapter releases nothing, ever. The reference to the callable is
 // the maker's affair, and the two tuples outlive the adapter by design; so it can
 // be dropped without the interpreter, at the price of two tuples each.
-// Cost: one call by the vectorcall protocol; allocates the numbers, nothing else.
+// Cost: one call by the vectorcall protocol. Allocates nothing but the integers and
+// those floats whose predecessors somebody has kept.
 // Threads: on the thread that holds the interpreter lock. The tuples are shared
 // state: two evaluations of one adapter must not overlap.
 class Function final : public QuenloftSolver::FunctionInterface {

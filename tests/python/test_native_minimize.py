@@ -124,6 +124,19 @@ def test_callables_get_tuples_of_plain_numbers_refilled_in_place():
     assert len(set().union(*seen.values())) == len(seen) == 4
 
 
+def test_numbers_of_a_point_may_be_kept():
+    kept, texts = [], []
+
+    def target(x):
+        kept.extend(x)
+        texts.extend(map(repr, x))
+        return bowl(x)
+
+    Problem(bounds=[0, 1, 0, 1], target=target).Minimize(stop_tests=30)
+    assert list(map(repr, kept)) == texts
+    assert len(set(texts)) > 20
+
+
 def test_result_and_its_text():
     subject = Problem(bounds=[0, 1, 0, 1], target=bowl, categorical=[2, 3])
     result = subject.Minimize(stop_tests=200)
