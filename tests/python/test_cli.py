@@ -40,8 +40,6 @@ def leaves(x): raise SystemExit(0)
 def slow(x):
     time.sleep(0.05)
     return bowl(x)
-
-number = 3
 """
 
 BOX = ["--bounds", "0:1", "0:1", "--maxfun", "40"]
@@ -93,8 +91,7 @@ def test_search_is_the_one_that_minimize_makes(run):
     "words, code, out, err",
     [
         (["climodel:bowl", *BOX], 0, "minimum", ""),
-        (["climodel.py:bowl", *BOX], 0, "minimum", ""),
-        (["climodel:bowl", *BOX, "--args", "1e6"], 0, "minimum", ""),
+        (["climodel.py:bowl", *BOX, "--args", "1e6"], 0, "minimum", ""),
         (["climodel:bowl", *BOX, "--constraint", "climodel:left"], 0, "x[0] = 0.1", ""),
         (["climodel:bowl", *BOX, "--quiet"], 0, "", ""),
         (["climodel:fails", *BOX], 1, "2 trials", "ZeroDivisionError: two lines (climodel.py, line "),
@@ -102,6 +99,7 @@ def test_search_is_the_one_that_minimize_makes(run):
         (["climodel:leaves", *BOX], 1, "", "SystemExit: 0 (climodel.py, line "),
         (["climodel:undefined", *BOX, "--nonfinite", "infeasible"], 0, "minimum", ""),
         (["climodel:bowl", *BOX, "--constraint", "climodel:never"], 3, "no feasible point", ""),
+        (["climodel:bowl", *BOX, "--constraint", "climodel:never", "--json"], 3, '"fun": null', ""),
     ],
 )
 def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
@@ -120,16 +118,12 @@ def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
         (["minimize", "climodel:bowl"], "--bounds"),
         (["minimize", "climodel:bowl", "--bounds", "0:1:lag"], "'0:1:lag' is not LOWER:UPPER"),
         (["minimize", "climodel:bowl", "--bounds", "a:1"], "'a:1' does not hold two numbers"),
-        (["minimize", "climodel:bowl", "--bounds", "1:0"], "x[0]"),
         (["minimize", "climodel:bowl", "--bounds", "r=-1:1:log"], "r is logarithmic"),
         (["minimize", "climodel:bowl", "--bounds", "-inf:1"], "finite"),
         (["minimize", "climodel:bowl", *BOX, "--choices", "a,,b"], "empty choice"),
-        (["minimize", "climodel:bowl", *BOX, "--maxfun", "-3"], "maxfun"),
         (["minimize", "climodel", *BOX], "module:function"),
         (["minimize", "climodel:nothing", *BOX], "climodel has no nothing"),
-        (["minimize", "climodel:number", *BOX], "not a function but of type int"),
         (["minimize", "nowhere:bowl", *BOX], "No module named 'nowhere'"),
-        (["minimize", "nowhere.py:bowl", *BOX], "no such file"),
         (["minimize", "faulty:bowl", *BOX], "SyntaxError"),
         (["history", "nothing.db"], "nothing.db"),
         (["history", "climodel.py"], "climodel.py"),
@@ -176,17 +170,6 @@ def test_journal_is_continued_refused_and_shown(run, folder):
     assert len(json.loads(out)["trials"]) == 60
 
 
-def test_json_has_no_number_that_json_lacks(run):
-    code, out, _ = run("minimize", "climodel:bowl", *BOX, "--constraint", "climodel:never", "--json")
-    assert code == 3
-
-    def refuse(name):
-        raise AssertionError(name)
-
-    found = json.loads(out, parse_constant=refuse)
-    assert found["fun"] is None and found["maxcv"] == 1.0
-
-
 def test_demo_reaches_the_published_fit(run):
     code, out, _ = run("demo", "--json")
     found = json.loads(out)
@@ -198,16 +181,12 @@ def test_demo_reaches_the_published_fit(run):
     assert code == 1 and "DIFFER" in out
 
 
-def start(folder, *words):
-    return subprocess.Popen(
+def test_ctrl_c_shows_what_was_found(folder):
+    words = ["minimize", "climodel:slow", "--bounds", "0:1", "0:1", "--journal", "run.db"]
+    process = subprocess.Popen(
         [sys.executable, "-m", "Quenloft", *words], cwd=folder, text=True,
         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
     )  # fmt: skip
-
-
-def test_ctrl_c_shows_what_was_found(folder):
-    words = ["minimize", "climodel:slow", "--bounds", "0:1", "0:1", "--journal", "run.db"]
-    process = start(folder, *words)
     journal = folder / "run.db"
     while process.poll() is None and not (journal.exists() and trial_count(journal) > 3):
         time.sleep(0.02)
