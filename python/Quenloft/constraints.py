@@ -72,9 +72,7 @@ def _constraint(
     if _has_limits(item):
         return _from_limits(label, item, dimension)
     if not callable(item):
-        raise TypeError(
-            f"{label} must be a callable, a constraint object or a dict, not {item!r}"
-        )
+        raise TypeError(f"{label} must be a callable, a constraint object or a dict, not {item!r}")
     name = f"{label} ({getattr(item, '__name__', type(item).__name__)})"
     if categorical:
         return Constraint(name, lambda x, chosen: item(form(x), chosen))

@@ -63,9 +63,7 @@ def _poll(
     """The first point one step from `base` that is better than `best`, and its rank."""
     for direction in basis:
         for sign in (1.0, -1.0):
-            point = tuple(
-                min(max(b + sign * step * d, 0.0), 1.0) for b, d in zip(base, direction)
-            )
+            point = tuple(min(max(b + sign * step * d, 0.0), 1.0) for b, d in zip(base, direction))
             if point != base:
                 found = rank(point)
                 if found < best:

@@ -79,8 +79,7 @@ class _Sampler:
             coordinates = [a + w * v for a, w, v in zip(self._lower, self._width, inside)]
             if math.isnan(self._trial(coordinates, self._selected)):
                 raise _Ended
-            constraints = run.history.constraints[-1] if run.history.constraint_count else ()
-            outcome = run.last_index, run.last_value, constraints
+            outcome = run.last_index, run.last_value, run.history[-1].constraints
             self._known[inside] = outcome
             if run.best == len(run.history) - 1:
                 self.best = inside
@@ -185,9 +184,7 @@ def _cobyla(sampler: _Sampler, run: Run, minimizer: Callable[..., Any]) -> None:
     sides = [
         {"type": "ineq", "fun": lambda u: numpy.concatenate((u, 1.0 - u))},
     ]
-    inequalities = [
-        {"type": "ineq", "fun": lambda u, k=k: -value_of(k, u)} for k in range(count)
-    ]
+    inequalities = [{"type": "ineq", "fun": lambda u, k=k: -value_of(k, u)} for k in range(count)]
     # What was extrapolated may have misled it, so it starts again, with smaller steps, until that
     # gains nothing twice.
     step = FIRST_STEP

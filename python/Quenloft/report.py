@@ -16,6 +16,8 @@ from .run import Run
 from .settings import Budget
 
 _MOST_LOCALS = 10
+# Above any distance in the unit box of 32 dimensions.
+_LARGEST_RADIUS = 6.0
 
 
 class Report:
@@ -66,17 +68,17 @@ class Report:
         """What a callback sees."""
         run = self._run
         history = run.history
-        elapsed = history.time[-1]
+        trial = history[-1]
         return OptimizeResult(
-            message=f"running: {len(history)} trials, {elapsed:.3f} s",
+            message=f"running: {len(history)} trials, {trial.time:.3f} s",
             success=run.is_feasible(),
             status=Status.RUNNING,
             **self._best(),
             nfev=nfev,
             nit=len(history),
-            elapsed_seconds=elapsed,
+            elapsed_seconds=trial.time,
             replayed=run.replayed,
-            trial=history[-1],
+            trial=trial,
             history=history,
         )
 
@@ -141,7 +143,7 @@ class Report:
 
     def _minimum(self, number: int) -> LocalMinimum:
         trial = self._run.history[number]
-        return LocalMinimum(self._form(trial.x), trial.value, trial.categories, math.nan)
+        return LocalMinimum(self._form(trial.x), trial.value, trial.categories, math.inf)
 
     def _native_locals(self, native: Optional[Result]) -> list[LocalMinimum]:
         """The native module's local minima that are feasible, the best trial first.
@@ -154,7 +156,9 @@ class Report:
             return []
         history = run.history
         best = history[run.best]
-        radius = math.nan if native is None else native.minimum.radius
+        radius = math.inf if native is None else native.minimum.radius
+        if radius > _LARGEST_RADIUS:
+            radius = math.inf  # its neighbours were never looked for
         found = [replace(self._minimum(run.best), radius=radius)]
         decode = run.variables.decoder()
         for test in native.locals if native is not None else ():
@@ -217,7 +221,7 @@ def watcher(
         nonlocal nfev
         nfev += run.last_index >= history.constraint_count
         if display is not None:
-            display.update(len(history), run.best_objective(), history.time[-1])
+            display.update(len(history), run.best_objective(), history[-1].time)
         if callback is not None:
             try:
                 answer = callback(report.intermediate(nfev))

@@ -35,7 +35,8 @@ class LocalMinimum:
     categories : tuple
         Choices of the categorical variables.
     radius : float
-        Distance to the farthest of its neighbours, in the unit box; 0.0 for a polished point.
+        Distance to the farthest of its neighbours, in the unit box; 0.0 for a polished point,
+        infinity where the search ended before it looked for neighbours.
     """
 
     x: Any

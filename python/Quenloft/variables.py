@@ -48,9 +48,7 @@ class Variables:
         It never leaves the bounds. Where no variable needs converting it only copies, which is
         what the time per evaluation allows.
         """
-        rules = [
-            (log, a, b) for log, a, b in zip(self.logarithmic, self.lower, self.upper)
-        ]
+        rules = [(log, a, b) for log, a, b in zip(self.logarithmic, self.lower, self.upper)]
         # exp(log(b)) may miss b by a rounding error, and so may (b - a) + a.
         if any(self.logarithmic) or any((b - a) + a > b for _, a, b in rules):
             exp = math.exp
@@ -100,9 +98,7 @@ def declare(
     """
     pairs = _pairs(bounds)
     if not 1 <= len(pairs) <= MAX_DIMENSION:
-        raise ValueError(
-            f"bounds must hold from 1 to {MAX_DIMENSION} variables, not {len(pairs)}"
-        )
+        raise ValueError(f"bounds must hold from 1 to {MAX_DIMENSION} variables, not {len(pairs)}")
     choices = _choices(categories)
     labels = _names(names, len(pairs), len(choices))
     declared = _positions(logarithmic, len(pairs))
@@ -230,13 +226,9 @@ def _positions(logarithmic: Iterable[int], dimension: int) -> set[int]:
     for position in logarithmic:
         # Truth values look like a mask, and would pass as the positions 0 and 1.
         if isinstance(position, bool) or not hasattr(position, "__index__"):
-            raise TypeError(
-                f"logarithmic must hold positions of variables, not {position!r}"
-            )
+            raise TypeError(f"logarithmic must hold positions of variables, not {position!r}")
         place = position.__index__()
         if not 0 <= place < dimension:
-            raise ValueError(
-                f"logarithmic names variable {place}; there are {dimension}, from 0"
-            )
+            raise ValueError(f"logarithmic names variable {place}; there are {dimension}, from 0")
         positions.add(place)
     return positions

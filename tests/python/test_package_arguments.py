@@ -176,8 +176,8 @@ def test_a_logarithmic_variable_is_searched_in_its_logarithm_within_its_bounds()
         lambda x: fun([math.log(x[0])]), [(lower, upper, "log")], maxfun=50, cross=1.0
     )
     plain = Quenloft.minimize(fun, [(math.log(lower), math.log(upper))], maxfun=50, cross=1.0)
-    points = [x for x, in log.history.x]
-    assert points == pytest.approx([math.exp(u) for u, in plain.history.x], rel=1e-9)
+    points = [x for (x,) in log.history.x]
+    assert points == pytest.approx([math.exp(u) for (u,) in plain.history.x], rel=1e-9)
     assert min(points) == lower and max(points) == upper
     same = Quenloft.minimize(
         lambda x: fun([math.log(x[0])]), [(lower, upper)], logarithmic=[0], maxfun=50, cross=1.0

@@ -70,7 +70,7 @@ def test_the_best_trial_satisfies_most_constraints_then_is_lowest_then_first():
     history = History(1, constraint_count=2, goal=2)
     outcomes = [(0, 1.0), (2, math.nan), (1, -1.0), (2, 5.0), (2, 4.0), (2, 4.0), (2, 6.0)]
     best, trace = [], []
-    for number, (index, value) in enumerate(outcomes):
+    for index, value in outcomes:
         history.append((0.0,), (), index, value, 0.0, [1.0] * (index + 1))
         best.append(history.best())
         trace.append(history.running_best()[-1])
@@ -97,7 +97,9 @@ def test_a_trial_that_was_cut_short_does_not_count():
     assert numpy.asarray(history.x).shape == (1, 2)
 
 
-@pytest.mark.parametrize("duplicate", [copy.copy, copy.deepcopy, lambda r: pickle.loads(pickle.dumps(r))])
+@pytest.mark.parametrize(
+    "duplicate", [copy.copy, copy.deepcopy, lambda r: pickle.loads(pickle.dumps(r))]
+)
 def test_a_result_survives_copies_and_pickles(result, duplicate):
     twin = duplicate(result)
     assert type(twin) is OptimizeResult and repr(twin) == repr(result)

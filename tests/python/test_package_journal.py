@@ -200,7 +200,10 @@ def test_arguments_are_compared_without_their_addresses(tmp_path):
     "prepare, message",
     [
         (lambda path: path.write_text("no database, and long enough to be none" * 99), "not a"),
-        (lambda path: sqlite3.connect(path).execute("CREATE TABLE t (a)").connection.close(), "not"),
+        (
+            lambda path: sqlite3.connect(path).execute("CREATE TABLE t (a)").connection.close(),
+            "not",
+        ),
         (lambda path: path.mkdir(), "cannot be"),
     ],
 )

@@ -45,9 +45,7 @@ def test_polish_improves_within_everything(case, method):
         calls.append(x)
         return fun(x)
 
-    result = Quenloft.minimize(
-        watched, bounds, constraints=constraints, maxfun=400, polish=method
-    )
+    result = Quenloft.minimize(watched, bounds, constraints=constraints, maxfun=400, polish=method)
     search, polish = result.phases["search"], result.phases["polish"]
     assert result.nit == search["nit"] + polish["nit"] <= 400 and result.nfev == len(calls)
     assert result.history.polish_start == search["nit"] < 400

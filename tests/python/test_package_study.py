@@ -114,9 +114,7 @@ def test_a_study_that_was_killed_goes_on_with_the_missing_tasks(workers, tmp_pat
     def start(name):
         here = os.path.dirname(__file__)
         command = [sys.executable, "-c", STUDY, here, str(tmp_path / name), str(workers)]
-        return subprocess.Popen(
-            command, stdout=subprocess.PIPE, text=True, start_new_session=True
-        )
+        return subprocess.Popen(command, stdout=subprocess.PIPE, text=True, start_new_session=True)
 
     def finished():
         with sqlite3.connect(tmp_path / "killed.db") as database:
@@ -142,6 +140,7 @@ def failing(x, kind):
     if kind == "exit":
         os._exit(3)
     if kind == "local":
+
         class Local(Exception):  # cannot be pickled
             pass
 
