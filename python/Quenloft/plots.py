@@ -623,9 +623,8 @@ def _draw_histogram(ax: Any, view: _View, trials: Sequence[int], variable: int) 
         edges = [lower * (upper / lower) ** (i / 20) for i in range(21)]
     else:
         edges = [lower + (upper - lower) * i / 20 for i in range(21)]
-    if edges[-1] > edges[0]:
-        edges[-1] = max(edges[-1], max(column))  # rounding must not lose a trial at the bound
-        ax.hist(column, bins=edges, color="0.7")
+    edges[-1] = max(edges[-1], max(column))  # rounding must not lose a trial at the bound
+    ax.hist(column, bins=edges, color="0.7")
     view.prepare_axis(ax.xaxis, variable)
     ax.set_yticks([])
     ax.set_ylabel("trials", fontsize="small")

@@ -210,7 +210,7 @@ def test_reader_that_has_seen_enough_is_no_error(folder, words):
     reading, writing = os.pipe()
     process = subprocess.Popen(
         [sys.executable, "-m", "Quenloft", "history", "run.db", *words], cwd=folder,
-        stdout=writing, stderr=subprocess.PIPE,
+        stdout=writing, stderr=subprocess.PIPE, env={**os.environ, "PYTHONUNBUFFERED": ""},
     )  # fmt: skip
     os.close(writing)
     os.close(reading)

@@ -50,12 +50,14 @@ DEGENERATE = {
     "decades": history_of(SQUARE, [(1, 10.0 ** (5 * i)) for i in range(5)]),
     "from far above": history_of(SQUARE, [(1, 1e9), (1, -1.0), (1, -2.0), (1, -2.5), (1, -3.0)]),
     "one variable": history_of([(0.1,), (0.5,), (0.7,)], [(1, 3.0), (0, 1.0), (1, 2.0)]),
+    "three variables": history_of([(0.1, 0.5, 0.7)], [(1, 3.0)]),
     "one choice each": history_of(SQUARE[:2], [(1, 2.0), (1, 1.0)], [("a", "b")], [0, 1]),
 }
 
 
 @pytest.mark.parametrize("history", DEGENERATE.values(), ids=DEGENERATE.keys())
 def test_searches_that_leave_little_are_drawn(history, tmp_path):
+    plots.plot_trials(history)
     plots.save_overview(history, tmp_path / "overview.png")
     assert (tmp_path / "overview.png").read_bytes().startswith(b"\x89PNG")
 
