@@ -96,7 +96,9 @@ def main() -> int:
     parser.add_argument("--repeats", type=int, default=9)
     arguments = parser.parse_args()
     print(f"CPython {platform.python_version()}, least of {arguments.repeats} runs")
-    print(f"{'case':12} {'N':>2} {'trials':>7} {'native us':>10} {'minimize us':>12} {'added us':>9}")
+    print(
+        f"{'case':12} {'N':>2} {'trials':>7} {'native us':>10} {'minimize us':>12} {'added us':>9}"
+    )
     worst = 0.0
     for name, dimension, native_options, options in CASES:
         trials = 200 if "journal" in options else arguments.trials

@@ -103,7 +103,7 @@ class Run:
         return self.best_value if self.is_feasible() else math.nan
 
     def engine_value(self, index: int, value: float) -> float:
-        """A finite stand-in for a violation that is not: the worst one of its constraint."""
+        """The violation, or for one that is not finite the worst of its constraint so far."""
         worst = self._worst.get(index, 1.0)
         if math.isfinite(value):
             self._worst[index] = max(worst, value)
@@ -137,7 +137,7 @@ def trial_function(run: Run) -> Callable[..., float]:
     times = history._time
     observe = run.observe
     clock = perf_counter
-    nan = math.nan
+    nan, inf = math.nan, math.inf
     f_min = run.f_min
 
     def trial(coordinates: Sequence[float], selected: Sequence[int] = ()) -> float:
@@ -166,12 +166,15 @@ def trial_function(run: Run) -> Callable[..., float]:
                 add_constraints(constraints)
                 add_constraints(blank[len(constraints) :])
             add_time(time)
+            ranked = value
             if index != goal:
                 value = run.engine_value(index, value)
-            if index > run.best_index or (value < run.best_value and index == run.best_index):
+                if value is not ranked:
+                    ranked = inf
+            if index > run.best_index or (ranked < run.best_value and index == run.best_index):
                 run.best = number
                 run.best_index = index
-                run.best_value = value
+                run.best_value = ranked
             run.last_index = index
             run.last_value = value
             if known is None and run.record is not None:

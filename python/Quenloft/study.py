@@ -11,6 +11,7 @@ from contextlib import ExitStack, closing
 from multiprocessing import active_children
 from queue import SimpleQueue
 from time import perf_counter
+from traceback import format_exc
 from typing import Any, Callable, Iterable, Iterator, Mapping, Optional, Tuple, Union
 
 from .plan import Plan
@@ -50,9 +51,10 @@ def minimize_many(
         missing in it are run; a journal of other tasks is refused. A failed task is not kept: it
         is tried again. (A task may have a journal of its own for its trials beside this one.)
     return_errors : bool
-        Put the exception of a failed task in the place of its result. Otherwise the first one in
-        task order is raised when all tasks are done, with the list of results (None for failed
-        tasks) as its attribute ``results``.
+        Put the exception of a failed task in the place of its result, with the text of its
+        traceback as its attribute ``worker_traceback``. Otherwise the first one in task order is
+        raised when all tasks are done, with the list of results (None for failed tasks) as its
+        attribute ``results``.
     progress : bool
         Show the number of finished tasks on stderr while it is a terminal.
     **common
@@ -103,9 +105,19 @@ def minimize_many(
     if unanswered:
         failures.insert(0, RuntimeError(f"workers gave no result for the tasks {unanswered}"))
     if failures and (unanswered or not return_errors):
-        vars(failures[0])["results"] = _results(answers, len(items))
-        raise failures[0]
+        failure = failures[0]
+        vars(failure)["results"] = _results(answers, len(items))
+        if failure.__traceback__ is None and hasattr(failure, "worker_traceback"):
+            raise failure from _InWorker(failure.worker_traceback)
+        raise failure
     return [answers[number] for number, _ in items]
+
+
+class _InWorker(Exception):
+    """Shows the traceback of an exception that came from another process."""
+
+    def __str__(self) -> str:
+        return f"\n{self.args[0]}"
 
 
 def _plan(number: int, task: Mapping[str, Any]) -> Plan:
@@ -127,12 +139,13 @@ def _solve(item: _Item) -> _Answer:
         answer: Any = minimize(**task)
     except Exception as error:
         answer = error
-        # The frames stay here; so does what cannot travel.
-        error.__traceback__ = None
+        # Frames do not travel, nor does every exception; text does.
+        vars(error)["worker_traceback"] = format_exc()
         try:
             pickle.loads(pickle.dumps(error))
         except Exception:
             answer = RuntimeError(f"{type(error).__name__}: {error}")
+            answer.worker_traceback = format_exc()
     return number, answer
 
 

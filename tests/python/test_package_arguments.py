@@ -134,6 +134,7 @@ def test_each_point_is_fresh_and_of_the_kind_asked_for(form, kind):
 def test_anything_that_is_one_number_is_a_value(value):
     result = Quenloft.minimize(lambda x: value, BOX, constraints=lambda x: -value, maxfun=5)
     assert result.fun == 1.0 and type(result.fun) is float
+    assert result.x == result.history.x[0]  # of equals the first
 
 
 @pytest.mark.parametrize("value", [None, "1.5", 1j, [1.0], numpy.array([1.0, 2.0])])
@@ -154,7 +155,9 @@ def test_what_is_no_number_is_an_error_with_source_and_point(value, source):
         pytest.param(LinearConstraint([[1, 1]], -math.inf, 2), id="linear"),
         pytest.param(LinearConstraint([[1, 1], [1, 0]], -9, [2, 9]), id="linear, two rows"),
         pytest.param(NonlinearConstraint(lambda x: [x.sum(), 0], -9, [2, 1]), id="nonlinear"),
-        pytest.param({"type": "ineq", "fun": lambda x, a: a - x.sum(), "args": (2,)}, id="dict"),
+        pytest.param(
+            {"type": "ineq", "fun": lambda x, a: [9, a - x.sum()], "args": (2,)}, id="dict"
+        ),
     ],
 )
 def test_every_form_of_constraint_makes_the_same_search(constraint):

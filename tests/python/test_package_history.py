@@ -94,7 +94,8 @@ def test_a_trial_that_was_cut_short_does_not_count():
     history._index.append(1)
     history.finish()
     assert list(history) == [Trial(0, (1.0, 2.0), ("b",), 1, 2.0, 0.1, (-1.0,))]
-    assert numpy.asarray(history.x).shape == (1, 2)
+    for name in ("x", "category", "index", "value", "time", "constraints"):
+        assert len(numpy.asarray(getattr(history, name))) == 1
 
 
 @pytest.mark.parametrize(

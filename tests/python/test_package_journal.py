@@ -126,7 +126,7 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_p
     assert recorded.names == whole.history.names and recorded.goal == whole.history.goal
 
 
-def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path):
+def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path, monkeypatch):
     path = tmp_path / "run.db"
     calls = []
 
@@ -136,6 +136,7 @@ def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path):
 
     run(maxfun=40, polish="pattern", journal=path)
     first = set(calls)
+    monkeypatch.setattr(Quenloft, "__version__", "a later one")
     longer = run(maxfun=80, polish="pattern", journal=path)
     # The search of the first run, and what the longer polish has in common with the shorter.
     assert longer.replayed >= 30 and len(calls) == 80 - longer.replayed
@@ -145,20 +146,27 @@ def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path):
     assert columns(longer.history) == columns(run(maxfun=80, polish="pattern").history)
 
 
-def test_the_time_of_earlier_sessions_counts(tmp_path):
+def test_the_time_of_earlier_sessions_counts(tmp_path, monkeypatch):
     path = tmp_path / "run.db"
+    now = 0.0
 
     def fun(x):
-        time.sleep(0.01)
+        nonlocal now
+        now += 1.0
         return parabola(x)
 
-    first = Quenloft.minimize(fun, BOX, maxtime=0.15, journal=path)
-    start = time.perf_counter()
-    second = Quenloft.minimize(fun, BOX, maxtime=0.15, journal=path)
-    assert time.perf_counter() - start < 0.1
-    assert second.status is Status.MAXTIME and second.nit - first.nit <= 1
-    third = Quenloft.minimize(fun, BOX, maxtime=0.3, journal=path)
-    assert third.nit > first.nit + 2 and third.elapsed_seconds == pytest.approx(0.3, abs=0.1)
+    def run(maxtime):
+        nonlocal now
+        now = random.Random(maxtime).random()
+        return Quenloft.minimize(fun, BOX, maxtime=maxtime, journal=path)
+
+    monkeypatch.setattr("Quenloft.run.perf_counter", lambda: now)
+    for maxtime, new in ((10, 10), (10, 0), (9.5, 0), (4, 0), (15, 5)):
+        result = run(maxtime)
+        assert result.status is Status.MAXTIME
+        assert result.nit == math.ceil(maxtime) and result.nit - result.replayed == new
+        assert list(result.history.time) == pytest.approx(range(1, result.nit + 1))
+        assert result.elapsed_seconds == pytest.approx(result.nit)
 
 
 BASE = {"fun": parabola, "bounds": BOX, "args": (1,), "categories": [("a", "b")]}

@@ -84,7 +84,7 @@ def test_an_exception_or_a_stop_while_polishing_is_as_in_the_search(method, tria
     )
     assert stopped.status is Status.CALLBACK and stopped.nit == trial
     timed = Quenloft.minimize(valley, box, maxtime=0.2, maxfun=math.inf, polish=method)
-    assert timed.elapsed_seconds == pytest.approx(0.2, abs=0.1)
+    assert 0.17 < timed.elapsed_seconds < 5
     assert capfd.readouterr() == ("", "")
 
 
