@@ -2,12 +2,10 @@
 """What callers do to a search from inside and outside; none of it may end the interpreter."""
 
 import gc
-import os
 import signal
 import subprocess
 import sys
-import threading
-import warnings
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
@@ -74,21 +72,12 @@ def test_number_of_variables_is_checked_by_the_search(bounds):
     assert str(failure.value) == "Bounds must hold from 1 to 32 variables."
 
 
-def test_odd_bound_of_a_list_that_changed_is_ignored():
-    bounds = [0, 1, 0, 1]
-    subject = Problem(bounds=bounds, target=bowl)
-    bounds.pop()
-    assert len(subject.Minimize(**STOP).minimum.coordinate) == 1
-
-
 @pytest.mark.parametrize("field", ["bounds", "categorical", "constraints"])
 @pytest.mark.parametrize(
     "length, error",
     [
         (fails, KeyError),
-        (lambda: -1, ValueError),
         (lambda: 10**12, (TypeError, RuntimeError)),
-        (lambda: 2**70, OverflowError),
     ],
 )
 def test_length_that_lies_when_the_search_starts(field, length, error):
@@ -99,18 +88,6 @@ def test_length_that_lies_when_the_search_starts(field, length, error):
         subject.Minimize(**STOP)
     items.length = lambda: 2 if field == "bounds" else 1
     assert subject.Minimize(**STOP).tests == 60
-
-
-# The conversion fails, the callable is called once with the error set aside, and the search ends.
-@pytest.mark.parametrize("field, cause", [("bounds", TypeError), ("categorical", SystemError)])
-def test_item_that_cannot_be_fetched_fails_the_first_evaluation(field, cause):
-    items = Items({"bounds": [0, 1, 0, 1], "categorical": [2]}[field])
-    subject, points, run = trials(**{field: items})
-    items.item = fails
-    with pytest.raises(SystemError) as failure:
-        run()
-    assert type(failure.value.__cause__) is cause
-    assert len(points) == 1
 
 
 class Number:
@@ -161,7 +138,6 @@ def test_conversion_that_changes_the_problem():
     "change, message",
     [
         (lambda sizes: sizes.append(0), "Categorical must be a sequence integers > 1."),
-        (lambda sizes: sizes.append(-5), "Categorical must be a sequence integers > 1."),
         (lambda sizes: sizes.extend([65536, 32768]), "Categorical has too many combinations."),
     ],
 )
@@ -195,32 +171,18 @@ def refused(action, message=RUNNING):
         raise AssertionError("not refused")
 
 
-def from_a_thread(action):
-    errors = []
-
-    def run():
-        try:
-            action()
-        except BaseException as error:
-            errors.append(error)
-
-    thread = threading.Thread(target=run)
-    thread.start()
-    thread.join()
-    assert errors == []
+def in_a_thread(action):
+    with ThreadPoolExecutor(1) as pool:
+        pool.submit(action).result()
 
 
 MEDDLING = {
     "search again": lambda s: refused(lambda: s.Minimize(**STOP)),
-    "search again without a stop": lambda s: refused(s.Minimize, message="At least one stop"),
-    "search in a thread": lambda s: from_a_thread(lambda: refused(lambda: s.Minimize(**STOP))),
+    "search again in a thread": lambda s: in_a_thread(lambda: refused(lambda: s.Minimize(**STOP))),
     "replace the target": lambda s: setattr(s, "target", fails),
-    "replace in a thread": lambda s: from_a_thread(lambda: setattr(s, "target", fails)),
     "change the bounds": lambda s: setattr(s, "bounds", [5, 6]),
     "clear the bounds": lambda s: s.bounds.clear() if isinstance(s.bounds, list) else None,
-    "clear the constraints": lambda s: s.constraints.clear(),
     "initialise anew": lambda s: s.__init__(bounds=[5, 6], target=fails),
-    "collect garbage": lambda s: gc.collect(),
     # Tuples that wait for their first use hold no null.
     "look at every tuple": lambda s: [list(o) for o in gc.get_objects() if type(o) is tuple],
     "search another": lambda s: Problem(
@@ -245,23 +207,14 @@ def test_running_search_is_not_disturbed_by(name):
 
 
 def test_last_reference_to_the_problem_goes_during_the_search():
-    released = []
+    held = []
 
-    class Target:
-        def __call__(self, x):
-            held.clear()
-            gc.collect()
-            return bowl(x)
+    def target(x):
+        held.clear()
+        return bowl(x)
 
-        def __del__(self):
-            released.append(True)
-
-    held = [Problem(bounds=[0, 1], target=Target())]
-    search = held[0].Minimize
-    held.append(search)
-    del search
-    assert held.pop()(**STOP).tests == 60
-    assert released
+    held.append(Problem(bounds=[0, 1], target=target).Minimize)
+    assert held[0](**STOP).tests == 60
 
 
 @pytest.mark.slow
@@ -280,37 +233,19 @@ def test_search_inside_a_search_inside_a_search():
     assert Problem(bounds=[0, 1], target=bowl).Minimize(**STOP).tests == 60
 
 
-@pytest.mark.parametrize("native", [True, False])
-def test_signal_handler_that_raises_ends_the_search(native):
+# A callable in Python runs the handler itself, and its error is converted like any other.
+def test_signal_handler_that_raises_ends_a_search_of_native_callables():
     def handler(*_):
         raise TimeoutError("late")
 
-    subject = Problem(bounds=[0, 1] * 2, target=Grishagin(1) if native else bowl)
     old = signal.signal(signal.SIGALRM, handler)
     try:
         signal.setitimer(signal.ITIMER_REAL, 0.1)
-        # A callable in Python runs the handler itself, and its error is converted.
-        with pytest.raises((TimeoutError, SystemError)) as failure:
-            subject.Minimize(stop_tests=10**8)
+        with pytest.raises(TimeoutError):
+            Problem(bounds=[0, 1] * 2, target=Grishagin(1)).Minimize(stop_tests=10**8)
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, old)
-    assert not native or repr(failure.value) == "TimeoutError('late')"
-    assert subject.Minimize(**STOP).tests == 60
-
-
-@pytest.mark.skipif(not hasattr(os, "fork"), reason="needs fork")
-def test_forked_process_searches_on():
-    _, points, run = trials(bounds=[0, 1] * 5)
-    run()
-    with warnings.catch_warnings():
-        # Later versions warn of threads, which a fork does not take along.
-        warnings.simplefilter("ignore", DeprecationWarning)
-        child = os.fork()
-    if child == 0:
-        signal.alarm(60)
-        os._exit(0 if undisturbed(bounds=[0, 1] * 5) == points else 1)
-    assert os.waitpid(child, 0)[1] == 0
 
 
 # The interpreter unwinds a daemon thread that asks for its lock while the end is under way, which

@@ -48,12 +48,6 @@ def test_results_are_made_by_the_module_only(kind, make):
         make(getattr(_Quenloft, kind))
 
 
-@pytest.mark.parametrize("name", TYPES)
-def test_types_are_plain(name):
-    with pytest.raises(TypeError):
-        type("Derived", (getattr(_Quenloft, name),), {})
-
-
 def test_results_are_read_only_and_cannot_be_copied():
     result = _Quenloft.Problem(bounds=[0, 1], target=sum).Minimize(stop_tests=1)
     for record, members in [

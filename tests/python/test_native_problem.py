@@ -40,24 +40,16 @@ def problem(**changed):
     "arguments, message",
     [
         ({}, BOUNDS),
-        ({"bounds": 1}, BOUNDS),
         ({"bounds": {0: 0.0, 1: 1.0}}, BOUNDS),
         ({"bounds": [0, 1, 0]}, BOUNDS),
-        ({"bounds": "01"}, BOUNDS),
         ({"bounds": [0, None]}, BOUNDS),
         ({"bounds": Lying(fails, lambda i: 0.0)}, BOUNDS),
-        ({"bounds": Lying(lambda: -2, lambda i: 0.0)}, BOUNDS),
         ({"bounds": Lying(lambda: 2, fails)}, BOUNDS),
         ({"bounds": Lying(lambda: 2**62, lambda i: 0.0)}, BOUNDS),
         ({"bounds": [], "categorical": 5}, CATEGORICAL),
-        ({"bounds": [], "categorical": {2}}, CATEGORICAL),
         ({"bounds": [], "categorical": [3, 1]}, CATEGORICAL_ITEM),
-        ({"bounds": [], "categorical": ["2"]}, CATEGORICAL_ITEM),
         ({"bounds": [], "categorical": [2**32 + 2]}, CATEGORICAL_ITEM),
-        ({"bounds": [], "categorical": [2**64 + 2]}, CATEGORICAL_ITEM),
-        ({"bounds": [], "categorical": [1j]}, CATEGORICAL_ITEM),
         ({"bounds": [], "categorical": Lying(lambda: 2, fails)}, CATEGORICAL_ITEM),
-        ({"bounds": [], "categorical": Lying(fails, fails)}, CATEGORICAL_ITEM),
         ({"bounds": [], "constraints": sum}, CONSTRAINTS),
         ({"bounds": [], "constraints": [sum, 3]}, CONSTRAINTS),
         ({"bounds": [], "constraints": Lying(lambda: 1, fails)}, CONSTRAINTS),
@@ -72,12 +64,6 @@ def test_first_fault_is_named(arguments, message):
     error = failure.value.__cause__ if message == TARGET else failure.value
     assert type(error) is TypeError
     assert str(error) == message
-
-
-def test_arguments_are_keywords():
-    for arguments, keywords in [(([0, 1],), {}), ((), {"bound": [0, 1]})]:
-        with pytest.raises(TypeError):
-            Problem(*arguments, **keywords)
 
 
 def test_fields_before_the_fault_are_stored():
@@ -157,13 +143,6 @@ def test_every_fetched_item_keeps_a_reference():
     # The search fetches them anew; the adapters' tuples hold other numbers.
     subject.Minimize(stop_tests=1, cross=0)
     assert kept() == [3, 2, 2]
-
-
-def test_long_sequence_is_checked_without_being_kept():
-    blocks = sys.getallocatedblocks()
-    with pytest.raises(TypeError):
-        problem(bounds=range(400_000)).Minimize(stop_tests=1)
-    assert sys.getallocatedblocks() - blocks < 100_000
 
 
 # Each problem holds the next through a bound method: no container on the way limits the depth.
