@@ -227,7 +227,7 @@ def describe(plan: Plan) -> dict[str, Any]:
     variables = plan.variables
     return {
         "objective": name_of(plan.fun),
-        "args": _text(plan.args),
+        "args": ", ".join(map(_text, plan.args)),
         "bounds": [list(pair) for pair in zip(variables.lower, variables.upper)],
         "logarithmic": [i for i, log in enumerate(variables.logarithmic) if log],
         "names": list(variables.names),
@@ -250,6 +250,8 @@ def name_of(function: Any) -> str:
 def _text(value: Any) -> str:
     """A text that is the same in each session, and not endless."""
     text = re.sub(r" at 0x[0-9a-fA-F]+", "", repr(value))
+    if hasattr(value, "tobytes"):  # an array, whose own text leaves out most of a large one
+        text += f" {sha256(value.tobytes()).hexdigest()[:16]}"
     return text if len(text) <= 200 else f"{text[:100]}... {sha256(text.encode()).hexdigest()}"
 
 

@@ -30,7 +30,7 @@ class Plan:
 
     fun: Callable[..., Any]
     bounds: Any
-    args: Sequence[Any] = ()
+    args: Any = ()
     names: Optional[Sequence[str]] = None
     logarithmic: Sequence[int] = ()
     categories: Sequence[Sequence[Any]] = ()
@@ -70,7 +70,8 @@ class Plan:
             raise TypeError(f"callback must be callable, not {self.callback!r}")
         if self.polish == "cobyla" and not is_cobyla_installed():
             raise ValueError("polish='cobyla' needs SciPy, which is not installed")
-        self.args = tuple(self.args) if isinstance(self.args, (tuple, list)) else (self.args,)
+        # As in SciPy, anything but a tuple is one argument.
+        self.args = self.args if isinstance(self.args, tuple) else (self.args,)
         self.variables = variable_forms.declare(
             self.bounds, self.logarithmic, self.categories, self.names
         )
@@ -112,7 +113,7 @@ class Plan:
         """The function that evaluates the problem."""
         return observer(
             self.fun,
-            tuple(self.args),
+            self.args,
             self.variables.choices,
             self.limits,
             self.form,

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 from importlib import import_module
 from inspect import signature
-from typing import Any, Callable, Optional, Sequence
+from typing import Any, Callable, Optional
 
 from .plan import Plan
 from .search import execute
@@ -14,7 +14,7 @@ from .search import execute
 def scipy_method(
     fun: Callable[..., Any],
     x0: Any,
-    args: Sequence[Any] = (),
+    args: Any = (),
     *,
     bounds: Any = None,
     constraints: Any = (),
@@ -40,10 +40,7 @@ def scipy_method(
     options.setdefault("point", "array")
     if tol is not None:
         options.setdefault("min_radius", tol)
-    arguments = args if isinstance(args, tuple) else (args,)
-    plan = Plan(
-        fun, bounds, arguments, constraints=constraints, callback=_adapted(callback), **options
-    )
+    plan = Plan(fun, bounds, args, constraints=constraints, callback=_adapted(callback), **options)
     if plan.variables.dimension != import_module("numpy").size(x0):
         raise ValueError(f"x0 must hold {plan.variables.dimension} values, one for each bound")
     result = execute(plan)

@@ -21,7 +21,7 @@ from .run import Run, trial_function
 def minimize(
     fun: Callable[..., Any],
     bounds: Any,
-    args: Sequence[Any] = (),
+    args: Any = (),
     *,
     names: Optional[Sequence[str]] = None,
     logarithmic: Sequence[int] = (),
@@ -61,7 +61,7 @@ def minimize(
         shape, or a `scipy.optimize.Bounds`. A triple ``(lower, upper, "log")`` declares a
         logarithmic variable: it is searched evenly in the logarithm, ``0 < lower``.
     args : tuple, optional
-        Further arguments of `fun` (not of the constraints).
+        Further arguments of `fun` (not of the constraints). Anything but a tuple is one argument.
     names : sequence of str, optional
         Names of the real variables, or of these and then the categorical ones; for messages,
         journals and plots. ``x[0]``, ``x[1]``, ..., ``categories[0]``, ... by default.
@@ -114,7 +114,7 @@ def minimize(
         SQLite file that holds every evaluation before the next one starts. If it exists, the run
         goes on from there and evaluates nothing again: recorded values are replayed, callbacks
         included. Budgets are those of the run as a whole and may be changed; anything else that
-        differs is refused.
+        differs is refused. Functions are compared by their names, `args` by their text.
     overestimation : float
         Factor >= 1 on the slope estimate of global steps: larger is more thorough and slower.
     overestimation_local : float
