@@ -9,81 +9,57 @@ import numpy
 import pytest
 
 import Quenloft
-from Quenloft import History, OptimizeResult, Status, Trial
+from Quenloft import History, OptimizeResult, Trial
 
 
 @pytest.fixture(scope="module")
 def result():
     return Quenloft.minimize(
-        lambda x, c: x[0] ** 2 + x[1] + (c[0] == "b"),
-        [(-1, 2), (0.5, 4)],
-        categories=[("a", "b")],
-        constraints=[lambda x, c: 0.4 - x[0], lambda x, c: x[1] - 3],
-        maxfun=50,
-    )
+        lambda x, c: x[0] ** 2 + x[1] + (c[0] == "b"), [(-1, 2), (0.5, 4)], maxfun=50,
+        categories=[("a", "b")], constraints=[lambda x, c: 0.4 - x[0], lambda x, c: x[1] - 3],
+    )  # fmt: skip
 
 
 def test_columns_become_arrays_that_share_their_memory(result):
     history = result.history
-    shapes = {"x": (50, 2), "category": (50, 1), "constraints": (50, 2), "index": (50,),
-              "value": (50,), "time": (50,)}  # fmt: skip
-    for name, shape in shapes.items():
-        first = numpy.asarray(getattr(history, name))
-        second = numpy.asarray(getattr(history, name))
-        assert first.shape == shape and numpy.shares_memory(first, second)
-        assert not first.flags.writeable
-        rows = [getattr(trial, name) for trial in history] if name != "category" else None
-        if rows is not None:
-            assert numpy.array_equal(first, numpy.array(rows), equal_nan=True)
-    assert list(history.categories) == [trial.categories for trial in history]
-    table = numpy.asarray(history)
-    assert numpy.array_equal(table["x"], numpy.asarray(history.x))
-    assert numpy.array_equal(table["value"], numpy.asarray(history.value))
+    for name, width in {"x": 2, "constraints": 2, "index": 0, "value": 0, "time": 0}.items():
+        first, second = (numpy.asarray(getattr(history, name)) for _ in range(2))
+        assert first.shape == (50, width)[: 1 + bool(width)]
+        assert numpy.shares_memory(first, second) and not first.flags.writeable
+        rows = numpy.array([getattr(trial, name) for trial in history])
+        assert numpy.array_equal(first, rows, equal_nan=True)
+        assert numpy.array_equal(numpy.asarray(history)[name], rows, equal_nan=True)
+    names = [history.choices[0][i] for i in numpy.asarray(history.category)[:, 0]]
+    assert [(name,) for name in names] == history.categories == [t.categories for t in history]
 
 
 def test_a_table_is_a_sequence_of_rows(result):
     x = result.history.x
-    assert len(x) == 50 and x.shape == (50, 2)
-    assert x[-1] == x[49] == result.history[49].x == list(x)[49]
+    assert len(x) == 50 and x[-1] == x[49] == result.history[49].x == list(x)[49]
     assert x[:3] == [x[0], x[1], x[2]] and (0.5, 2.25) in x
-    assert numpy.asarray(x, dtype="f4").dtype == "f4"
-    owned = numpy.array(x)
-    owned[0] = 7
-    assert x[0] != (7, 7)
-    for position in (50, -51):
-        with pytest.raises(IndexError):
-            x[position]
-        with pytest.raises(IndexError):
-            result.history[position]
+    assert numpy.asarray(x, dtype="f4").dtype == "f4" and numpy.array(x).flags.writeable
+    for sequence in (x, result.history):
+        for position in (50, -51):
+            with pytest.raises(IndexError):
+                sequence[position]
 
 
 def test_a_history_without_trials_or_categories_has_empty_columns():
     history = History(3)
-    for name, shape in {"x": (0, 3), "category": (0, 0), "value": (0,), "index": (0,)}.items():
+    for name, shape in {"x": (0, 3), "category": (0, 0), "value": (0,)}.items():
         assert numpy.asarray(getattr(history, name)).shape == shape
     assert list(history) == [] and numpy.asarray(history).shape == (0,)
-    with pytest.raises(ValueError):
-        history.best()
 
 
 def test_the_best_trial_satisfies_most_constraints_then_is_lowest_then_first():
     history = History(1, constraint_count=2, goal=2)
-    outcomes = [(0, 1.0), (2, math.nan), (1, -1.0), (2, 5.0), (2, 4.0), (2, 4.0), (2, 6.0)]
     best, trace = [], []
-    for index, value in outcomes:
+    for index, value in [(0, 1.0), (2, math.nan), (1, -1.0), (2, 5.0), (2, 4.0), (2, 4.0)]:
         history.append((0.0,), (), index, value, 0.0, [1.0] * (index + 1))
         best.append(history.best())
         trace.append(history.running_best()[-1])
-    assert best == [0, 1, 1, 3, 4, 4, 4]
-    assert [t for t in trace if not math.isnan(t)] == [5.0, 4.0, 4.0, 4.0]
-
-
-def test_the_columns_of_a_growing_history_are_copies():
-    history = History(1)
-    history.append((1.0,), (), 0, 2.0, 0.1)
-    kept = numpy.asarray(history.value), numpy.asarray(history.x)
-    history.append((2.0,), (), 0, 3.0, 0.2)
-    assert list(history.value) == [2.0, 3.0] and [len(column) for column in kept] == [1, 1]
+    assert best == [0, 1, 1, 3, 4, 4]
+    assert [t for t in trace if not math.isnan(t)] == [5.0, 4.0, 4.0]
 
 
 def test_a_trial_that_was_cut_short_does_not_count():
@@ -98,25 +74,18 @@ def test_a_trial_that_was_cut_short_does_not_count():
         assert len(numpy.asarray(getattr(history, name))) == 1
 
 
-@pytest.mark.parametrize(
-    "duplicate", [copy.copy, copy.deepcopy, lambda r: pickle.loads(pickle.dumps(r))]
-)
+@pytest.mark.parametrize("duplicate", [copy.deepcopy, lambda r: pickle.loads(pickle.dumps(r))])
 def test_a_result_survives_copies_and_pickles(result, duplicate):
     twin = duplicate(result)
     assert type(twin) is OptimizeResult and repr(twin) == repr(result)
-    assert twin.status is Status.MAXFUN and twin.locals == result.locals
     assert [repr(trial) for trial in twin.history] == [repr(trial) for trial in result.history]
 
 
 def test_a_result_is_a_dict_with_attributes_and_a_readable_text(result):
     assert result["fun"] is result.fun and "fun" in dir(result)
-    result.note = "mine"
-    assert result.pop("note") == "mine"
     with pytest.raises(AttributeError, match="no field 'nothing'"):
-        result.nothing
-    lines = repr(result).splitlines()
-    assert len({line.index(":") for line in lines if not line.startswith("  " * 8)}) == 1
-    assert "status: 1 (MAXFUN)" in repr(result) and "<history of 50 trials>" in repr(result)
+        _ = result.nothing
+    assert "\n         status: 1 (MAXFUN)\n" in repr(result)
+    assert "<history of 50 trials>" in repr(result)
     assert "... 3 more" in repr(OptimizeResult(xl=[(1.0,)] * 7))
-    assert result.constraints == (0.4 - result.x[0], result.x[1] - 3)
-    assert result.categories == ("a",) and result.maxcv == 0.0
+    assert result.constraints == (0.4 - result.x[0], result.x[1] - 3) and result.maxcv == 0.0

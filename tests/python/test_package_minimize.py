@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Budgets, stops, exceptions and the result of `minimize`."""
 
+import gc
 import math
 import os
 import pickle
@@ -9,6 +10,8 @@ import signal
 import threading
 import time
 import traceback
+import weakref
+from dataclasses import replace
 
 import numpy
 import pytest
@@ -23,10 +26,6 @@ def parabola(x, *rest):
     return (x[0] - 0.5) ** 2 + (x[1] - 1.0) ** 2
 
 
-def two_wells(x):
-    return min((x[0] - 0.2) ** 2, (x[0] - 0.8) ** 2 + 0.01)
-
-
 @pytest.mark.parametrize("options", [{}, {"fit": 3}, {"polish": "pattern"}, {"polish": "cobyla"}])
 @pytest.mark.parametrize("maxfun", [1, 2, 4, 5, 6, 7, 30, 101])
 def test_never_one_evaluation_more_than_maxfun(maxfun, options):
@@ -36,57 +35,48 @@ def test_never_one_evaluation_more_than_maxfun(maxfun, options):
     )
     assert len(calls) == result.nfev == result.nit == len(result.history) <= maxfun
     if not options.get("polish"):
-        assert len(calls) == maxfun
-        assert result.status is Status.MAXFUN
-        assert f"{maxfun} trials of {maxfun}" in result.message
+        assert len(calls) == maxfun and f"{maxfun} trials of {maxfun}" in result.message
     assert result.success and result.fun == min(map(parabola, calls)) == parabola(result.x)
 
 
 def test_the_search_is_the_native_one():
     points = []
     problem = Quenloft.Problem(
-        bounds=[-1, 2, 0.5, 4], target=lambda x: points.append([*x]) or parabola(x)
+        bounds=[-1, 2, 0.5, 4], target=lambda x: points.append((*x,)) or parabola(x)
     )
     native = problem.Minimize(stop_tests=80, spread=9.0, overestimation=1.7)
     result = Quenloft.minimize(parabola, BOX, maxfun=80, spread=9.0, overestimation=1.7)
-    assert list(result.history.x) == [tuple(point) for point in points]
-    assert [m.x for m in result.locals] == [test.coordinate for test in native.locals]
-    assert [m.radius for m in result.locals] == [test.radius for test in native.locals]
+    assert list(result.history.x) == points
+    tests = [(test.coordinate, test.value, test.radius) for test in native.locals]
+    assert [(m.x, m.fun, m.radius) for m in result.locals] == tests
 
 
 def test_violated_constraints_count_as_trials_and_not_as_calls_of_fun():
     calls = []
+    limits = [lambda x: 0.3 - x[0], lambda x: 1.5 - x[1]]
     result = Quenloft.minimize(
-        lambda x: calls.append(x) or x[0],
-        BOX,
-        constraints=[lambda x: 0.3 - x[0], lambda x: 1.5 - x[1]],
-        maxfun=60,
+        lambda x: calls.append(x) or x[0], BOX, constraints=limits, maxfun=60
     )
     assert result.nit == 60 and len(calls) == result.nfev < 60
-    assert all(x[0] >= 0.3 and x[1] >= 1.5 for x in calls)
     for trial in result.history:
-        values = [0.3 - trial.x[0], 1.5 - trial.x[1]]
-        violated = [i for i, value in enumerate(values) if value > 0]
-        index = violated[0] if violated else 2
-        assert trial.index == index
-        assert trial.value == (values[index] if violated else trial.x[0])
+        values = [limit(trial.x) for limit in limits]
+        index = next((i for i, value in enumerate(values) if value > 0), 2)
+        assert (trial.index, trial.value) == (index, [*values, trial.x[0]][index])
         known = values[: index + 1]
         assert trial.constraints[: len(known)] == tuple(known)
         assert all(map(math.isnan, trial.constraints[len(known) :]))
 
 
+# fmt: off
 STOPS = [
     ({"f_min": 0.05}, Status.F_MIN, "<= 0.05"),
     ({"f_min": 0.05, "polish": True}, Status.F_MIN, "<= 0.05"),
     ({"min_radius": 0.1}, Status.MIN_RADIUS, "< 0.1"),
     ({"maxtime": 0.15, "maxfun": math.inf}, Status.MAXTIME, "s of 0.15 s"),
-    (
-        {"callback": lambda result: numpy.int64(result.nit) == 7},
-        Status.CALLBACK,
-        "by the callback: 7 trials",
-    ),
+    ({"callback": lambda r: numpy.int64(r.nit) == 7}, Status.CALLBACK, "by the callback: 7 trials"),
     ({}, Status.MAXFUN, "2000 trials of 2000"),
 ]
+# fmt: on
 
 
 @pytest.mark.parametrize("options, status, message", STOPS)
@@ -94,62 +84,51 @@ def test_every_stop_says_which_it_was(options, status, message):
     start = time.perf_counter()
     result = Quenloft.minimize(parabola, BOX, **options)
     elapsed = time.perf_counter() - start
-    assert (result.status, result.success) == (status, True)
-    assert message in result.message
-    assert 0 < result.elapsed_seconds <= elapsed
+    assert (result.status, result.success) == (status, True) and message in result.message
+    assert options.get("maxtime", 0.0) < result.elapsed_seconds <= elapsed < 5
     if status is Status.F_MIN:
         values = list(result.history.value)
         assert values[-1] == result.fun <= 0.05 < min(values[:-1])
-    if status is Status.MAXTIME:
-        assert 0.15 <= elapsed < 5
-    if status is Status.CALLBACK:
-        assert result.nit == 7
 
 
 def test_an_engine_that_ends_by_itself_has_nothing_left_to_split(monkeypatch):
     class Spent:
-        tests, locals, minimum = 3, (), Quenloft.minimize(parabola, BOX, maxfun=3)
-        minimum.radius = 0.5
+        tests, locals, minimum = 3, (), Quenloft.OptimizeResult(radius=0.5)
 
         def __init__(self, target, **problem):
             self.target = target
 
         def Minimize(self, **settings):
             for i in range(3):
-                assert self.target((0.1 * i, 1.0)) == parabola((0.1 * i, 1.0))
+                self.target((0.1 * i, 1.0))
             return self
 
     monkeypatch.setattr("Quenloft.engine.Problem", Spent)
     result = Quenloft.minimize(parabola, BOX, maxfun=10, maxtime=9, min_radius=0.1)
-    assert result.status is Status.EXHAUSTED and result.success
-    assert "nothing left to split" in result.message and "3 trials of 10" in result.message
+    assert result.status is Status.EXHAUSTED and "nothing left to split" in result.message
 
 
 def test_a_callback_sees_each_trial_and_may_stop_by_an_exception():
     seen = []
 
-    def callback(intermediate_result):
-        r = intermediate_result
+    def callback(r):
         seen.append(r)
-        assert r.status is Status.RUNNING and r.nit == len(seen) == len(r.history)
-        assert r.trial == r.history[-1]
         r.kept = numpy.asarray(r.history.x)  # must not keep the history from growing
-        assert r.kept.shape == (r.nit, 2)
+        assert r.kept.shape == (r.nit, 2) and r.nit == len(seen)
+        assert r.status is Status.RUNNING and r.trial == r.history[-1]
         if r.nit == 25:
             raise StopIteration
         return 1  # no truth value
 
     result = Quenloft.minimize(parabola, BOX, constraints=lambda x: x[0], callback=callback)
     assert result.status is Status.CALLBACK and result.nit == 25
-    assert seen[-1].x == result.x and seen[-1].fun == result.fun
-    assert [r.nfev for r in seen][-1] == result.nfev < 25
+    for field in ("x", "fun", "nfev", "maxcv"):
+        assert seen[-1][field] == result[field]
     funs = [r.fun for r in seen]
     assert funs == sorted(funs, reverse=True) and funs[0] == math.inf
 
 
 class Refusal(Exception):
-    __slots__ = ()
-
     def __setattr__(self, name, value):
         raise AttributeError(name)
 
@@ -179,26 +158,16 @@ def test_an_exception_arrives_as_itself_with_the_result_so_far(source, error, tr
     assert "failing" in [frame.name for frame in traceback.extract_tb(error.__traceback__)]
     result = vars(error)["result"]
     assert (result.status, result.success) == (Status.ERROR, False)
-    assert type(error).__name__ in result.message
     assert result.nit == len(result.history) == trial + (source == "callback")
-    if result.nit:
-        assert result.fun == min(result.history.value)
+    assert result.fun == min(result.history.value, default=math.inf)
 
 
 @pytest.mark.parametrize("value", [math.nan, math.inf, -math.inf])
 def test_a_value_that_is_not_finite_is_an_error_with_the_point(value):
-    def fun(x):
-        return value if x[0] > 1.5 else parabola(x)
-
-    with pytest.raises(
-        Quenloft.NonFiniteError, match=rf"fun returned {value} at x = \(1\.9"
-    ) as caught:
-        Quenloft.minimize(fun, BOX, maxfun=50)
-    error = caught.value
-    assert error.x[0] > 1.5 and (math.isnan(value) or error.value == value)
-    assert error.result.nit == 2
-    copy = pickle.loads(pickle.dumps(error))
-    assert (copy.x, str(copy), copy.result.nit) == (error.x, str(error), 2)
+    with pytest.raises(Quenloft.NonFiniteError, match=rf"fun returned {value} at x = \(1\.9") as e:
+        Quenloft.minimize(lambda x: value if x[0] > 1.5 else parabola(x), BOX)
+    copy = pickle.loads(pickle.dumps(e.value))
+    assert (copy.x, str(copy), copy.result.nit) == (e.value.x, str(e.value), 2)
 
 
 def test_a_hidden_constraint_is_infeasible_and_the_search_goes_on():
@@ -212,20 +181,16 @@ def test_a_hidden_constraint_is_infeasible_and_the_search_goes_on():
         fun, BOX, constraints=constraint, nonfinite="infeasible", maxfun=300, polish=True
     )
     assert result.success and result.fun < 1e-3
-    indices = set(result.history.index)
-    assert indices == {0, 1, 2} and result.history.goal == 2
+    assert set(result.history.index) == {0, 1, 2} and result.history.goal == 2
     for trial in result.history:
         assert math.isfinite(trial.value) == (trial.index == 2 or trial.x[0] > 1.9)
-    assert math.isfinite(result.fun) and all(map(math.isfinite, result.funl))
 
 
 def test_a_violation_that_is_not_finite_ranks_last_of_its_constraint():
-    def constraint(x):
-        return math.inf if x[0] > 0 else 100.0 + x[0]
-
     result = Quenloft.minimize(
-        parabola, BOX, constraints=constraint, nonfinite="infeasible", maxfun=30
-    )
+        parabola, BOX, constraints=lambda x: math.inf if x[0] > 0 else 100.0 + x[0],
+        nonfinite="infeasible", maxfun=30,
+    )  # fmt: skip
     assert result.history.value[0] == math.inf
     assert result.maxcv == 100.0 + result.x[0] == min(result.history.value)
 
@@ -239,22 +204,22 @@ def test_a_violation_that_is_not_finite_ranks_last_of_its_constraint():
 )
 def test_without_a_feasible_point_the_result_says_so(options, message):
     result = Quenloft.minimize(**{"fun": parabola, "bounds": BOX, "maxfun": 40, **options})
-    assert not result.success and result.status is Status.MAXFUN
+    assert not result.success and result.status is Status.MAXFUN and result.x is not None
     assert result.fun == math.inf and result.locals == result.xl == []
-    assert result.nit == 40 and result.x is not None
     assert re.search("no feasible point: " + message, result.message)
-    if "constraints" in options:
-        assert result.maxcv == min(x[0] + 5 for x in result.history.x)
 
 
 def test_local_minima_come_best_first_without_infeasible_ones():
-    result = Quenloft.minimize(two_wells, [(0, 1)], maxfun=60)
-    assert [m.x[0] for m in result.locals] == pytest.approx([0.2, 0.8], abs=0.02)
-    assert result.funl == sorted(result.funl) and result.xl[0] == result.x
-    half = Quenloft.minimize(two_wells, [(0, 1)], constraints=lambda x: 0.5 - x[0], maxfun=60)
-    assert [m.x[0] for m in half.locals] == pytest.approx([0.8], abs=0.02)
-    few = Quenloft.minimize(two_wells, [(0, 1)], maxfun=2)
-    assert [m.x for m in few.locals] == [few.x]
+    def minima(**options):
+        result = Quenloft.minimize(
+            lambda x: min((x[0] - 0.2) ** 2, (x[0] - 0.8) ** 2 + 0.01), [(0, 1)], **options
+        )
+        assert result.xl[0] == result.x and result.funl == sorted(result.funl)
+        return [m.x[0] for m in result.locals]
+
+    assert minima(maxfun=60) == pytest.approx([0.2, 0.8], abs=0.02)
+    assert minima(maxfun=60, constraints=lambda x: 0.5 - x[0]) == pytest.approx([0.8], abs=0.02)
+    assert len(minima(maxfun=2)) == 1
 
 
 def test_searches_within_searches_and_beside_each_other_do_not_disturb():
@@ -263,49 +228,34 @@ def test_searches_within_searches_and_beside_each_other_do_not_disturb():
                                  categories=[(0, 1)], maxfun=12).fun  # fmt: skip
 
     def outer():
-        return Quenloft.minimize(lambda x, c: inner(x) + x[0] * c[0], [(0, 1)],
-                                 categories=[(1, 2)], constraints=lambda x, c: -inner(x),
-                                 polish=True, maxfun=40)  # fmt: skip
+        result = Quenloft.minimize(lambda x, c: inner(x) + x[0] * c[0], [(0, 1)],
+                                   categories=[(1, 2)], constraints=lambda x, c: -inner(x),
+                                   maxfun=40)  # fmt: skip
+        return [replace(trial, time=0.0) for trial in result.history]
 
-    alone = outer()
-    results = [None] * 3
-
-    def work(i):
-        results[i] = outer()
-
-    threads = [threading.Thread(target=work, args=(i,)) for i in range(3)]
+    results = []
+    threads = [threading.Thread(target=lambda: results.append(outer())) for _ in range(3)]
     for thread in threads:
         thread.start()
     for thread in threads:
         thread.join()
-    count = alone.phases["search"]["nit"]
-    for result in results:
-        assert result.history[:count] == [
-            Quenloft.Trial(**{**vars(t), "time": r.time})
-            for t, r in zip(alone.history[:count], result.history[:count])
-        ]
+    assert results == [outer()] * 3
 
 
 def test_what_a_search_held_is_let_go():
-    import gc
-    import weakref
-
     class Payload:
         pass
 
-    payloads = []
-
-    def search(constrained):
+    def search(**limits):
         payload = Payload()
-        payloads.append(weakref.ref(payload))
-        limits = [lambda x, p=payload: -1.0] if constrained else ()
-        Quenloft.minimize(lambda x, p=payload: x[0], [(0, 1)], constraints=limits, maxfun=9)
+        limits = {name: lambda x, p=payload: -1.0 for name in limits}
+        Quenloft.minimize(lambda x, p=payload: x[0], [(0, 1)], maxfun=9, **limits)
+        return weakref.ref(payload)
 
-    search(False)
-    search(True)
-    gc.collect()
     # The native module keeps its constraints for ever; the package gives it empty ones.
-    assert [ref() for ref in payloads] == [None, None]
+    held = [search(), search(constraints=True)]
+    gc.collect()
+    assert [reference() for reference in held] == [None, None]
 
 
 @pytest.mark.parametrize(
@@ -313,29 +263,26 @@ def test_what_a_search_held_is_let_go():
     [{}, {"constraints": lambda x: x[0] - 1}, {"callback": lambda r: None}, {"maxtime": 60}],
 )
 def test_ctrl_c_at_any_moment_is_a_keyboard_interrupt_with_the_result(options):
-    def interrupt(number, frame):
-        raise KeyboardInterrupt
+    before = signal.signal(signal.SIGALRM, signal.default_int_handler)
+    delays = iter(range(40))
 
-    before = signal.signal(signal.SIGALRM, interrupt)
+    def fun(x):
+        nonlocal calls
+        calls += 1
+        if calls == 5:
+            signal.setitimer(signal.ITIMER_REAL, 0.005 + 0.0001 * next(delays))
+        return x[0] ** 2
+
     try:
-        for i in range(40):
-            calls = []
-
-            def fun(x):
-                calls.append(None)
-                if len(calls) == 5:
-                    signal.setitimer(signal.ITIMER_REAL, 0.005 + 0.0001 * i)
-                return x[0] ** 2
-
+        for _ in range(40):
+            calls = 0
             with pytest.raises(KeyboardInterrupt) as caught:
                 Quenloft.minimize(fun, [(-1, 1)], maxfun=math.inf, **options)
             result = caught.value.result
+            history = result.history
             assert result.status is Status.INTERRUPTED and not result.success
-            columns = (result.history.x, result.history.value, result.history.time)
-            assert {len(column) for column in columns} == {result.nit}
-            assert result.nit > 3 and result.fun == min(
-                t.value for t in result.history if t.index == result.history.goal
-            )
+            assert {len(history.x), len(history.value), len(history.time)} == {result.nit}
+            assert result.fun == min(t.value for t in history if t.index == history.goal)
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, before)
@@ -348,6 +295,4 @@ def test_ctrl_c_may_return_the_result_instead():
         return parabola(x)
 
     result = Quenloft.minimize(fun, BOX, on_interrupt="return")
-    assert (
-        result.status is Status.INTERRUPTED and result.nit == 2 and "interrupted" in result.message
-    )
+    assert result.status is Status.INTERRUPTED and result.nit == 2 and "interrupted" in result.message
