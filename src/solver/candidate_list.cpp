@@ -16,12 +16,15 @@ void CandidateList::Offer(const Candidate& candidate, UpdateMode mode) {
   if (!storage_) storage_ = std::make_unique<Storage>();
 
   Storage& entries = *storage_;
-  std::size_t place = static_cast<std::size_t>(
-      std::lower_bound(entries.keys, entries.keys + size_, candidate.key) - entries.keys);
-  for (; place < size_ && entries.keys[place] == candidate.key; ++place) {
-    if (entries.positions[place] == candidate.position && entries.tests[place] == candidate.test) {
-      return;
-    }
+  const double* const begin = entries.keys;
+  const double* const end = begin + size_;
+  const double* const equal = std::lower_bound(begin, end, candidate.key);
+  const double* const better =
+      equal != end && *equal == candidate.key ? std::upper_bound(equal, end, candidate.key) : equal;
+  std::size_t place = static_cast<std::size_t>(better - begin);
+  for (std::size_t i = static_cast<std::size_t>(equal - begin); i < place; ++i) {
+    const Segment& listed = entries.segments[i];
+    if (listed.position == candidate.position && listed.test == candidate.test) return;
   }
   if (place == 0 && drops_below_front) return;
   if (size_ == kListCapacity) {
@@ -32,8 +35,7 @@ void CandidateList::Offer(const Candidate& candidate, UpdateMode mode) {
     ++size_;
   }
   entries.keys[place] = candidate.key;
-  entries.positions[place] = candidate.position;
-  entries.tests[place] = candidate.test;
+  entries.segments[place] = {candidate.position, candidate.test};
   if (candidate.key == kUnset) may_hold_unset_keys_ = true;
 }
 
@@ -46,9 +48,7 @@ Candidate CandidateList::TakeBest() {
 void CandidateList::MoveEntries(std::size_t from, std::size_t to, std::size_t count) {
   Storage& entries = *storage_;
   std::memmove(entries.keys + to, entries.keys + from, count * sizeof(entries.keys[0]));
-  std::memmove(entries.positions + to, entries.positions + from,
-               count * sizeof(entries.positions[0]));
-  std::memmove(entries.tests + to, entries.tests + from, count * sizeof(entries.tests[0]));
+  std::memmove(entries.segments + to, entries.segments + from, count * sizeof(entries.segments[0]));
 }
 
 }  // namespace QuenloftSolver

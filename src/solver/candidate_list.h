@@ -39,7 +39,7 @@ class CandidateList {
   bool IsUsed() const { return is_used_; }
   // 0 is the least promising candidate.
   Candidate operator[](std::size_t i) const {
-    return {storage_->keys[i], storage_->positions[i], storage_->tests[i]};
+    return {storage_->keys[i], storage_->segments[i].position, storage_->segments[i].test};
   }
   double BestKey() const { return storage_->keys[size_ - 1]; }
 
@@ -61,13 +61,12 @@ class CandidateList {
     if (size_ == 0) return;
     Storage& entries = *storage_;
     std::size_t i = 0;
-    while (i < size_ && !(is_stale(entries.positions[i]) || entries.keys[i] == kUnset)) ++i;
+    while (i < size_ && !(is_stale(entries.segments[i].position) || entries.keys[i] == kUnset)) ++i;
     std::size_t kept = i;
     for (; i < size_; ++i) {
-      if (is_stale(entries.positions[i]) || entries.keys[i] == kUnset) continue;
+      if (is_stale(entries.segments[i].position) || entries.keys[i] == kUnset) continue;
       entries.keys[kept] = entries.keys[i];
-      entries.positions[kept] = entries.positions[i];
-      entries.tests[kept] = entries.tests[i];
+      entries.segments[kept] = entries.segments[i];
       ++kept;
     }
     size_ = kept;
@@ -77,11 +76,14 @@ class CandidateList {
   bool MayHoldUnsetKeys() const { return may_hold_unset_keys_; }
 
  private:
-  // Three columns: the search for a place reads keys alone.
+  struct Segment {
+    std::uint32_t position;
+    std::int32_t test;
+  };
+  // Two columns: the search for a place reads keys alone.
   struct Storage {
     double keys[kListCapacity];
-    std::uint32_t positions[kListCapacity];
-    std::int32_t tests[kListCapacity];
+    Segment segments[kListCapacity];
   };
 
   void MoveEntries(std::size_t from, std::size_t to, std::size_t count);

@@ -14,6 +14,7 @@
 #include "solver/candidate_columns.h"
 #include "solver/candidate_list.h"
 #include "solver/function_interface.h"
+#include "solver/key_bounds.h"
 #include "solver/local_fit.h"
 #include "solver/neighbour_selection.h"
 #include "solver/solver_base.h"
@@ -137,6 +138,7 @@ class Solver final : public SolverBase {
   // candidate_update_impl.h
   void UpdateCandidates(UpdateMode mode);
   UpdateMode DropStaleCandidates(UpdateMode mode);
+  void UpdateEveryTrial();
   void OfferSegments(std::uint32_t position, UpdateMode mode);
 
   // Fixed after construction.
@@ -166,6 +168,9 @@ class Solver final : public SolverBase {
   // One per class.
   std::vector<CandidateList> local_lists_;
   std::vector<CandidateList> global_lists_;
+  // Best keys of each trial's segments; kept when there is one class alone.
+  KeyBounds local_bounds_;
+  KeyBounds global_bounds_;
 
   // The refresh under way: the trials whose neighbourhoods the newest one may
   // disturb, all of its combination, the newest first; empty until the first step.

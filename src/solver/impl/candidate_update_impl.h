@@ -6,6 +6,7 @@
 #pragma once
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "solver/solver.h"
@@ -17,9 +18,7 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
   mode = DropStaleCandidates(mode);
   if (mode == UpdateMode::kFull) {
     ++work_.full_updates;
-    for (std::uint32_t position = 0; position < TestCount(); ++position) {
-      OfferSegments(position, mode);
-    }
+    UpdateEveryTrial();
   } else {
     for (const std::uint32_t position : to_rescore_) OfferSegments(position, mode);
   }
@@ -65,6 +64,73 @@ UpdateMode Solver<N>::DropStaleCandidates(UpdateMode mode) {
   return mode;
 }
 
+// Which trials one list needs to see in an update of every trial, in store order.
+//
+// A list that will end up full of keys no less than some L keeps no trace of a segment
+// below L: it would be refused, or fall out again. L is the least key of a list that
+// is full already, or else a key that as many trials reach as a list holds.
+//
+// Where searches converge to the last bit, segments that tie with the least key of a
+// full list come by the thousand, each pushing the oldest of its kind out unless it is
+// listed. After twice the capacity of them nothing of the old list is left, so every
+// further one pushes, and only as many of the last as the list holds leave a trace.
+class ListDemand {
+ public:
+  ListDemand(const CandidateList& list, KeyBounds& bounds) : bounds_(bounds) {
+    bounds.Settle();
+    if (list.Size() < kListCapacity) {
+      least_ = bounds.ReachedBy(kListCapacity);
+      return;
+    }
+    least_ = list[0].key;
+    tie_count_ = bounds.CountOf(least_);
+  }
+
+  bool NeedsBlock(std::size_t block) const { return !(bounds_.BlockMaximum(block) < least_); }
+
+  // To be asked of every trial of a needed block once, in order.
+  bool NeedsTrial(std::size_t position) {
+    const double bound = bounds_[position];
+    if (bound != least_ || tie_count_ == 0) return bound >= least_;
+    const std::size_t tie = ties_seen_++;
+    return tie < 2 * kListCapacity || tie + kListCapacity >= tie_count_;
+  }
+
+ private:
+  const KeyBounds& bounds_;
+  double least_;
+  std::size_t tie_count_ = 0;  // of trials, where the list is full
+  std::size_t ties_seen_ = 0;
+};
+
+// Offers the segments of every trial to the lists, in store order, or with one class
+// of those trials alone whose segments can leave a trace. When the class slope grew
+// every global key must be computed anew, and all are visited.
+template <int N>
+void Solver<N>::UpdateEveryTrial() {
+  const std::uint32_t count = TestCount();
+  if (class_count_ != 1 || class_changed_[0] || global_bounds_.Size() == 0) {
+    for (std::uint32_t p = 0; p < count; ++p) OfferSegments(p, UpdateMode::kFull);
+    return;
+  }
+  for (KeyBounds* bounds : {&local_bounds_, &global_bounds_}) {
+    for (const Rebuilt& rebuilt : rebuilt_) bounds->Set(rebuilt.position, KeyBounds::kUnknown);
+    bounds->Grow(count);
+  }
+  ListDemand local(local_lists_[0], local_bounds_);
+  ListDemand global(global_lists_[0], global_bounds_);
+  for (std::uint32_t first = 0; first < count; first += KeyBounds::kBlockSize) {
+    const std::size_t block = first / KeyBounds::kBlockSize;
+    if (!local.NeedsBlock(block) && !global.NeedsBlock(block)) continue;
+    const std::uint32_t end =
+        std::min(count, first + static_cast<std::uint32_t>(KeyBounds::kBlockSize));
+    for (std::uint32_t p = first; p < end; ++p) {
+      const bool is_needed = local.NeedsTrial(p);
+      if (global.NeedsTrial(p) || is_needed) OfferSegments(p, UpdateMode::kFull);
+    }
+  }
+}
+
 // With m an overestimated slope, d the length of a segment and z the values at its
 // ends, the least that the function can be on it is
 //   (z_a + z_b - m d) / 2   between trials of one index,
@@ -74,6 +140,8 @@ UpdateMode Solver<N>::DropStaleCandidates(UpdateMode mode) {
 template <int N>
 void Solver<N>::OfferSegments(std::uint32_t position, UpdateMode mode) {
   Test<N>& trial = tests_[position];
+  double best_local = -std::numeric_limits<double>::infinity();
+  double best_global = best_local;
   for (Neighbour& segment : trial.neighbours) {
     if (segment.test == kNone) break;
     const Test<N>* a = &trial;
@@ -97,6 +165,14 @@ void Solver<N>::OfferSegments(std::uint32_t position, UpdateMode mode) {
     local_lists_[c].Offer({segment.local_characteristic, position, segment.test}, mode);
     global_lists_[c].Offer({segment.global_characteristic, position, segment.test}, mode);
     work_.offers += 2;
+    if (!(segment.local_characteristic <= best_local)) best_local = segment.local_characteristic;
+    if (!(segment.global_characteristic <= best_global)) {
+      best_global = segment.global_characteristic;
+    }
+  }
+  if (class_count_ == 1) {
+    local_bounds_.Set(position, best_local);
+    global_bounds_.Set(position, best_global);
   }
 }
 

@@ -30,6 +30,20 @@ QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
   return count;
 }
 
+QUENLOFT_TARGET [[gnu::always_inline]] inline float LargestLane(const Floats& lanes) {
+  using Eight = float __attribute__((vector_size(32)));
+  using Four = float __attribute__((vector_size(16)));
+  Eight eight[2];
+  std::memcpy(eight, &lanes, sizeof(eight));
+  eight[0] = eight[0] > eight[1] ? eight[0] : eight[1];
+  Four four[2];
+  std::memcpy(four, &eight[0], sizeof(four));
+  four[0] = four[0] > four[1] ? four[0] : four[1];
+  const float a = four[0][0] > four[0][1] ? four[0][0] : four[0][1];
+  const float b = four[0][2] > four[0][3] ? four[0][2] : four[0][3];
+  return a > b ? a : b;
+}
+
 // Returns the least distance, kUnset if none is kept.
 template <int N>
 QUENLOFT_TARGET double FindDirections(const DirectionTask<N>& task) {
@@ -97,22 +111,15 @@ QUENLOFT_TARGET UpdateResult Update(const UpdateTask<N>& task) {
     first_block = is_first ? Masks{} + static_cast<std::int32_t>(b) : first_block;
   }
 
-  UpdateResult result{kGone, -1e30f, 0, true};
-  std::size_t lane = 0;
-  float largest = -1e30f;
-  for (std::size_t j = 0; j < kBlock; ++j) {
-    if (least[j] < result.least_cosine) result.least_cosine = least[j];
-    if (threshold[j] > result.threshold) result.threshold = threshold[j];
-    if (first[j] > largest) {
-      largest = first[j];
-      lane = j;
-    }
-  }
-  result.contender = static_cast<std::size_t>(first_block[lane]) * kBlock + lane;
-  for (std::size_t j = 0; j < kBlock; ++j) {
-    const float rival = j == lane ? second[j] : first[j];
-    if (rival >= result.threshold) result.is_single = false;
-  }
+  UpdateResult result;
+  result.least_cosine = -LargestLane(-least);
+  result.threshold = LargestLane(threshold);
+  const std::uint32_t reaching = LaneBits(first >= Floats{} + result.threshold);
+  const std::uint32_t reaching_second = LaneBits(second >= Floats{} + result.threshold);
+  const int lane = __builtin_ctz(reaching | 1u << kBlock) % static_cast<int>(kBlock);
+  result.is_single = (reaching & (reaching - 1)) == 0 && reaching_second == 0;
+  result.contender =
+      static_cast<std::size_t>(first_block[lane]) * kBlock + static_cast<std::size_t>(lane);
   return result;
 }
 
