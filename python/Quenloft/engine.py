@@ -41,7 +41,7 @@ def search(run: Run, settings: Settings, min_radius: Optional[float]) -> Optiona
     if run.allowed_seconds < _LARGEST_COUNT - 2:
         stops["stop_seconds"] = math.ceil(run.allowed_seconds) + 2
     limit = run.limit
-    result = None
+    problem = result = None
     try:
         problem = Problem(target=functions[-1], **arguments)
         result = problem.Minimize(**settings.engine_arguments(), **stops)
@@ -53,6 +53,8 @@ def search(run: Run, settings: Settings, min_radius: Optional[float]) -> Optiona
         run.error = run.error or error
     finally:
         release()
+        # A traceback may keep this frame; the engine's room for a million trials should go.
+        problem = None
     if run.error is None and run.status is None:
         assert result is not None
         run.status = _reason(run, limit, result, min_radius)

@@ -140,8 +140,8 @@ def test_a_logarithmic_variable_is_searched_in_its_logarithm_within_its_bounds()
     lower, upper = 1e-5, 1e3
     plain = search([(math.log(lower), math.log(upper))], lambda u: (u[0] - 0.7) ** 2)
     log = search([(lower, upper, "log")])
-    points = [x for x, in log.history.x]
-    assert points == pytest.approx([math.exp(u) for u, in plain.history.x], rel=1e-9)
+    points = [x for (x,) in log.history.x]
+    assert points == pytest.approx([math.exp(u) for (u,) in plain.history.x], rel=1e-9)
     assert min(points) == lower and max(points) == upper
     assert list(search([(lower, upper)], logarithmic=[0]).history.x) == list(log.history.x)
 

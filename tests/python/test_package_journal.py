@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The journal of a run: nothing lost, nothing evaluated twice, nothing mixed up."""
 
+import itertools
 import math
 import os
 import random
@@ -8,6 +9,7 @@ import sqlite3
 import subprocess
 import sys
 import time
+from contextlib import closing
 
 import numpy
 import pytest
@@ -46,50 +48,46 @@ def columns(history):
 def test_a_run_killed_at_random_moments_loses_at_most_the_evaluation_in_flight(tmp_path):
     def run(name):
         notes = tmp_path / f"{name}.txt"
+        notes.touch()
         command = [sys.executable, "-c", KILLED_RUN, str(tmp_path / f"{name}.db"), str(notes)]
-        return subprocess.Popen(command, stdout=subprocess.PIPE, text=True), notes
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        return process, lambda: notes.read_text().splitlines()
 
-    process, notes = run("whole")
+    process, whole = run("whole")
     expected, _ = process.communicate(timeout=60)
-    whole = notes.read_text().splitlines()
-    assert process.returncode == 0 and len(set(whole)) == len(whole)
+    assert process.returncode == 0 and len(set(whole())) == len(whole())
 
     moments = random.Random(20)
-    kills = 0
-    while True:
-        process, notes = run("killed")
-        known = notes.read_text().count("\n") if notes.exists() else 0
-        while process.poll() is None:
-            if kills < 20 and notes.exists() and notes.read_text().count("\n") > known:
-                time.sleep(moments.uniform(0, 0.06))
-                process.kill()
-                break
+    for kills in itertools.count():
+        process, calls = run("killed")
+        known = len(calls())
+        while process.poll() is None and (kills >= 20 or len(calls()) == known):
             time.sleep(0.001)
+        if process.returncode is None:
+            time.sleep(moments.uniform(0, 0.06))
+            process.kill()
         output, _ = process.communicate(timeout=60)
-        calls = notes.read_text().splitlines()
         recorded = Quenloft.read_journal(tmp_path / "killed.db").history
-        evaluated = sum(index >= 1 for index in recorded.index)
-        assert evaluated >= len(set(calls)) - 1
+        assert sum(index >= 1 for index in recorded.index) >= len(set(calls())) - 1
         if process.returncode == 0:
             break
-        kills += 1
-    assert kills >= 5
-    assert output == expected and set(calls) == set(whole)
-    assert len(calls) - len(set(calls)) <= kills
+    assert kills >= 5 and output == expected and set(calls()) == set(whole())
+    assert len(calls()) - len(set(calls())) <= kills
 
 
-@pytest.mark.parametrize(
-    "options",
-    [
-        {},
-        {"polish": "cobyla"},
-        {"polish": "pattern", "constraints": [lambda x: x[0] - 0.4, lambda x: 1.1 - x[1]]},
-        {"nonfinite": "infeasible", "constraints": lambda x: math.nan if x[1] > 3.9 else -1},
-        {"categories": [("a", math.nan, None)], "fit": 2},
-        {"callback": lambda result: result.nit == 33},
-        {"f_min": 0.01},
-    ],
-)
+# fmt: off
+RUNS = [
+    {},
+    {"polish": "cobyla"},
+    {"polish": "pattern", "constraints": [lambda x: x[0] - 0.4, lambda x: 1.1 - x[1]]},
+    {"nonfinite": "infeasible", "constraints": lambda x: math.nan if x[1] > 3.9 else -1},
+    {"categories": [("a", math.nan, None)], "fit": 2},
+    {"callback": lambda result: result.nit == 33},
+]
+# fmt: on
+
+
+@pytest.mark.parametrize("options", RUNS)
 def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_path):
     def fun(x, *rest):
         calls.append(x)
@@ -101,50 +99,50 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_p
         calls.clear()
         return Quenloft.minimize(fun, BOX, maxfun=60, **options, **journal)
 
-    calls = []
-    dies_at = None
+    calls, dies_at, path = [], None, tmp_path / "run.db"
     whole = run()
     dies_at = 20
-    path = tmp_path / "run.db"
     with pytest.raises(KeyboardInterrupt) as caught:
         run(journal=path)
-    dies_at = None
     first = caught.value.result
     assert columns(Quenloft.read_journal(path).history) == columns(first.history)
-    second = run(journal=path)
-    assert len(calls) == whole.nfev - 19 and second.replayed == first.nit
-    assert columns(second.history) == columns(whole.history)
-    assert list(second.history.time[: first.nit]) == list(first.history.time)
-    assert second.elapsed_seconds > first.history.time[-1]
-    for field in ("x", "fun", "status", "nfev", "nit", "funl", "message"):
-        assert repr(second[field]) == repr(whole[field])
-    # And once more: nothing is left to do.
-    third = run(journal=path)
-    assert calls == [] and third.replayed == third.nit == whole.nit
-    assert columns(third.history) == columns(whole.history)
+    dies_at = None
+    # The second time nothing is left to do.
+    for new, replayed in ((whole.nfev - 19, first.nit), (0, whole.nit)):
+        result = run(journal=path)
+        assert (len(calls), result.replayed) == (new, replayed)
+        assert columns(result.history) == columns(whole.history)
+        assert list(result.history.time[: first.nit]) == list(first.history.time)
+        for field in ("x", "fun", "status", "nfev", "nit", "funl", "message"):
+            assert repr(result[field]) == repr(whole[field])
     recorded = Quenloft.read_journal(path).history
-    assert recorded.polish_start == whole.history.polish_start
-    assert recorded.names == whole.history.names and recorded.goal == whole.history.goal
+    for field in ("polish_start", "names", "bounds", "goal"):
+        assert getattr(recorded, field) == getattr(whole.history, field)
 
 
 def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path, monkeypatch):
-    path = tmp_path / "run.db"
     calls = []
 
-    def run(**options):
+    def run(maxfun, **journal):
         calls.clear()
-        return Quenloft.minimize(lambda x: calls.append(x) or parabola(x), BOX, **options)
+        return Quenloft.minimize(
+            lambda x: calls.append(x) or parabola(x),
+            BOX,
+            maxfun=maxfun,
+            polish="pattern",
+            **journal,
+        )
 
-    run(maxfun=40, polish="pattern", journal=path)
+    journal = {"journal": tmp_path / "run.db"}
+    run(40, **journal)
     first = set(calls)
     monkeypatch.setattr(Quenloft, "__version__", "a later one")
-    longer = run(maxfun=80, polish="pattern", journal=path)
+    longer = run(80, **journal)
     # The search of the first run, and what the longer polish has in common with the shorter.
     assert longer.replayed >= 30 and len(calls) == 80 - longer.replayed
     assert first.isdisjoint(calls)
-    again = run(maxfun=40, polish="pattern", journal=path)
-    assert calls == [] and again.nit == 40
-    assert columns(longer.history) == columns(run(maxfun=80, polish="pattern").history)
+    assert run(40, **journal).nit == 40 and calls == []
+    assert columns(longer.history) == columns(run(80).history)
 
 
 def test_the_time_of_earlier_sessions_counts(tmp_path, monkeypatch):
@@ -156,45 +154,39 @@ def test_the_time_of_earlier_sessions_counts(tmp_path, monkeypatch):
         now += 1.0
         return parabola(x)
 
-    def run(maxtime):
-        nonlocal now
-        now = random.Random(maxtime).random()
-        return Quenloft.minimize(fun, BOX, maxtime=maxtime, journal=path)
-
     monkeypatch.setattr("Quenloft.run.perf_counter", lambda: now)
     for maxtime, new in ((10, 10), (10, 0), (9.5, 0), (4, 0), (15, 5)):
-        result = run(maxtime)
-        assert result.status is Status.MAXTIME
-        assert result.nit == math.ceil(maxtime) and result.nit - result.replayed == new
+        now = random.Random(maxtime).random()
+        result = Quenloft.minimize(fun, BOX, maxtime=maxtime, journal=path)
+        assert (result.status, result.nit) == (Status.MAXTIME, math.ceil(maxtime))
+        assert result.nit - result.replayed == new
         assert list(result.history.time) == pytest.approx(range(1, result.nit + 1))
         assert result.elapsed_seconds == pytest.approx(result.nit)
 
 
-BASE = {"fun": parabola, "bounds": BOX, "args": (1,), "categories": [("a", "b")]}
+# fmt: off
+DIFFERENCES = [
+    ({"bounds": [(-1, 2), (0.5, 5)]}, r"bounds = \[.*4.0\]\], not \[.*5.0\]\]"),
+    ({"logarithmic": [1]}, r"logarithmic = \[\], not \[1\]"),
+    ({"args": (2,)}, "args = '1', not '2'"),
+    ({"categories": [("a", "c")]}, r"categories = \[\['a', 'b'\]\], not"),
+    ({"constraints": lambda x, c: -1}, r"constraints = \[\], not \['constraints\[0\] "),
+    ({"nonfinite": "infeasible"}, "nonfinite = 'raise', not 'infeasible'"),
+    ({"spread": 9.0}, "spread = 12.0, not 9.0"),
+    ({"fun": lambda x, c, a: 0.0}, "objective = 'parabola', not '<lambda>'"),
+]
+# fmt: on
 
 
-@pytest.mark.parametrize(
-    "change, message",
-    [
-        ({"bounds": [(-1, 2), (0.5, 5)]}, r"bounds = \[.*4.0\]\], not \[.*5.0\]\]"),
-        ({"logarithmic": [1]}, r"logarithmic = \[\], not \[1\]"),
-        ({"args": (2,)}, "args = '1', not '2'"),
-        ({"categories": [("a", "c")]}, r"categories = \[\['a', 'b'\]\], not"),
-        ({"constraints": lambda x, c: -1}, r"constraints = \[\], not \['constraints\[0\] "),
-        ({"nonfinite": "infeasible"}, "nonfinite = 'raise', not 'infeasible'"),
-        ({"spread": 9.0}, "spread = 12.0, not 9.0"),
-        ({"fun": lambda x, c, a: 0.0}, "objective = 'parabola', not '<lambda>'"),
-        ({"names": ["a", "b"]}, "names = "),
-    ],
-)
+@pytest.mark.parametrize("change, message", DIFFERENCES)
 def test_a_journal_of_something_else_is_refused_with_the_difference(change, message, tmp_path):
+    base = {"fun": parabola, "bounds": BOX, "args": (1,), "categories": [("a", "b")]}
     path = tmp_path / "run.db"
-    Quenloft.minimize(**BASE, maxfun=10, journal=path)
+    Quenloft.minimize(**base, maxfun=10, journal=path)
     before = path.read_bytes()
     with pytest.raises(JournalError, match=message):
-        Quenloft.minimize(**{**BASE, **change}, maxfun=20, journal=path)
+        Quenloft.minimize(**{**base, **change}, maxfun=20, journal=path)
     assert path.read_bytes() == before
-    assert Quenloft.minimize(**BASE, maxfun=12, journal=path).replayed == 10
 
 
 def test_arguments_are_compared_without_their_addresses(tmp_path):
@@ -209,57 +201,51 @@ def test_arguments_are_compared_without_their_addresses(tmp_path):
         Quenloft.minimize(parabola, BOX, args, maxfun=9, journal=path)
 
 
-@pytest.mark.parametrize(
-    "prepare, message",
-    [
-        (lambda path: path.write_text("no database, and long enough to be none" * 99), "not a"),
-        (
-            lambda path: sqlite3.connect(path).execute("CREATE TABLE t (a)").connection.close(),
-            "not",
-        ),
-        (lambda path: path.mkdir(), "cannot be"),
-    ],
-)
-def test_a_file_that_is_no_journal_is_refused_and_left_alone(prepare, message, tmp_path):
-    path = tmp_path / "other.db"
-    prepare(path)
-    before = path.is_file() and path.read_bytes()
-    for use in (
-        lambda: Quenloft.minimize(parabola, BOX, maxfun=5, journal=path),
-        lambda: Quenloft.read_journal(path),
-    ):
-        with pytest.raises(JournalError, match=message):
-            use()
-    assert before == (path.is_file() and path.read_bytes())
-    with pytest.raises(FileNotFoundError):
-        Quenloft.read_journal(tmp_path / "none.db")
-
-
-def test_a_journal_that_asks_for_other_points_is_of_another_version(tmp_path):
+def test_a_journal_whose_points_are_others_is_refused_too(tmp_path):
     path = tmp_path / "run.db"
     Quenloft.minimize(parabola, BOX, maxfun=10, journal=path)
-    with sqlite3.connect(path) as database:
+    with closing(sqlite3.connect(path, isolation_level=None)) as database:
         database.execute("UPDATE trials SET x1 = x1 + 1e-9 WHERE number = 4")
-    database.close()
     with pytest.raises(JournalError, match="trial 4 of the journal .* another version"):
         Quenloft.minimize(parabola, BOX, maxfun=20, journal=path)
 
 
+def make_database(path):
+    with closing(sqlite3.connect(path)) as database:
+        database.execute("CREATE TABLE t (a)")
+
+
+FILES = {
+    "text": lambda path: path.write_text("no database, and too long for an empty one" * 99),
+    "other database": make_database,
+    "folder": lambda path: path.mkdir(),
+}
+
+
+@pytest.mark.parametrize("kind", FILES)
+def test_a_file_that_is_no_journal_is_refused_and_left_alone(kind, tmp_path):
+    path = tmp_path / "other.db"
+    FILES[kind](path)
+    before = kind != "folder" and path.read_bytes()
+    for use in (Quenloft.read_journal, lambda p: Quenloft.minimize(parabola, BOX, journal=p)):
+        with pytest.raises(JournalError, match="other.db' (cannot be|is not)"):
+            use(path)
+    assert before == (kind != "folder" and path.read_bytes())
+
+
 def test_a_running_journal_can_be_read_but_not_written_by_another_run(tmp_path):
     path = tmp_path / "run.db"
+    calls = []
 
     def fun(x):
-        if len(Quenloft.read_journal(path).history) == 7:
-            Quenloft.minimize(parabola_again, BOX, maxfun=20, journal=path)
+        calls.append(x)
+        if len(calls) == 8:
+            assert len(Quenloft.read_journal(path).history) == 7
+            Quenloft.minimize(fun, BOX, maxfun=20, journal=path)
         return parabola(x)
 
-    def parabola_again(x):
-        return parabola(x)
-
-    fun.__qualname__ = parabola_again.__qualname__
     with pytest.raises(JournalError, match="is being written by another run") as caught:
         Quenloft.minimize(fun, BOX, maxfun=30, journal=path)
-    # The intruder wrote thirteen trials; this run ended on its first one after that.
-    assert caught.value.result.nit == 8
+    assert caught.value.result.nit == 8 and len(calls) == 8 + 13
     assert len(Quenloft.read_journal(path).history) == 20
     assert os.listdir(tmp_path) == ["run.db"]

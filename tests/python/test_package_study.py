@@ -12,6 +12,7 @@ import time
 import traceback
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
 from concurrent.futures.process import BrokenProcessPool
+from contextlib import closing
 
 import pytest
 
@@ -22,10 +23,7 @@ from Quenloft import JournalError, minimize_many
 pytestmark = pytest.mark.filterwarnings("ignore:.*multi-threaded, use of fork:DeprecationWarning")
 
 
-def shifted(x, choices, shift, notes=None):
-    if notes is not None:
-        with open(notes, "a") as file:
-            file.write(f"{shift}\n")
+def shifted(x, choices, shift):
     return (x[0] - shift) ** 2 + (choices[0] != "low") * math.exp(x[1])
 
 
@@ -44,38 +42,31 @@ def serial():
     return [essence(Quenloft.minimize(**task)) for task in tasks()]
 
 
-def in_pool(run):
-    with multiprocessing.Pool(2) as pool:
-        return run(pool)
+def within(executor, name, run):
+    with executor:
+        return run(getattr(executor, name))
 
 
 WORKERS = {
     "one": lambda run: run(1),
     "two processes": lambda run: run(2),
-    "a process per processor": lambda run: run(-1),
-    "built-in map": lambda run: run(map),
-    "pool": lambda run: in_pool(lambda pool: run(pool.map)),
-    "pool, unordered": lambda run: in_pool(lambda pool: run(pool.imap_unordered)),
-    "executor": lambda run: run(ProcessPoolExecutor(2).map),
-    "threads": lambda run: run(ThreadPoolExecutor(3).map),
+    "pool": lambda run: within(multiprocessing.Pool(2), "map", run),
+    "pool, unordered": lambda run: within(multiprocessing.Pool(2), "imap_unordered", run),
+    "executor": lambda run: within(ProcessPoolExecutor(2), "map", run),
+    "threads": lambda run: within(ThreadPoolExecutor(2), "map", run),
 }
 
 
-@pytest.mark.parametrize("workers", WORKERS)
+@pytest.mark.parametrize("kind", WORKERS)
 def test_any_workers_give_the_results_of_single_searches_in_task_order(
-    workers, serial, tmp_path, monkeypatch
+    kind, serial, tmp_path, monkeypatch
 ):
     path = tmp_path / "study.db"
-    results = WORKERS[workers](lambda w: minimize_many(tasks(), w, journal=path))
+    results = WORKERS[kind](lambda workers: minimize_many(tasks(), workers, journal=path))
     assert [essence(result) for result in results] == serial
-
-    def nobody(function, items):
-        assert list(items) == []
-        return []
-
     # From the journal alone, down to the text.
     monkeypatch.setattr(Quenloft, "__version__", "a later one")
-    again = minimize_many(tasks(), nobody, journal=path)
+    again = minimize_many(tasks(), lambda function, items: [], journal=path)
     assert [essence(result) for result in again] == serial
     assert [repr(result) for result in again] == [repr(result) for result in results]
 
@@ -84,12 +75,11 @@ def test_any_workers_give_the_results_of_single_searches_in_task_order(
 @pytest.mark.filterwarnings("default")
 def test_a_dask_cluster_gives_the_same_results(serial, tmp_path):
     distributed = pytest.importorskip("distributed")
-    settings = {"n_workers": 2, "threads_per_worker": 1, "dashboard_address": None}
+    settings = {"n_workers": 2, "threads_per_worker": 1, "dashboard_address": ":0"}
     with distributed.LocalCluster(**settings) as cluster, distributed.Client(cluster) as client:
-        futures = minimize_many(tasks(), client.map, journal=tmp_path / "study.db")
-        assert [essence(result) for result in futures] == serial
-        executor = minimize_many(tasks(), client.get_executor().map)
-        assert [essence(result) for result in executor] == serial
+        for workers in (client.map, client.get_executor().map):
+            results = minimize_many(tasks(), workers, journal=tmp_path / str(hash(workers)))
+            assert [essence(result) for result in results] == serial
         # Functions that only this process knows travel as well.
         offset = 0.25
         local = minimize_many(
@@ -100,41 +90,37 @@ def test_a_dask_cluster_gives_the_same_results(serial, tmp_path):
 
 STUDY = """
 import sys, time, Quenloft
-sys.path.insert(0, sys.argv[1])
-from test_package_study import tasks
-def fun(x, choices, shift):
+def fun(x, shift):
     time.sleep(0.002)
-    return (x[0] - shift) ** 2 + len(choices[0])
-if __name__ == "__main__":
-    common = [{**task, "fun": fun} for task in tasks(12)]
-    results = Quenloft.minimize_many(common, int(sys.argv[3]), journal=sys.argv[2])
-    print([result.fun for result in results])
+    return (x[0] - shift) ** 2
+tasks = [{"fun": fun, "args": (i / 10,), "bounds": [(-1, 2)], "maxfun": 30} for i in range(12)]
+print([result.fun for result in Quenloft.minimize_many(tasks, 2, journal=sys.argv[1])])
 """
 
 
 @pytest.mark.slow
-@pytest.mark.parametrize("workers", [1, 2])
-def test_a_study_that_was_killed_goes_on_with_the_missing_tasks(workers, tmp_path):
-    def start(name):
-        here = os.path.dirname(__file__)
-        command = [sys.executable, "-c", STUDY, here, str(tmp_path / name), str(workers)]
-        return subprocess.Popen(command, stdout=subprocess.PIPE, text=True, start_new_session=True)
-
-    def finished():
-        with sqlite3.connect(tmp_path / "killed.db") as database:
-            rows = database.execute("SELECT number, result FROM results").fetchall()
-        database.close()
-        return dict(rows)
-
-    expected, _ = start("whole.db").communicate(timeout=60)
-    kept = {}
-    for delay in (0.6, 0.7, 0.8, 0.9, None):
-        process = start("killed.db")
+def test_a_study_that_was_killed_goes_on_with_the_missing_tasks(tmp_path):
+    def run(name, delay=None):
+        command = [sys.executable, "-c", STUDY, str(tmp_path / name)]
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, start_new_session=True)
         if delay is not None:
+            while not (tmp_path / name).exists():
+                time.sleep(0.01)
             time.sleep(delay)
             os.killpg(process.pid, signal.SIGKILL)
         output, _ = process.communicate(timeout=60)
-        now = finished() if delay is None or kept or (tmp_path / "killed.db").exists() else {}
+        with closing(sqlite3.connect(tmp_path / name)) as database:
+            # A kill while the file was being made leaves an empty one.
+            found = database.execute(
+                "SELECT 1 FROM sqlite_master WHERE name = 'results'"
+            ).fetchone()
+            rows = database.execute("SELECT number, result FROM results") if found else ()
+            return output, dict(rows)
+
+    expected, _ = run("whole.db")
+    kept = {}
+    for delay in (0.1, 0.2, 0.3, 0.3, None):
+        output, now = run("killed.db", delay)
         assert kept.items() <= now.items()
         kept = now
     assert output == expected and len(kept) == 12
@@ -164,9 +150,7 @@ def test_a_failed_task_does_not_keep_the_others_from_their_results(workers, tmp_
     path = tmp_path / "study.db"
     with pytest.raises(ZeroDivisionError, match="first") as caught:
         minimize_many(study, workers, journal=path)
-    found = caught.value.results
-    assert [r is not None for r in found] == [True, False, True, False, True]
-    assert found[4].nit == 9 and caught.value.result.nit == 2
+    assert [r and r.nit for r in caught.value.results] == [9, None, 9, None, 9]
     answers = minimize_many(study, workers, return_errors=True, journal=path)
     assert [type(a).__name__ for a in answers[1:4:2]] == ["ZeroDivisionError", "RuntimeError"]
     assert all("in failing" in answer.worker_traceback for answer in answers[1:4:2])
@@ -184,6 +168,11 @@ def test_the_death_of_a_worker_is_an_error_with_the_results_so_far():
     assert caught.value.results[0].nit == 9
 
 
+def marking(x, marker):
+    marker.touch()
+    return x[0]
+
+
 def hanging(x, marker):
     if marker.exists():  # the other task has been under way for long enough to be done
         time.sleep(1.0)
@@ -193,16 +182,8 @@ def hanging(x, marker):
     return x[0]
 
 
-def marking(x, marker):
-    marker.touch()
-    return x[0]
-
-
 def test_ctrl_c_does_not_wait_for_the_tasks_under_way(tmp_path):
-    def interrupt(number, frame):
-        raise KeyboardInterrupt
-
-    before = signal.signal(signal.SIGALRM, interrupt)
+    before = signal.signal(signal.SIGALRM, signal.default_int_handler)
     start = time.perf_counter()
     common = {"bounds": [(0, 1)], "args": (tmp_path / "marker",)}
     study = [{"fun": marking, "maxfun": 9}, {"fun": hanging, "maxtime": 30}]
@@ -217,20 +198,27 @@ def test_ctrl_c_does_not_wait_for_the_tasks_under_way(tmp_path):
     assert caught.value.results[0].nit == 9 and caught.value.results[1] is None
 
 
-@pytest.mark.parametrize(
-    "change, message",
-    [
-        (lambda study: study[:4], "for 5 tasks, not 4"),
-        (lambda study: [*study[:4], {**study[4], "maxfun": 99}], "task 4 .* maxfun = 28, not 99"),
-        (lambda study: [study[1], study[0], *study[2:]], "task 0 .* args = "),
-    ],
-)
+# fmt: off
+CHANGES = [
+    (lambda study: study[:4], "for 5 tasks, not 4"),
+    (lambda study: [*study[:4], {**study[4], "maxfun": 99}], "task 4 .* maxfun = 28, not 99"),
+    (lambda study: [study[1], study[0], *study[2:]], "task 0 .* args = "),
+]
+WRONG = [
+    ([{"fun": abs}], 1, "task 0: .*bounds"),
+    ([*tasks(1), {**tasks(1)[0], "maxfun": 0}], 1, "task 1: maxfun"),
+    (tasks(1, budget=3), 1, "task 0: .*budget"),
+    (tasks(1), 0, "workers must be from 1"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize("change, message", CHANGES)
 def test_the_journal_of_another_study_is_refused(change, message, tmp_path):
-    path = tmp_path / "study.db"
+    path, run = tmp_path / "study.db", tmp_path / "run.db"
     minimize_many(tasks(), journal=path)
     with pytest.raises(JournalError, match=message):
         minimize_many(change(tasks()), journal=path)
-    run = tmp_path / "run.db"
     Quenloft.minimize(**tasks()[0], journal=run)
     with pytest.raises(JournalError, match="not the journal of a study"):
         minimize_many(tasks(), journal=run)
@@ -238,18 +226,9 @@ def test_the_journal_of_another_study_is_refused(change, message, tmp_path):
         Quenloft.read_journal(path)
 
 
-@pytest.mark.parametrize(
-    "study, workers, error, message",
-    [
-        ([{"fun": abs}], 1, TypeError, "task 0: .*bounds"),
-        ([*tasks(1), {**tasks(1)[0], "maxfun": 0}], 1, ValueError, "task 1: maxfun"),
-        (tasks(1, budget=3), 1, TypeError, "task 0: .*budget"),
-        (tasks(1), 0, ValueError, "workers must be from 1"),
-        (tasks(1), "four", TypeError, "workers must be a whole number"),
-    ],
-)
-def test_a_wrong_task_is_named_before_anything_runs(study, workers, error, message):
-    with pytest.raises(error, match=message):
+@pytest.mark.parametrize("study, workers, message", WRONG)
+def test_a_wrong_task_is_named_before_anything_runs(study, workers, message):
+    with pytest.raises((TypeError, ValueError), match=message):
         minimize_many(study, workers)
 
 
