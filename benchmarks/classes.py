@@ -39,12 +39,13 @@ T = TypeVar("T")
 
 DEFAULT_METHODS = (
     "quenloft",
+    "quenloft:overestimation=2.5,local_vs_global=0.3",
     "quenloft:overestimation=3",
     "quenloft:local_vs_global=1",
     *methods.PEERS,
 )
-DEFAULT_OVERESTIMATION = (1.5, 2.0, 2.5, 3.0, 4.0, 5.0)
-DEFAULT_LOCAL_VS_GLOBAL = (0.0, 0.1, 0.3, 1.0, 3.0)
+DEFAULT_OVERESTIMATION = (1.5, 2.0, 2.5, 3.0, 4.0)
+DEFAULT_LOCAL_VS_GLOBAL = (0.1, 0.3, 1.0)
 
 
 def list_of(convert: Callable[[str], T]) -> Callable[[str], tuple[T, ...]]:
@@ -104,7 +105,7 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         default=DEFAULT_METHODS,
         metavar="LIST",
         help=f"of {', '.join(methods.PEERS)}, quenloft and quenloft:NAME=VALUE[,...]; separated "
-        f"by ; when settings hold commas (default: {', '.join(DEFAULT_METHODS)})",
+        f"by ; when settings hold commas (default: {'; '.join(DEFAULT_METHODS)})",
     )
     add(
         "--functions",
