@@ -88,13 +88,13 @@ class _Bar:
         count = "{n_fmt}/{total_fmt}" if is_limited else "{n_fmt}"
         self._bar = tqdm(
             total=total if is_limited else None,
-            unit=f" {unit}",
+            unit=unit,
             bar_format=shape + count + " {unit} [{elapsed}{postfix}]",
         )
 
     def update(self, count: int, note: str) -> None:
         self._bar.set_postfix_str(note, refresh=False)
-        self._bar.update(count - self._bar.n)
+        self._bar.n = count
         self._bar.refresh()
 
     def close(self) -> None:
