@@ -156,11 +156,16 @@ def tasks_of(options: argparse.Namespace) -> list[runs.Task]:
             for local_vs_global in options.local_vs_global
         )
     return [
-        runs.Task(name, method, number, options.budget or functions.CLASSES[name].budget)
+        runs.Task(name, method, number, budget_of(method, options.budget, name))
         for name in options.classes
         for method in names
         for number in options.functions
     ]
+
+
+def budget_of(method: str, asked: Optional[int], class_name: str) -> int:
+    budget: int = asked or functions.CLASSES[class_name].budget
+    return min(budget, methods.MOST_TRIALS.get(method, budget))
 
 
 def own_method(overestimation: float, local_vs_global: float) -> str:

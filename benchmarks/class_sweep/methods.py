@@ -103,6 +103,10 @@ def _nlopt(function_class: FunctionClass, number: int, budget: int, algorithm: s
 # and 1e-4 it needed the fewest trials on most of the classes.
 MLSL_LOCAL_TOLERANCE = 1e-3
 
+# Trials that a method is given at most, whatever the class's budget. The time that MLSL takes for
+# a trial grows with their number: 20,000 trials take it seconds, 100,000 many minutes.
+MOST_TRIALS = {"nlopt-mlsl-lds": 25_000}
+
 # Identifier: name, function, its last argument.
 _PEERS: dict[str, tuple[str, Callable[..., Objective], object]] = {
     "scipy-direct": ("SciPy direct", _scipy_direct, False),
