@@ -5,10 +5,8 @@ import csv
 import io
 import json
 import os
-import signal
 import subprocess
 import sys
-import time
 
 import pytest
 
@@ -16,7 +14,7 @@ import Quenloft
 from Quenloft import cli
 
 MODEL = """
-import math, time
+import math, os, signal
 
 def bowl(x, *scale):
     return sum((v - 0.3) ** 2 for v in x) * (scale[0] if scale else 1.0)
@@ -26,7 +24,7 @@ def kernel(x, choices):
 
 def never(x): return 1.0
 
-def left(x): return x[0] - 0.2
+def left(x, *choices): return x[0] - 0.2
 
 def fails(x):
     if x[0] > 0.9:
@@ -37,8 +35,9 @@ def undefined(x): return math.nan if x[0] > 0.9 else bowl(x)
 
 def leaves(x): raise SystemExit(0)
 
-def slow(x):
-    time.sleep(0.05)
+def interrupted(x):
+    if x[0] > 0.9:
+        os.kill(os.getpid(), signal.SIGINT)
     return bowl(x)
 """
 
@@ -97,18 +96,17 @@ def test_search_is_the_one_that_minimize_makes(run):
         (["climodel:fails", *BOX], 1, "2 trials", "ZeroDivisionError: two lines (climodel.py, line "),
         (["climodel:undefined", *BOX], 1, "2 trials", "returned nan at x = (0.995, 0.5); --nonfinite"),
         (["climodel:leaves", *BOX], 1, "", "SystemExit: 0 (climodel.py, line "),
+        (["climodel:interrupted", *BOX], 130, "minimum", ""),
         (["climodel:undefined", *BOX, "--nonfinite", "infeasible"], 0, "minimum", ""),
         (["climodel:bowl", *BOX, "--constraint", "climodel:never"], 3, "no feasible point", ""),
         (["climodel:bowl", *BOX, "--constraint", "climodel:never", "--json"], 3, '"fun": null', ""),
     ],
 )
 def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
-    answer = run("minimize", *words)
-    assert answer[0] == code, answer
-    assert out in answer[1] and err in answer[2]
-    assert answer[2].count("\n") == bool(err)
-    if "--quiet" in words:
-        assert answer[1] == ""
+    ended, printed, errors = run("minimize", *words)
+    assert ended == code, errors
+    assert out in printed and bool(printed) == bool(out)
+    assert err in errors and errors.count("\n") == bool(err)
 
 
 @pytest.mark.parametrize(
@@ -119,13 +117,11 @@ def test_exit_code_tells_how_a_search_ended(run, words, code, out, err):
         (["minimize", "climodel:bowl", "--bounds", "0:1:lag"], "'0:1:lag' is not LOWER:UPPER"),
         (["minimize", "climodel:bowl", "--bounds", "a:1"], "'a:1' does not hold two numbers"),
         (["minimize", "climodel:bowl", "--bounds", "r=-1:1:log"], "r is logarithmic"),
-        (["minimize", "climodel:bowl", "--bounds", "-inf:1"], "finite"),
         (["minimize", "climodel:bowl", *BOX, "--choices", "a,,b"], "empty choice"),
         (["minimize", "climodel", *BOX], "module:function"),
         (["minimize", "climodel:nothing", *BOX], "climodel has no nothing"),
         (["minimize", "nowhere:bowl", *BOX], "No module named 'nowhere'"),
         (["minimize", "faulty:bowl", *BOX], "SyntaxError"),
-        (["history", "nothing.db"], "nothing.db"),
         (["history", "climodel.py"], "climodel.py"),
         (["history", "."], "'.' cannot be"),
     ],
@@ -144,9 +140,7 @@ def test_traceback_comes_when_asked_for(run):
 
 def test_journal_is_continued_refused_and_shown(run, folder):
     words = ["minimize", "climodel:kernel", "--bounds", "a=0:1", "-1:2", "--choices",
-             "rbf,linear", "1,2", "--constraint", "climodel:left2", "--journal", "run.db", "--maxfun"]  # fmt: skip
-    with open(folder / "climodel.py", "a") as file:
-        file.write("\ndef left2(x, choices): return left(x)\n")
+             "rbf,linear", "1,2", "--constraint", "climodel:left", "--journal", "run.db", "--maxfun"]  # fmt: skip
     assert run(*words, 50)[0] == 0
     code, out, _ = run(*words, 60)
     assert code == 0 and "60 trials" in out and "50 from the journal" in out
@@ -179,28 +173,6 @@ def test_demo_reaches_the_published_fit(run):
     assert x[0] / x[1] <= 3000.0
     code, out, _ = run("demo", "--maxfun", 40)
     assert code == 1 and "DIFFER" in out
-
-
-def test_ctrl_c_shows_what_was_found(folder):
-    words = ["minimize", "climodel:slow", "--bounds", "0:1", "0:1", "--journal", "run.db"]
-    process = subprocess.Popen(
-        [sys.executable, "-m", "Quenloft", *words], cwd=folder, text=True,
-        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-    )  # fmt: skip
-    journal = folder / "run.db"
-    while process.poll() is None and not (journal.exists() and trial_count(journal) > 3):
-        time.sleep(0.02)
-    process.send_signal(signal.SIGINT)
-    out, err = process.communicate(timeout=30)
-    assert process.returncode == 130, err
-    assert out.startswith("minimum") and "Traceback" not in err
-
-
-def trial_count(journal):
-    try:
-        return len(Quenloft.read_journal(journal).history)
-    except Quenloft.JournalError:  # it is being begun
-        return 0
 
 
 @pytest.mark.parametrize("words", [["--csv"], ["--last", "1"]], ids=["much", "little"])
