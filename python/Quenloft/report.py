@@ -134,7 +134,7 @@ class Report:
             "fun": self._best_fun(),
             "x": self._form(trial.x),
             "categories": trial.categories,
-            "maxcv": 0.0 if run.is_feasible() else trial.value,
+            "maxcv": trial.value if trial.index < run.history.constraint_count else 0.0,
             "constraints": trial.constraints,
         }
 

@@ -104,11 +104,10 @@ class Run:
 
     def engine_value(self, index: int, value: float) -> float:
         """The violation, or for one that is not finite the worst of its constraint so far."""
-        worst = self._worst.get(index, 1.0)
         if math.isfinite(value):
-            self._worst[index] = max(worst, value)
+            self._worst[index] = max(self._worst.get(index, value), value)
             return value
-        return worst
+        return self._worst.get(index, 1.0)
 
 
 def trial_function(run: Run) -> Callable[..., float]:
