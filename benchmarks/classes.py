@@ -24,6 +24,7 @@ from __future__ import annotations
 import argparse
 import importlib
 import os
+import re
 import shlex
 import sys
 from pathlib import Path
@@ -61,11 +62,9 @@ def list_of(convert: Callable[[str], T]) -> Callable[[str], tuple[T, ...]]:
 
 
 def method_list(text: str) -> tuple[str, ...]:
-    """Identifiers separated by commas, or by semicolons when their settings hold commas."""
+    """Identifiers separated by commas. A comma before NAME=VALUE goes on with the settings."""
     try:
-        return tuple(
-            methods.check(item.strip()) for item in text.split(";" if ";" in text else ",")
-        )
+        return tuple(methods.check(item) for item in re.split(r"\s*,\s*(?!\w+=)", text))
     except ValueError as error:
         raise argparse.ArgumentTypeError(str(error)) from None
 
@@ -104,8 +103,8 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         type=method_list,
         default=DEFAULT_METHODS,
         metavar="LIST",
-        help=f"of {', '.join(methods.PEERS)}, quenloft and quenloft:NAME=VALUE[,...]; separated "
-        f"by ; when settings hold commas (default: {'; '.join(DEFAULT_METHODS)})",
+        help=f"of {', '.join(methods.PEERS)}, quenloft and quenloft:NAME=VALUE,... "
+        f"(default: {', '.join(DEFAULT_METHODS)})",
     )
     add(
         "--functions",

@@ -15,14 +15,14 @@ import math
 import sys
 import warnings
 from functools import lru_cache
-from typing import Callable, Union
+from typing import Any, Callable
 
 from _Quenloft import Problem
 
 from .functions import FunctionClass, Objective
 
 OWN = "quenloft"
-Settings = dict[str, Union[int, float]]
+Settings = dict[str, Any]
 
 
 def settings_of(method: str) -> Settings:

@@ -127,8 +127,10 @@ def terminal_table(summaries: Iterable[Summary]) -> str:
     return "\n\n".join(blocks)
 
 
-def _markdown_table(headings: Sequence[str], rows: Iterable[Sequence[str]]) -> str:
-    lines = ["| " + " | ".join(headings) + " |", "|---" + "|---:" * (len(headings) - 1) + "|"]
+def _markdown_table(headings: Sequence[str], rows: Iterable[Sequence[str]], words: int = 1) -> str:
+    """A table whose first columns, `words` of them, hold words and the others numbers."""
+    rule = "|---" * words + "|---:" * (len(headings) - words) + "|"
+    lines = ["| " + " | ".join(headings) + " |", rule]
     lines += ["| " + " | ".join(row) + " |" for row in rows]
     return "\n".join(lines)
 
@@ -175,7 +177,10 @@ def markdown_provenance(provenance: dict[str, Any]) -> str:
 
 
 def markdown_settings(summaries: Sequence[Summary]) -> str:
-    """For each class the cheapest settings that solve everything, then the best for all."""
+    """For each class the cheapest settings that solve everything, then the best for all.
+
+    Of these the first ten, and the defaults.
+    """
     rows = []
     for class_name, group in _by_class(summaries).items():
         default = next((s for s in group if s.method == OWN), None)
@@ -196,10 +201,11 @@ def markdown_settings(summaries: Sequence[Summary]) -> str:
             f"{solved:,}",
             f"{ratio:.2f}",
         )
-        for method, solved, ratio in rank_settings(summaries)[:10]
+        for place, (method, solved, ratio) in enumerate(rank_settings(summaries))
+        if place < 10 or method == OWN
     ]
     return (
-        _markdown_table(headings, rows)
+        _markdown_table(headings, rows, words=2)
         + "\n\n"
         + _markdown_table(("one setting for all classes", "solved", "cost"), ranking)
     )

@@ -163,7 +163,7 @@ def test_the_command_writes_table_files_and_document(tmp_path, capsys):
     document = tmp_path / "guide.md"
     document.write_text("before <!-- methods --> old <!-- /methods --> after")
     arguments = ["--classes", "2D simple,Grishagin", "--functions", "1-2", "--quiet"]
-    arguments += ["--methods", "quenloft;quenloft:overestimation=3,local_vs_global=1"]
+    arguments += ["--methods", "quenloft:overestimation=3,local_vs_global=1, quenloft"]
     arguments += ["--out", str(tmp_path / "out"), "--markdown", str(document)]
     assert classes.main(arguments) == 0
     table = capsys.readouterr().out
