@@ -142,6 +142,11 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         metavar="FILE",
         help="write the tables into the marked blocks of this document, and the plot beside it",
     )
+    add(
+        "--report",
+        action="store_true",
+        help="run nothing; report the methods that are finished on all functions of a class",
+    )
     add("--quiet", action="store_true", help="no progress bar")
     return parser.parse_args(arguments)
 
@@ -209,7 +214,10 @@ def main(arguments: Optional[list[str]] = None) -> int:
     tasks = tasks_of(options)
     path = options.out / "runs.jsonl"
     try:
-        done = runs.run_all(tasks, options.workers, path=path, progress=not options.quiet)
+        if options.report:
+            done = runs.finished(tasks, path)
+        else:
+            done = runs.run_all(tasks, options.workers, path=path, progress=not options.quiet)
     except KeyboardInterrupt:
         print(f"Stopped; the same command goes on from {path}.", file=sys.stderr)
         return 130

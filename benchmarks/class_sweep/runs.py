@@ -198,6 +198,13 @@ def run_all(
         return [file.runs[task] for task in tasks]
 
 
+def finished(tasks: Sequence[Task], path: Path) -> list[Run]:
+    """The runs of those methods and classes of which every task is in the file at `path`."""
+    with RunFile(path) as file:
+        missing = {(t.class_name, t.method) for t in tasks if t not in file.runs}
+        return [file.runs[t] for t in tasks if (t.class_name, t.method) not in missing]
+
+
 def _with_progress(runs: Iterable[Run], total: int, show: bool) -> Iterable[Run]:
     if not show or total == 0:
         return runs

@@ -20,11 +20,11 @@ from class_sweep import functions, methods, report, runs  # noqa: E402
 SIMPLE = functions.CLASSES["2D simple"]
 
 
-def tasks(count: int, method: str = "quenloft", budget: int = 2000) -> list[runs.Task]:
-    return [runs.Task(SIMPLE.name, method, number, budget) for number in range(1, count + 1)]
+def tasks(count):
+    return [runs.Task(SIMPLE.name, "quenloft", number, 2000) for number in range(1, count + 1)]
 
 
-def findings(done: list[runs.Run]) -> list[tuple[object, ...]]:
+def findings(done):
     return [(run.task, run.solved_at, run.evaluations) for run in done]
 
 
@@ -44,10 +44,8 @@ def test_a_function_is_solved_at_the_first_trial_near_its_minimizer_in_every_coo
 
 def test_trials_beyond_the_budget_do_not_count():
     objective = functions.Objective(SIMPLE, 1, 2, lambda: 7.0)
-    minimizer = objective.minimizer
     assert [objective((0.0, 0.0)) == 7.0 for _ in range(3)] == [False, False, True]
-    assert objective(minimizer) == 7.0
-    assert objective.solved_at is None
+    assert objective(objective.minimizer) == 7.0 and objective.solved_at is None
 
 
 @pytest.mark.parametrize("method", ["quenloft", "quenloft:fit=1", *methods.PEERS])
@@ -76,11 +74,9 @@ def test_the_defaults_solve_the_whole_class_in_few_trials():
 
 
 def backwards(function, items):
-    """A map whose futures are finished in the opposite order."""
+    """Futures that are finished in the opposite order."""
     with ThreadPoolExecutor(1) as pool:
-        items = list(items)
-        futures = {item: pool.submit(function, item) for item in reversed(items)}
-        return [futures[item] for item in items]
+        return [pool.submit(function, item) for item in reversed(list(items))][::-1]
 
 
 @pytest.mark.parametrize("workers", [2, map, backwards])
@@ -92,7 +88,7 @@ def test_results_are_the_same_and_in_task_order_whoever_does_the_work(workers, t
 
 def test_a_second_call_goes_on_where_the_first_was_stopped(tmp_path):
     path = tmp_path / "runs.jsonl"
-    asked: list[int] = []
+    asked = []
 
     def stopping_after(count):
         def workers(function, items):
@@ -114,6 +110,14 @@ def test_a_second_call_goes_on_where_the_first_was_stopped(tmp_path):
     assert findings(done) == findings(runs.run_all(tasks(5), stopping_after(6), path=path))
 
 
+def test_what_is_finished_is_reported_without_running_anything(tmp_path):
+    path = tmp_path / "runs.jsonl"
+    done = runs.run_all(tasks(2), path=path)
+    other = tasks(2, "quenloft:overestimation=3")
+    runs.run_all(other[:1], path=path)
+    assert runs.finished(other + tasks(2), path) == done
+
+
 def test_runs_of_other_versions_are_not_mixed(tmp_path, monkeypatch):
     path = tmp_path / "runs.jsonl"
     runs.run_all(tasks(1), path=path)
@@ -125,7 +129,7 @@ def test_runs_of_other_versions_are_not_mixed(tmp_path, monkeypatch):
 # ---- Reports
 
 
-def made_up(method: str, trials: list[int | None], class_name: str = SIMPLE.name):
+def made_up(method, trials, class_name=SIMPLE.name):
     return [
         runs.Run(runs.Task(class_name, method, i, 1000), k, k or 1000, 3.0, 1.0)
         for i, k in enumerate(trials, 1)
@@ -142,20 +146,16 @@ def test_summary_counts_unsolved_functions_with_the_budget():
 
 
 def test_settings_that_solve_more_rank_first_then_those_of_lower_cost():
-    names = ("quenloft", "quenloft:overestimation=3", "quenloft:overestimation=4")
+    names = ["quenloft", "quenloft:overestimation=3", "quenloft:overestimation=4"]
     done = []
-    for class_name, trials in [
-        ("2D simple", [(100, 100), (200, 200), (400, 400)]),
-        ("2D hard", [(100, None), (400, 400), (100, 100)]),
-    ]:
-        for name, of_method in zip(names, trials):
-            done += made_up(name, list(of_method), class_name)
+    for name, simple, hard in zip(names, [100, 200, 400], [None, 400, 100]):
+        done += made_up(name, [simple] * 2) + made_up(name, [100, hard or 100][::-1], "2D hard")
     summaries = report.summarise(done)
     ranking = report.rank_settings(summaries)
-    assert [method for method, _, _ in ranking] == [names[2], names[1], names[0]]
+    assert [method for method, _, _ in ranking] == names[::-1]
     assert ranking[0][1:] == (4, pytest.approx(2.0))
     best = report.best_of(s for s in summaries if s.class_name == "2D simple")
-    assert best is not None and best.method == names[0]
+    assert best.method == names[0]
 
 
 def test_the_command_writes_table_files_and_document(tmp_path, capsys):
