@@ -15,7 +15,7 @@
 
 namespace QuenloftSolver {
 
-// Candidates handled together: one vector of floats, two of doubles, at the widest.
+// Candidates that stand together: the floats of the widest vector.
 inline constexpr std::size_t kBlock = 16;
 
 constexpr std::size_t BlocksFor(std::size_t count) { return (count + kBlock - 1) / kBlock; }

@@ -5,9 +5,11 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "solver/constants.h"
 
@@ -23,13 +25,13 @@ struct Candidate {
 // How far an update reaches: over every trial, or over those just rebuilt.
 enum class UpdateMode { kFull, kIncremental };
 
-// Invariants:
+// Invariants, but for the least promising ends that an update under way leaves:
 //   (1) Size() <= kListCapacity, and keys ascend, so the best candidate is last.
 //   (2) Among equal keys the one offered later stands nearer the end.
 //   (3) No candidate stands twice.
 // Cost: Offer O(log size) to find and one move of the better entries; TakeBest
-// O(1); Remove one pass. Storage is allocated by the first offer that is kept, and
-// never again.
+// O(1); MarkStale and Commit one pass each. Storage is allocated by the first offer
+// that is kept, and never again.
 // Threads: none.
 class CandidateList {
  public:
@@ -39,9 +41,9 @@ class CandidateList {
   bool IsUsed() const { return is_used_; }
   // 0 is the least promising candidate.
   Candidate operator[](std::size_t i) const {
-    return {storage_->keys[i], storage_->segments[i].position, storage_->segments[i].test};
+    return {active_->keys[i], active_->segments[i].position, active_->segments[i].test};
   }
-  double BestKey() const { return storage_->keys[size_ - 1]; }
+  double BestKey() const { return active_->keys[size_ - 1]; }
 
   // Lists a candidate unless it is listed already, or every listed key is better
   // and the list is full or the update incremental: an incremental update adds
@@ -52,28 +54,56 @@ class CandidateList {
   // The list must not be empty.
   Candidate TakeBest();
 
-  void Clear() { size_ = 0; }
+  void Clear();
 
-  // Removes the candidates for which `is_stale(position)` holds, and those whose
-  // key says that it must be computed anew; the others keep their order.
+  // An incremental update in one go. The plain way removes what is stale, which moves
+  // the list once, and inserts offers one by one, each of which moves what is better:
+  // at N = 2 half of all instructions of a step. Instead MarkStale notes what is to go,
+  // Stage what is to come, and Commit writes the list anew from its best end: what is
+  // written is what is left after one offer after the other, because a full list loses
+  // its least entry whatever the order, and offers of equal keys keep theirs.
+  //
+  // Marks the candidates for which `is_stale(position)` holds, and those whose key says
+  // that it must be computed anew. `filter` has kFilterSize bytes; a 0 for a position
+  // modulo kFilterSize says that it is not stale. Returns how many candidates stay.
   template <typename Predicate>
-  void Remove(Predicate is_stale) {
-    if (size_ == 0) return;
-    Storage& entries = *storage_;
-    std::size_t i = 0;
-    while (i < size_ && !(is_stale(entries.segments[i].position) || entries.keys[i] == kUnset)) ++i;
-    std::size_t kept = i;
-    for (; i < size_; ++i) {
-      if (is_stale(entries.segments[i].position) || entries.keys[i] == kUnset) continue;
-      entries.keys[kept] = entries.keys[i];
-      entries.segments[kept] = entries.segments[i];
-      ++kept;
+  std::size_t MarkStale(const std::uint8_t* filter, Predicate is_stale) {
+    if (size_ == 0) return 0;
+    const Storage& entries = *active_;
+    std::uint16_t* stale = stale_.get();
+    std::size_t found = 0;
+    const auto suspicion = [&](std::size_t i) {
+      return filter[entries.segments[i].position % kFilterSize];
+    };
+    // Eight at a time: few are stale.
+    for (std::size_t i = 0; i < size_; i += 8) {
+      const std::size_t end = std::min(size_, i + 8);
+      if (end == i + 8 &&
+          (suspicion(i) | suspicion(i + 1) | suspicion(i + 2) | suspicion(i + 3) |
+           suspicion(i + 4) | suspicion(i + 5) | suspicion(i + 6) | suspicion(i + 7)) == 0) {
+        continue;
+      }
+      for (std::size_t j = i; j < end; ++j) {
+        stale[found] = static_cast<std::uint16_t>(j);
+        found += suspicion(j);
+      }
     }
-    size_ = kept;
+    stale_count_ = 0;
+    for (std::size_t f = 0; f < found; ++f) {
+      if (is_stale(entries.segments[stale[f]].position)) stale[stale_count_++] = stale[f];
+    }
+    if (has_unordered_keys_) MarkUnsetKeys();
+    return size_ - stale_count_;
   }
+  static constexpr std::uint32_t kFilterSize = 256;
 
-  // Whether some listed key may be kUnset, so that every update must call Remove.
-  bool MayHoldUnsetKeys() const { return may_hold_unset_keys_; }
+  // Offers a candidate of an incremental update that is not listed, to take effect by
+  // Commit.
+  void Stage(const Candidate& candidate);
+  void Commit();
+
+  // Whether some listed key may be kUnset or NaN, so that every update must mark them.
+  bool HasUnorderedKeys() const { return has_unordered_keys_; }
 
  private:
   struct Segment {
@@ -85,13 +115,28 @@ class CandidateList {
     double keys[kListCapacity];
     Segment segments[kListCapacity];
   };
+  struct Staged {
+    double key;
+    std::size_t number;  // in the order of offers
+    Segment segment;
+  };
 
+  void Allocate();
+  void MarkUnsetKeys();
+  void RemoveStale();
+  void Merge();
   void MoveEntries(std::size_t from, std::size_t to, std::size_t count);
 
   std::size_t size_ = 0;
   bool is_used_ = false;
-  bool may_hold_unset_keys_ = false;
-  std::unique_ptr<Storage> storage_;
+  bool has_unordered_keys_ = false;
+  std::unique_ptr<Storage> active_;
+  std::unique_ptr<Storage> spare_;  // trades places with active_ at a Commit
+
+  // The update under way.
+  std::unique_ptr<std::uint16_t[]> stale_;  // places, ascending
+  std::size_t stale_count_ = 0;
+  std::vector<Staged> staged_;
 };
 
 }  // namespace QuenloftSolver

@@ -124,6 +124,7 @@ class Solver final : public SolverBase {
   void ListRebuilt();
   void GatherCandidates(const std::vector<std::uint32_t>& positions);
   void RebuildTables();
+  int TeamFor(std::size_t tables, std::size_t candidates) const;
   void ResolveLocalMarks();
   bool TakesMark(const Rebuilt& rebuilt, const Test<N>& other) const;
 
@@ -137,9 +138,11 @@ class Solver final : public SolverBase {
 
   // candidate_update_impl.h
   void UpdateCandidates(UpdateMode mode);
-  UpdateMode DropStaleCandidates(UpdateMode mode);
+  UpdateMode MarkStaleCandidates(UpdateMode mode);
+  void CommitLists();
   void UpdateEveryTrial();
-  void OfferSegments(std::uint32_t position, UpdateMode mode);
+  template <typename OfferTo>  // void(CandidateList&, const Candidate&)
+  void OfferSegments(std::uint32_t position, OfferTo offer);
 
   // Fixed after construction.
   SearchParameters parameters_;
@@ -198,6 +201,7 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> local_candidates_;  // gathered trials marked local
   std::vector<std::uint8_t> rebuilt_filter_;     // by position modulo its size
   std::vector<std::int32_t> evaluation_categories_;
+  double evaluation_nanoseconds_ = 0.0;            // that the last evaluation took
   std::vector<NeighbourSelection<N>> selections_;  // one per thread
   std::unique_ptr<LocalFit<N>> local_fit_;
   WorkCounters work_;

@@ -15,12 +15,25 @@ namespace QuenloftSolver {
 
 template <int N>
 void Solver<N>::UpdateCandidates(UpdateMode mode) {
-  mode = DropStaleCandidates(mode);
+  mode = MarkStaleCandidates(mode);
   if (mode == UpdateMode::kFull) {
     ++work_.full_updates;
+    CommitLists();
     UpdateEveryTrial();
+  } else if (to_rescore_.size() == rebuilt_.size()) {
+    for (const std::uint32_t position : to_rescore_) {
+      OfferSegments(position,
+                    [](CandidateList& list, const Candidate& candidate) { list.Stage(candidate); });
+    }
+    CommitLists();
   } else {
-    for (const std::uint32_t position : to_rescore_) OfferSegments(position, mode);
+    // Some of what is offered may be listed already.
+    CommitLists();
+    for (const std::uint32_t position : to_rescore_) {
+      OfferSegments(position, [](CandidateList& list, const Candidate& candidate) {
+        list.Offer(candidate, UpdateMode::kIncremental);
+      });
+    }
   }
   if (slopes_changed_) std::fill(class_changed_.begin(), class_changed_.end(), std::uint8_t{0});
   slopes_changed_ = false;
@@ -34,16 +47,16 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
 // characteristic still stands. But a characteristic is unset by a rebuild alone, and
 // the next update sets it again, so an entry is stale exactly when its trial was
 // rebuilt since (or its key happens to be the mark for unset): the trial's number
-// answers, through a filter that stays in the first cache. And rebuilt trials are of
+// answers, through a small filter. And rebuilt trials are of
 // one combination, so the lists of others hold nothing stale.
 template <int N>
-UpdateMode Solver<N>::DropStaleCandidates(UpdateMode mode) {
-  constexpr std::uint32_t kFilterSize = 4096;
+UpdateMode Solver<N>::MarkStaleCandidates(UpdateMode mode) {
+  constexpr std::uint32_t kFilterSize = CandidateList::kFilterSize;
   if (rebuilt_filter_.empty()) rebuilt_filter_.resize(kFilterSize);
   std::uint8_t* filter = rebuilt_filter_.data();
   for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 1;
-  const auto is_stale = [this, filter](std::uint32_t position) {
-    return filter[position % kFilterSize] && marks_[position] == MarkNow(kRebuilt);
+  const auto is_stale = [this](std::uint32_t position) {
+    return marks_[position] == MarkNow(kRebuilt);
   };
   const bool knows_rebuilt = mode == UpdateMode::kIncremental && !rebuilt_.empty();
   const std::uint32_t combination =
@@ -53,15 +66,24 @@ UpdateMode Solver<N>::DropStaleCandidates(UpdateMode mode) {
     if (class_changed_[c]) global_lists_[c].Clear();
     const bool may_be_stale = knows_rebuilt && c % combination_count_ == combination;
     for (CandidateList* list : {&local_lists_[c], &global_lists_[c]}) {
-      if (may_be_stale || list->MayHoldUnsetKeys()) {
-        work_.entries_visited += list->Size();
-        list->Remove(is_stale);
+      std::size_t staying = list->Size();
+      if (may_be_stale || list->HasUnorderedKeys()) {
+        work_.entries_visited += staying;
+        staying = list->MarkStale(filter, is_stale);
       }
-      if (list->IsUsed() && list->IsEmpty()) mode = UpdateMode::kFull;
+      if (list->IsUsed() && staying == 0) mode = UpdateMode::kFull;
     }
   }
   for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 0;
   return mode;
+}
+
+template <int N>
+void Solver<N>::CommitLists() {
+  for (std::uint32_t c = 0; c < class_count_; ++c) {
+    local_lists_[c].Commit();
+    global_lists_[c].Commit();
+  }
 }
 
 // Which trials one list needs to see in an update of every trial, in store order.
@@ -108,9 +130,12 @@ class ListDemand {
 // every global key must be computed anew, and all are visited.
 template <int N>
 void Solver<N>::UpdateEveryTrial() {
+  const auto offer = [](CandidateList& list, const Candidate& candidate) {
+    list.Offer(candidate, UpdateMode::kFull);
+  };
   const std::uint32_t count = TestCount();
   if (class_count_ != 1 || class_changed_[0] || global_bounds_.Size() == 0) {
-    for (std::uint32_t p = 0; p < count; ++p) OfferSegments(p, UpdateMode::kFull);
+    for (std::uint32_t p = 0; p < count; ++p) OfferSegments(p, offer);
     return;
   }
   for (KeyBounds* bounds : {&local_bounds_, &global_bounds_}) {
@@ -126,7 +151,7 @@ void Solver<N>::UpdateEveryTrial() {
         std::min(count, first + static_cast<std::uint32_t>(KeyBounds::kBlockSize));
     for (std::uint32_t p = first; p < end; ++p) {
       const bool is_needed = local.NeedsTrial(p);
-      if (global.NeedsTrial(p) || is_needed) OfferSegments(p, UpdateMode::kFull);
+      if (global.NeedsTrial(p) || is_needed) OfferSegments(p, offer);
     }
   }
 }
@@ -138,7 +163,8 @@ void Solver<N>::UpdateEveryTrial() {
 // which the characteristic negates. The slope is that of the end with the higher
 // index: of its class for the global one, its own for the local one.
 template <int N>
-void Solver<N>::OfferSegments(std::uint32_t position, UpdateMode mode) {
+template <typename OfferTo>
+void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
   Test<N>& trial = tests_[position];
   double best_local = -std::numeric_limits<double>::infinity();
   double best_global = best_local;
@@ -162,8 +188,8 @@ void Solver<N>::OfferSegments(std::uint32_t position, UpdateMode mode) {
       segment.global_characteristic =
           characteristic(UsableSlope(slopes_[c]) * parameters_.overestimation);
     }
-    local_lists_[c].Offer({segment.local_characteristic, position, segment.test}, mode);
-    global_lists_[c].Offer({segment.global_characteristic, position, segment.test}, mode);
+    offer(local_lists_[c], {segment.local_characteristic, position, segment.test});
+    offer(global_lists_[c], {segment.global_characteristic, position, segment.test});
     work_.offers += 2;
     if (!(segment.local_characteristic <= best_local)) best_local = segment.local_characteristic;
     if (!(segment.global_characteristic <= best_global)) {

@@ -115,8 +115,7 @@ template <int N>
 void Solver<N>::RebuildTables() {
   const auto count = static_cast<std::ptrdiff_t>(rebuilt_.size());
   work_.refreshed += rebuilt_.size();
-  const double work = static_cast<double>(count) * static_cast<double>(columns_.Size()) * N;
-  const int team = count > 1 && work > kLeastWorkForTeam ? TeamSize() : 1;
+  const int team = count > 1 ? TeamFor(rebuilt_.size(), columns_.Size()) : 1;
   if (selections_.size() < static_cast<std::size_t>(team)) {
     selections_.resize(static_cast<std::size_t>(team));
   }
@@ -133,6 +132,12 @@ void Solver<N>::RebuildTables() {
     }
   }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(tests_[rebuilt.position]);
+}
+
+// The function's share of a step decides whether a team is worth waking.
+template <int N>
+int Solver<N>::TeamFor(std::size_t tables, std::size_t candidates) const {
+  return TeamSize(EstimatedNanoseconds(tables, candidates, N), evaluation_nanoseconds_);
 }
 
 // A rebuilt trial that is lowest within its radius is a local minimum, until a

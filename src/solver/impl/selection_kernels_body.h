@@ -1,57 +1,74 @@
 // SPDX-License-Identifier: MIT
 //
 // The vector loops of neighbour selection. No include guard: selection_kernels_impl.h
-// includes it once for each kind of processor, in a namespace of its own, with
+// includes it once for each kind of processor, in a namespace of its own that names
+// the number of lanes, kLanes, and the way to turn a mask into bits, with
 // QUENLOFT_TARGET naming the instructions to use. (Inlining one body into a function
 // for each target would not do: the compiler splits wide vectors before it inlines.)
+
+using Floats = float __attribute__((vector_size(4 * kLanes)));
+using Masks = std::int32_t __attribute__((vector_size(4 * kLanes)));
+using Doubles = double __attribute__((vector_size(4 * kLanes)));
+using WideMasks = std::int64_t __attribute__((vector_size(4 * kLanes)));
+inline constexpr std::size_t kDoubleLanes = kLanes / 2;
+
+// Vectors of kLanes of which a block of candidates has kBlock / kLanes: where the rows
+// of vector `v` stand, in a block of `row_count` rows of kBlock.
+QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t VectorOffset(std::size_t v,
+                                                                       std::size_t row_count,
+                                                                       std::size_t lanes) {
+  return v * lanes / kBlock * row_count * kBlock + v * lanes % kBlock;
+}
 
 // Appends to `out` the numbers first + j of the lanes j that are set; returns how many.
 QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t AppendLanes(const Masks& is_set,
                                                                       std::uint32_t first,
                                                                       std::uint32_t* out) {
   std::size_t count = 0;
-  for (std::uint32_t lanes = LaneBits(is_set); lanes != 0; lanes &= lanes - 1) {
+  for (std::uint32_t lanes = LaneBits(&is_set); lanes != 0; lanes &= lanes - 1) {
     out[count++] = first + static_cast<std::uint32_t>(__builtin_ctz(lanes));
   }
   return count;
 }
 
+QUENLOFT_TARGET [[gnu::always_inline]] inline float LargestLane(const Floats& lanes) {
+  float values[kLanes];
+  std::memcpy(values, &lanes, sizeof(values));
+  for (std::size_t half = kLanes / 2; half > 0; half /= 2) {
+    for (std::size_t j = 0; j < half; ++j) {
+      values[j] = values[j] > values[j + half] ? values[j] : values[j + half];
+    }
+  }
+  return values[0];
+}
+
 template <int N>
 QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
   std::size_t count = 0;
-  for (std::size_t b = 0; b < task.block_count; ++b) {
-    const auto* block = reinterpret_cast<const Floats*>(task.blocks + b * (N + 1) * kBlock);
-    Floats product = block[0] * task.origin[0];
-    for (int k = 1; k < N; ++k) product += block[k] * task.origin[k];
+  const std::size_t vectors = task.block_count * (kBlock / kLanes);
+  for (std::size_t v = 0; v < vectors; ++v) {
+    const float* rows = task.blocks + VectorOffset(v, N + 1, kLanes);
+    Floats product = *reinterpret_cast<const Floats*>(rows) * task.origin[0];
+    for (std::size_t k = 1; k < N; ++k) {
+      product += *reinterpret_cast<const Floats*>(rows + k * kBlock) * task.origin[k];
+    }
+    const Floats half_square = *reinterpret_cast<const Floats*>(rows + N * kBlock);
     // False for the NaN that fills the last block up.
-    count += AppendLanes(product - block[N] >= Floats{} + task.least_product,
-                         static_cast<std::uint32_t>(b * kBlock), task.near + count);
+    count += AppendLanes(product - half_square >= Floats{} + task.least_product,
+                         static_cast<std::uint32_t>(v * kLanes), task.near + count);
   }
   return count;
-}
-
-QUENLOFT_TARGET [[gnu::always_inline]] inline float LargestLane(const Floats& lanes) {
-  using Eight = float __attribute__((vector_size(32)));
-  using Four = float __attribute__((vector_size(16)));
-  Eight eight[2];
-  std::memcpy(eight, &lanes, sizeof(eight));
-  eight[0] = eight[0] > eight[1] ? eight[0] : eight[1];
-  Four four[2];
-  std::memcpy(four, &eight[0], sizeof(four));
-  four[0] = four[0] > four[1] ? four[0] : four[1];
-  const float a = four[0][0] > four[0][1] ? four[0][0] : four[0][1];
-  const float b = four[0][2] > four[0][3] ? four[0][2] : four[0][3];
-  return a > b ? a : b;
 }
 
 // Returns the least distance, kUnset if none is kept.
 template <int N>
 QUENLOFT_TARGET double FindDirections(const DirectionTask<N>& task) {
   Doubles least = Doubles{} + kUnset;
-  for (std::size_t half = 0; half < 2 * task.block_count; ++half) {
-    const std::size_t in_block = half % 2 * kDoubleLanes;
-    const double* difference = task.difference + half / 2 * N * kBlock + in_block;
-    float* unit = task.unit + half / 2 * N * kBlock + in_block;
+  const std::size_t vectors = task.block_count * (kBlock / kDoubleLanes);
+  for (std::size_t v = 0; v < vectors; ++v) {
+    const std::size_t offset = VectorOffset(v, N, kDoubleLanes);
+    const double* difference = task.difference + offset;
+    float* unit = task.unit + offset;
     Doubles square{};
     for (std::size_t k = 0; k < N; ++k) {
       const auto d = *reinterpret_cast<const Doubles*>(difference + k * kBlock);
@@ -61,7 +78,7 @@ QUENLOFT_TARGET double FindDirections(const DirectionTask<N>& task) {
     for (std::size_t j = 0; j < kDoubleLanes; ++j) root[j] = std::sqrt(square[j]);
     const WideMasks is_kept = (root != 0.0) & (root <= Doubles{} + task.radius);
     const Doubles distance = is_kept ? root : Doubles{} + kUnset;
-    *reinterpret_cast<Doubles*>(task.distance + half * kDoubleLanes) = distance;
+    *reinterpret_cast<Doubles*>(task.distance + v * kDoubleLanes) = distance;
     least = distance < least ? distance : least;
     const Doubles inverse = 1.0 / distance;
     for (std::size_t k = 0; k < N; ++k) {
@@ -84,51 +101,56 @@ QUENLOFT_TARGET UpdateResult Update(const UpdateTask<N>& task) {
   Floats threshold = Floats{} - 1e30f;
   Floats first = threshold;
   Floats second = threshold;
-  Masks first_block{};
-  const std::size_t block_count = task.block_count + BlocksFor(2 * N);
-  for (std::size_t b = 0; b < block_count; ++b) {
+  Masks first_vector{};
+  const std::size_t trial_vectors = task.block_count * (kBlock / kLanes);
+  const std::size_t vectors = trial_vectors + BlocksFor(2 * N) * (kBlock / kLanes);
+  for (std::size_t v = 0; v < vectors; ++v) {
     Floats cosine{};
-    if (b < task.block_count) {
-      const auto* unit = reinterpret_cast<const Floats*>(task.unit + b * N * kBlock);
-      for (int k = 0; k < N; ++k) cosine += unit[k] * task.chosen[k];
+    if (v < trial_vectors) {
+      const float* unit = task.unit + VectorOffset(v, N, kLanes);
+      for (std::size_t k = 0; k < N; ++k) {
+        cosine += *reinterpret_cast<const Floats*>(unit + k * kBlock) * task.chosen[k];
+      }
     } else {
-      cosine = *reinterpret_cast<const Floats*>(task.face_cosine + (b - task.block_count) * kBlock);
+      cosine = *reinterpret_cast<const Floats*>(task.face_cosine + (v - trial_vectors) * kLanes);
     }
-    auto& max_cosine = *reinterpret_cast<Floats*>(task.max_cosine + b * kBlock);
-    const Floats weight = *reinterpret_cast<const Floats*>(task.weight + b * kBlock);
+    auto& max_cosine = *reinterpret_cast<Floats*>(task.max_cosine + v * kLanes);
+    const Floats weight = *reinterpret_cast<const Floats*>(task.weight + v * kLanes);
     const Floats largest = cosine > max_cosine ? cosine : max_cosine;
     max_cosine = largest;
     least = largest < least ? largest : least;
     const Floats room = 1.0f - largest;
     const Floats lower = (room - tolerance) * weight;
     const Floats upper = (room + tolerance) * weight + kUnderflow;
-    *reinterpret_cast<Floats*>(task.upper + b * kBlock) = upper;
+    *reinterpret_cast<Floats*>(task.upper + v * kLanes) = upper;
     threshold = lower > threshold ? lower : threshold;
     const Masks is_first = upper > first;
     const Floats loser = is_first ? first : upper;
     second = loser > second ? loser : second;
     first = is_first ? upper : first;
-    first_block = is_first ? Masks{} + static_cast<std::int32_t>(b) : first_block;
+    first_vector = is_first ? Masks{} + static_cast<std::int32_t>(v) : first_vector;
   }
 
   UpdateResult result;
   result.least_cosine = -LargestLane(-least);
   result.threshold = LargestLane(threshold);
-  const std::uint32_t reaching = LaneBits(first >= Floats{} + result.threshold);
-  const std::uint32_t reaching_second = LaneBits(second >= Floats{} + result.threshold);
-  const int lane = __builtin_ctz(reaching | 1u << kBlock) % static_cast<int>(kBlock);
-  result.is_single = (reaching & (reaching - 1)) == 0 && reaching_second == 0;
+  const Masks reaches = first >= Floats{} + result.threshold;
+  const Masks second_reaches = second >= Floats{} + result.threshold;
+  const std::uint32_t reaching = LaneBits(&reaches);
+  const int lane = __builtin_ctz(reaching | 1u << kLanes) % static_cast<int>(kLanes);
+  result.is_single = (reaching & (reaching - 1)) == 0 && LaneBits(&second_reaches) == 0;
   result.contender =
-      static_cast<std::size_t>(first_block[lane]) * kBlock + static_cast<std::size_t>(lane);
+      static_cast<std::size_t>(first_vector[lane]) * kLanes + static_cast<std::size_t>(lane);
   return result;
 }
 
 template <int N>
 QUENLOFT_TARGET std::size_t FindContenders(const ContenderTask<N>& task) {
   std::size_t count = 0;
-  for (std::size_t b = 0; b < task.block_count; ++b) {
-    const Floats upper = *reinterpret_cast<const Floats*>(task.upper + b * kBlock);
-    count += AppendLanes(upper >= Floats{} + task.threshold, static_cast<std::uint32_t>(b * kBlock),
+  const std::size_t vectors = task.block_count * (kBlock / kLanes);
+  for (std::size_t v = 0; v < vectors; ++v) {
+    const Floats upper = *reinterpret_cast<const Floats*>(task.upper + v * kLanes);
+    count += AppendLanes(upper >= Floats{} + task.threshold, static_cast<std::uint32_t>(v * kLanes),
                          task.contenders + count);
   }
   return count;

@@ -21,13 +21,6 @@
 
 namespace QuenloftSolver {
 
-// Sixteen lanes; on narrower machines the compiler takes several registers for one.
-using Floats = float __attribute__((vector_size(64)));
-using Masks = std::int32_t __attribute__((vector_size(64)));
-using Doubles = double __attribute__((vector_size(64)));
-using WideMasks = std::int64_t __attribute__((vector_size(64)));
-inline constexpr std::size_t kDoubleLanes = 8;
-
 // In place of the largest cosine of a record that is out: above any tolerance.
 inline constexpr float kGone = 4.0f;
 
@@ -104,13 +97,21 @@ struct SelectionKernels {
   static const SelectionKernels* Fastest();
 };
 
-// Once for each kind of processor, with its way to turn a mask into bits.
+// Once for each kind of processor, with its number of lanes and its way to turn a mask
+// into bits.
 #define QUENLOFT_TARGET
 namespace baseline {
-inline std::uint32_t LaneBits(const Masks& mask) {
+inline constexpr std::size_t kLanes = 4;
+inline std::uint32_t LaneBits(const void* mask) {
+#if defined(__x86_64__)
+  return static_cast<std::uint32_t>(_mm_movemask_ps(*static_cast<const __m128*>(mask)));
+#else
+  std::int32_t lanes[kLanes];
+  std::memcpy(lanes, mask, sizeof(lanes));
   std::uint32_t bits = 0;
-  for (std::uint32_t j = 0; j < kBlock; ++j) bits |= static_cast<std::uint32_t>(mask[j] & 1) << j;
+  for (std::size_t j = 0; j < kLanes; ++j) bits |= static_cast<std::uint32_t>(lanes[j] & 1) << j;
   return bits;
+#endif
 }
 #include "solver/impl/selection_kernels_body.h"
 }  // namespace baseline
@@ -119,11 +120,9 @@ inline std::uint32_t LaneBits(const Masks& mask) {
 #if defined(__x86_64__)
 #define QUENLOFT_TARGET [[gnu::target("avx2")]]
 namespace avx2 {
-QUENLOFT_TARGET inline std::uint32_t LaneBits(const Masks& mask) {
-  __m256 halves[2];
-  std::memcpy(halves, &mask, sizeof(halves));
-  return static_cast<std::uint32_t>(_mm256_movemask_ps(halves[0]) | _mm256_movemask_ps(halves[1])
-                                                                        << 8);
+inline constexpr std::size_t kLanes = 8;
+QUENLOFT_TARGET inline std::uint32_t LaneBits(const void* mask) {
+  return static_cast<std::uint32_t>(_mm256_movemask_ps(*static_cast<const __m256*>(mask)));
 }
 #include "solver/impl/selection_kernels_body.h"
 }  // namespace avx2
@@ -131,10 +130,9 @@ QUENLOFT_TARGET inline std::uint32_t LaneBits(const Masks& mask) {
 
 #define QUENLOFT_TARGET [[gnu::target("avx512f,avx512bw,avx512dq,avx512vl")]]
 namespace avx512 {
-QUENLOFT_TARGET inline std::uint32_t LaneBits(const Masks& mask) {
-  __m512i lanes;
-  std::memcpy(&lanes, &mask, sizeof(lanes));
-  return _mm512_movepi32_mask(lanes);
+inline constexpr std::size_t kLanes = 16;
+QUENLOFT_TARGET inline std::uint32_t LaneBits(const void* mask) {
+  return _mm512_movepi32_mask(*static_cast<const __m512i*>(mask));
 }
 #include "solver/impl/selection_kernels_body.h"
 }  // namespace avx512

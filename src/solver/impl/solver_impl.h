@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <cmath>
 
 #include "solver/evaluation.h"
@@ -52,10 +53,17 @@ template <int N>
 TestValue Solver<N>::EvaluateAt(const Coordinates& unit, std::uint32_t combination) {
   Coordinates bounded;
   ToBounds(unit.data(), bounded.data());
-  if (categorical_sizes_.empty()) return Evaluate(*functions_, bounded.data(), nullptr);
-  evaluation_categories_.resize(categorical_sizes_.size());
-  DecodeCategories(categorical_sizes_, combination, evaluation_categories_.data());
-  return Evaluate(*functions_, bounded.data(), evaluation_categories_.data());
+  const std::int32_t* categories = nullptr;
+  if (!categorical_sizes_.empty()) {
+    evaluation_categories_.resize(categorical_sizes_.size());
+    DecodeCategories(categorical_sizes_, combination, evaluation_categories_.data());
+    categories = evaluation_categories_.data();
+  }
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point start = Clock::now();
+  const TestValue value = Evaluate(*functions_, bounded.data(), categories);
+  evaluation_nanoseconds_ = std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+  return value;
 }
 
 template <int N>
