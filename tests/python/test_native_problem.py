@@ -3,6 +3,7 @@
 
 import sys
 import types
+import weakref
 
 import pytest
 from native import Lying, error_of, fails
@@ -38,7 +39,6 @@ def problem(**changed):
         ({"bounds": [], "constraints": [sum, 3]}, CONSTRAINTS),
         ({"bounds": [], "constraints": Lying(lambda: 1, fails)}, CONSTRAINTS),
         ({"bounds": [], "categorical": [], "constraints": [], "target": 3}, TARGET),
-        ({"bounds": []}, TARGET),
     ],
 )
 def test_first_fault_is_named(arguments, message):
@@ -60,8 +60,7 @@ def test_fields_before_the_fault_are_stored():
 def test_empty_fields_are_an_error_return_without_an_exception():
     subject = Problem.__new__(Problem)
     for read in (lambda: subject.bounds, lambda: subject.target, lambda: problem().constraints):
-        with pytest.raises(SystemError):
-            read()
+        assert error_of(read).startswith("SystemError")
     assert not hasattr(subject, "categorical")
 
 
@@ -86,22 +85,19 @@ def test_constraints_cannot_be_assigned():
         subject.constraints = []
     assert subject.constraints is constraints
     assert sys.getrefcount(constraints) == count + 1
-    without = problem()
-    without.constraints = [sum]
-    with pytest.raises(SystemError):
-        without.constraints
+    empty = problem()
+    empty.constraints = [sum]
+    assert error_of(lambda: empty.constraints).startswith("SystemError")
 
 
 def test_every_fetched_item_keeps_a_reference():
     items = lower, size, constraint = 0.25, 300, lambda x, c: -1.0
-
-    def counts():
-        return [sys.getrefcount(item) for item in items]
+    before = [0, 0, 0]
 
     def kept():
-        return [now - then for now, then in zip(counts(), before)]
+        return [sys.getrefcount(item) - count for item, count in zip(items, before)]
 
-    before = counts()
+    before = kept()
     subject = problem(
         bounds=Lying(lambda: 2, lambda i: lower if i == 0 else 1.0),
         categorical=Lying(lambda: 1, lambda i: size),
@@ -118,17 +114,9 @@ def test_every_fetched_item_keeps_a_reference():
 
 # Each problem holds the next through a bound method: no container on the way limits the depth.
 def test_chain_of_problems_is_released_without_recursion():
-    released = []
-
-    class Last:
-        def __call__(self, x):
-            return 0.0
-
-        def __del__(self):
-            released.append(True)
-
-    subject = problem(target=Last())
+    subject = problem(target=lambda x: 0.0)
+    last = weakref.ref(subject.target)
     for _ in range(300_000):
         subject = problem(target=types.MethodType(sum, subject))
     del subject
-    assert released
+    assert last() is None
