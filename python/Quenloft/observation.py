@@ -54,7 +54,9 @@ def observer(
         chosen = tuple([c[i] for c, i in zip(choices, category)]) if choices else ()
         values: list[float] = []
         for number, constraint in enumerate(constraints):
-            value = as_number(constraint.name, constraint.evaluate(x, chosen), x, chosen)
+            value = constraint.evaluate(x, chosen)
+            if type(value) is not float:
+                value = as_number(constraint.name, value, x, chosen)
             values.append(value)
             # Minus infinity holds: the logarithm of a slack of zero, for one.
             if not value <= 0.0:

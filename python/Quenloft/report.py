@@ -161,12 +161,13 @@ class Report:
             radius = math.inf  # its neighbours were never looked for
         found = [replace(self._minimum(run.best), radius=radius)]
         decode = run.variables.decoder()
+        decode_category = run.variables.category_decoder()
         for test in native.locals if native is not None else ():
             x = decode(test.coordinate)
             chosen: tuple[Any, ...] = ()
             if history.choices:
                 selected = test.categorical if run.variables.free else ()
-                chosen = history.chosen(run.variables.category(selected))
+                chosen = history.chosen(decode_category(selected))
             if test.index == history.goal and test.value != best.value:
                 found.append(LocalMinimum(self._form(x), test.value, chosen, test.radius))
         return found[:_MOST_LOCALS]

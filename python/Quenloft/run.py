@@ -123,7 +123,7 @@ def trial_function(run: Run) -> Callable[..., float]:
     history = run.history
     goal = history.goal
     decode = run.variables.decoder()
-    category_of = run.variables.category
+    category_of = run.variables.category_decoder()
     add_point = history._x.extend
     add_category = history._category.extend
     add_index = history._index.append

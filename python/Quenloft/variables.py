@@ -48,39 +48,40 @@ class Variables:
         It never leaves the bounds. Where no variable needs converting it only copies, which is
         what the time per evaluation allows.
         """
-        rules = [(log, a, b) for log, a, b in zip(self.logarithmic, self.lower, self.upper)]
         # exp(log(b)) may miss b by a rounding error, and so may (b - a) + a.
-        if any(self.logarithmic) or any((b - a) + a > b for _, a, b in rules):
-            exp = math.exp
+        rules = [
+            (i, log, a, b)
+            for i, (log, a, b) in enumerate(zip(self.logarithmic, self.lower, self.upper))
+            if log or (b - a) + a > b
+        ]
+        exp = math.exp
 
-            def convert(coordinates: Sequence[float]) -> tuple[float, ...]:
-                values = []
-                for u, (log, a, b) in zip(coordinates, rules):
-                    value = exp(u) if log else u
-                    values.append(value if a <= value <= b else a if value < a else b)
-                return tuple(values)
+        def convert(coordinates: Sequence[float]) -> tuple[float, ...]:
+            values = [*coordinates]
+            for i, log, a, b in rules:
+                value = exp(values[i]) if log else values[i]
+                values[i] = value if a <= value <= b else a if value < a else b
+            return tuple(values)
 
-            return convert
-
-        def copy(coordinates: Sequence[float]) -> tuple[float, ...]:
-            # tuple(coordinates) would be the same object, which the engine refills.
-            return (*coordinates,)
-
-        return copy
+        return convert if rules else _copy
 
     def encode(self, x: Sequence[float]) -> tuple[float, ...]:
         """The engine's coordinates of a point."""
         return tuple(math.log(v) if log else v for v, log in zip(x, self.logarithmic))
 
-    def category(self, selected: Sequence[int]) -> tuple[int, ...]:
-        """Positions in all `choices` from the engine's values, which cover the free ones."""
+    def category_decoder(self) -> Callable[[Sequence[int]], tuple[int, ...]]:
+        """A function from the engine's values, which cover the free variables, to a new tuple of
+        positions in all `choices`."""
         free = self.free
-        if len(free) == len(self.choices):
-            return (*selected,)
-        positions = [0] * len(self.choices)
-        for variable, position in zip(free, selected):
-            positions[variable] = position
-        return tuple(positions)
+        count = len(self.choices)
+
+        def fill(selected: Sequence[int]) -> tuple[int, ...]:
+            positions = [0] * count
+            for variable, position in zip(free, selected):
+                positions[variable] = position
+            return tuple(positions)
+
+        return fill if len(free) < count else _copy
 
 
 def declare(
@@ -112,6 +113,11 @@ def declare(
         upper.append(b)
         is_log.append(log)
     return Variables(tuple(lower), tuple(upper), tuple(is_log), choices, labels)
+
+
+def _copy(values: Any) -> tuple[Any, ...]:
+    # tuple(values) would be the same object, which the engine refills.
+    return (*values,)
 
 
 def _pairs(bounds: Any) -> list[tuple[Any, ...]]:
