@@ -143,18 +143,12 @@ def parse_report(report: dict[str, Any]) -> list[Run]:
             continue
         scale = scales[entry["time_unit"]]
         name = re.sub(r"/(iterations|repeats):\d+", "", entry["run_name"])
-        counters = {
-            k: float(v) for k, v in entry.items() if isinstance(v, (int, float))
-        }
-        runs.append(
-            Run(name, entry["cpu_time"] * scale, entry["real_time"] * scale, counters)
-        )
+        counters = {k: float(v) for k, v in entry.items() if isinstance(v, (int, float))}
+        runs.append(Run(name, entry["cpu_time"] * scale, entry["real_time"] * scale, counters))
     return runs
 
 
-def call(
-    program: Path, pattern: str, *options: str
-) -> tuple[dict[str, Any], list[Run]]:
+def call(program: Path, pattern: str, *options: str) -> tuple[dict[str, Any], list[Run]]:
     """Runs the benchmarks whose names match; the report's context and the runs."""
     with tempfile.TemporaryDirectory() as folder:
         path = Path(folder) / "report.json"
@@ -164,9 +158,7 @@ def call(
             f"--benchmark_out={path}",
         ]
         command += ["--benchmark_out_format=json", *options]
-        done = subprocess.run(
-            command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
-        )
+        done = subprocess.run(command, capture_output=True, text=True, check=False)
         if done.returncode != 0:
             raise RuntimeError(f"{' '.join(command)}\n{done.stdout}{done.stderr}")
         text = path.read_text()
@@ -230,19 +222,12 @@ def differences(rounds: list[Round], sizes: list[Size]) -> list[str]:
     differing = []
     for size in sizes:
         runs = [
-            r
-            for of_round in rounds
-            for r in of_round.values()
-            if r.name.startswith(size.prefix)
+            r for of_round in rounds for r in of_round.values() if r.name.startswith(size.prefix)
         ]
         outcomes = [(r.counters["trials"], r.counters["sum_of_values"]) for r in runs]
-        differing += [
-            r.name for r, outcome in zip(runs, outcomes) if outcome != outcomes[0]
-        ]
+        differing += [r.name for r, outcome in zip(runs, outcomes) if outcome != outcomes[0]]
         if outcomes and outcomes[0][0] < size.trials:
-            differing.append(
-                f"{size.prefix}: a search of {outcomes[0][0]:,.0f} trials only"
-            )
+            differing.append(f"{size.prefix}: a search of {outcomes[0][0]:,.0f} trials only")
     return differing
 
 
@@ -251,9 +236,7 @@ def differences(rounds: list[Round], sizes: list[Size]) -> list[str]:
 Table = list[list[str]]
 
 
-def ratio_of(
-    rounds: list[Round], numerator: str, denominator: str, clock: str
-) -> Optional[float]:
+def ratio_of(rounds: list[Round], numerator: str, denominator: str, clock: str) -> Optional[float]:
     """The median over the rounds that hold both."""
     ratios = [
         getattr(of_round[numerator], clock) / getattr(of_round[denominator], clock)
@@ -276,20 +259,14 @@ def shown(ratio: Optional[float], goal: Optional[float]) -> str:
 
 def search_table(rounds: list[Round], sizes: list[Size]) -> tuple[Table, bool]:
     """The table of ratios, and whether all goals are met."""
-    table = [
-        ["N", "trials", "plain", "one thread", "ratio", "goal", "two threads", "of one"]
-    ]
+    table = [["N", "trials", "plain", "one thread", "ratio", "goal", "two threads", "of one"]]
     table[0] += ["goal", "runs"]
     all_met = True
     for size in sizes:
         plain, one, two = (size.prefix + form for form in (PLAIN, ONE, TWO))
 
         def cost(name: str, clock: str) -> str:
-            times = [
-                getattr(of_round[name], clock)
-                for of_round in rounds
-                if name in of_round
-            ]
+            times = [getattr(of_round[name], clock) for of_round in rounds if name in of_round]
             return f"{median(times) / size.trials:,.1f}" if times else ""
 
         counts = [sum(name in of_round for of_round in rounds) for name in (plain, one)]
@@ -297,9 +274,7 @@ def search_table(rounds: list[Round], sizes: list[Size]) -> tuple[Table, bool]:
             continue
         ratio = ratio_of(rounds, plain, one, "cpu")
         of_one = ratio_of(rounds, one, two, "elapsed")
-        all_met = (
-            all_met and is_met(ratio, size.goal) and is_met(of_one, size.goal_of_two)
-        )
+        all_met = all_met and is_met(ratio, size.goal) and is_met(of_one, size.goal_of_two)
         table.append(
             [
                 f"{size.dimension}",
@@ -322,9 +297,7 @@ def number_text(number: float) -> str:
 def work_table(rounds: list[Round], sizes: list[Size]) -> Table:
     table = [["N", "trials", *COUNTERS.values()]]
     for size in sizes:
-        run = next(
-            (r[size.prefix + ONE] for r in rounds if size.prefix + ONE in r), None
-        )
+        run = next((r[size.prefix + ONE] for r in rounds if size.prefix + ONE in r), None)
         if run is None:
             continue
         counts = [number_text(run.counters[name]) for name in COUNTERS]
@@ -339,13 +312,13 @@ def parts_table(parts: list[Run]) -> Table:
         key = (part, dimension[0][2:] if dimension else "")
         times.setdefault(key, {}).setdefault(form, []).append(run.cpu)
     table = [["part", "N", "plain", "engine", "ratio"]]
-    for (part, dimension), forms in times.items():
+    for (part, of_dimension), forms in times.items():
         engine = median(forms["engine"])
         plain = median(forms["plain"]) if "plain" in forms else None
         table.append(
             [
                 PARTS[part],
-                dimension,
+                of_dimension,
                 "" if plain is None else number_text(plain),
                 number_text(engine),
             ]
@@ -388,10 +361,7 @@ def large_table(large: Run, rounds: list[Round], small: Size) -> tuple[Table, bo
 def format_table(table: Table) -> str:
     """In Markdown, aligned so that it reads well on a terminal too."""
     columns = list(zip(*table))
-    is_text = [
-        all(not re.match(r"[\d.]", cell) for cell in c[1:]) and any(c[1:])
-        for c in columns
-    ]
+    is_text = [all(not re.match(r"[\d.]", cell) for cell in c[1:]) and any(c[1:]) for c in columns]
     widths = [max(4, *map(len, column)) for column in columns]
 
     def line(row: list[str]) -> str:
@@ -401,9 +371,7 @@ def format_table(table: Table) -> str:
         )
         return "| " + " | ".join(cells) + " |"
 
-    rules = [
-        "-" * w if text else "-" * (w - 1) + ":" for w, text in zip(widths, is_text)
-    ]
+    rules = ["-" * w if text else "-" * (w - 1) + ":" for w, text in zip(widths, is_text)]
     return "\n".join([line(table[0]), line(rules), *map(line, table[1:])])
 
 
@@ -415,9 +383,7 @@ def machine(context: dict[str, Any]) -> str:
         text = Path("/proc/cpuinfo").read_text()
         found = re.search(r"^model name\s*: (.+)$", text, re.MULTILINE)
         model = found[1] if found else model
-        flags = set(
-            " ".join(re.findall(r"^flags\s*: (.+)$", text, re.MULTILINE)[:1]).split()
-        )
+        flags = set(" ".join(re.findall(r"^flags\s*: (.+)$", text, re.MULTILINE)[:1]).split())
         vectors = next((v for v in ("avx512f", "avx2", "avx") if v in flags), "")
     except OSError:
         pass
@@ -456,9 +422,7 @@ def split_at_markers(path: Path) -> tuple[str, str]:
     before, found, rest = path.read_text(encoding="utf-8").partition(first)
     _, found_last, after = rest.partition(last)
     if not (found and found_last):
-        raise ValueError(
-            f"{path} must hold the lines {first.strip()} and {last.strip()}"
-        )
+        raise ValueError(f"{path} must hold the lines {first.strip()} and {last.strip()}")
     return before + first, last + after
 
 
@@ -475,15 +439,9 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
-    parser.add_argument(
-        "--large", action="store_true", help="search with a million trials as well"
-    )
-    parser.add_argument(
-        "--markdown", type=Path, metavar="FILE", help="rewrite the section there"
-    )
-    parser.add_argument(
-        "--repeats", type=int, default=5, help="rounds, at most (default: 5)"
-    )
+    parser.add_argument("--large", action="store_true", help="search with a million trials as well")
+    parser.add_argument("--markdown", type=Path, metavar="FILE", help="rewrite the section there")
+    parser.add_argument("--repeats", type=int, default=5, help="rounds, at most (default: 5)")
     parser.add_argument(
         "--minutes",
         type=float,
@@ -497,34 +455,24 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         metavar="N,N,...",
         help="measure these alone",
     )
-    parser.add_argument(
-        "--quick", action="store_true", help="short searches once, to see it work"
-    )
-    parser.add_argument(
-        "--check", action="store_true", help="fail when a goal is missed"
-    )
+    parser.add_argument("--quick", action="store_true", help="short searches once, to see it work")
+    parser.add_argument("--check", action="store_true", help="fail when a goal is missed")
     parser.add_argument(
         "--build-dir",
         type=Path,
         default=ROOT / "build" / "engine-benchmarks",
         help="where to build (default: build/engine-benchmarks)",
     )
-    parser.add_argument(
-        "--executable", type=Path, help="run this engine_benchmarks; build nothing"
-    )
+    parser.add_argument("--executable", type=Path, help="run this engine_benchmarks; build nothing")
     parsed = parser.parse_args(arguments)
     if parsed.repeats < 1:
         parser.error("--repeats must be 1 or more")
     if not set(parsed.dimensions) <= set(DIMENSIONS):
         parser.error("--dimensions may be " + ", ".join(map(str, DIMENSIONS)))
     if parsed.large and 2 not in parsed.dimensions:
-        parser.error(
-            "--large is compared with a search of dimension 2: do not leave that out"
-        )
+        parser.error("--large is compared with a search of dimension 2: do not leave that out")
     if parsed.markdown and parsed.quick:
-        parser.error(
-            "--quick measures nothing that is worth keeping: no --markdown with it"
-        )
+        parser.error("--quick measures nothing that is worth keeping: no --markdown with it")
     return parsed
 
 
@@ -536,18 +484,14 @@ def main(arguments: Optional[list[str]] = None) -> int:
 
     sizes = SIZES
     if parsed.quick:
-        sizes = [
-            size._replace(trials=count) for size, count in zip(SIZES, QUICK_TRIALS)
-        ]
+        sizes = [size._replace(trials=count) for size, count in zip(SIZES, QUICK_TRIALS)]
     sizes = [size for size in sizes if size.dimension in parsed.dimensions]
     if parsed.markdown:
         split_at_markers(parsed.markdown)  # better now than after the measurement
     program = parsed.executable or build(parsed.build_dir)
     load = os.getloadavg()[0] if hasattr(os, "getloadavg") else 0.0
     if load > 0.5 and not parsed.quick:
-        say(
-            f"The machine is busy (load {load:.1f}): do not trust the ratios of two threads."
-        )
+        say(f"The machine is busy (load {load:.1f}): do not trust the ratios of two threads.")
     measured = measure(
         program,
         sizes,

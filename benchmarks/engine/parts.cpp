@@ -78,7 +78,8 @@ struct Refresh {
 
 template <int N>
 void SelectNeighbours(benchmark::State& state, std::uint32_t trials) {
-  const Refresh<N> refresh(trials);
+  // Made once, not for each of the calls in which iterations are counted out.
+  static const Refresh<N> refresh(trials);
   const Solver<N>& solver = *refresh.solver;
   std::vector<bool> is_listed(solver.TestCount());
   for (const std::uint32_t p : refresh.listed) is_listed[p] = true;

@@ -52,9 +52,7 @@ def test_ratios_are_medians_of_the_rounds_in_which_both_ran():
     ],
 )
 def test_a_missed_goal_is_said(times, cells):
-    (_, row), all_met = engine_table.search_table(
-        [round_of(times, LONG)], [LONG, SMALL]
-    )
+    (_, row), all_met = engine_table.search_table([round_of(times, LONG)], [LONG, SMALL])
     assert [row[4], row[7]] == cells
     assert all_met == ("missed" not in "".join(cells))
 
@@ -73,9 +71,7 @@ def test_searches_that_differ_are_found():
     same = round_of(forms(3.0, 2.0, 1.0))
     assert engine_table.differences([same, same], [SMALL, LONG]) == []
     other = round_of({engine_table.TWO: 1.0}, values=7.0 + 1e-15)
-    assert engine_table.differences([same, other], [SMALL]) == [
-        SMALL.prefix + engine_table.TWO
-    ]
+    assert engine_table.differences([same, other], [SMALL]) == [SMALL.prefix + engine_table.TWO]
     # The prefix of another size must not match.
     assert not "search/N:2/trials:100000/plain".startswith(SMALL.prefix)
 
