@@ -18,6 +18,7 @@
 #include "solver/local_fit.h"
 #include "solver/neighbour_selection.h"
 #include "solver/solver_base.h"
+#include "solver/team.h"
 #include "solver/trial.h"
 
 namespace QuenloftSolver {
@@ -124,7 +125,6 @@ class Solver final : public SolverBase {
   void ListRebuilt();
   void GatherCandidates(const std::vector<std::uint32_t>& positions);
   void RebuildTables();
-  int TeamFor(std::size_t tables, std::size_t candidates) const;
   void ResolveLocalMarks();
   bool TakesMark(const Rebuilt& rebuilt, const Test<N>& other) const;
 
@@ -203,6 +203,7 @@ class Solver final : public SolverBase {
   std::vector<std::int32_t> evaluation_categories_;
   double evaluation_nanoseconds_ = 0.0;            // that the last evaluation took
   std::vector<NeighbourSelection<N>> selections_;  // one per thread
+  Team team_;
   std::unique_ptr<LocalFit<N>> local_fit_;
   WorkCounters work_;
 };

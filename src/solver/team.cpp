@@ -4,6 +4,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <atomic>
 
 #if defined(__unix__) || defined(__APPLE__)
@@ -25,12 +26,13 @@ bool WatchForks() {
 
 }  // namespace
 
-int TeamSize(double work_nanoseconds, double evaluation_nanoseconds) {
-  // Waking a thread that still spins takes some 2 microseconds.
+int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
+  // Calling threads that still spin takes some 2 microseconds.
   constexpr double kLeastWork = 8000.0;
   constexpr double kMostEvaluation = 20.0;  // times the work
-  if (work_nanoseconds < kLeastWork ||
-      evaluation_nanoseconds > kMostEvaluation * work_nanoseconds) {
+  if (work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work) return 1;
+  if (loops_to_wait_ > 0) {
+    --loops_to_wait_;
     return 1;
   }
   // Forks matter once a team may exist, so watching starts with the first loop for one.
@@ -39,6 +41,19 @@ int TeamSize(double work_nanoseconds, double evaluation_nanoseconds) {
   return omp_get_max_threads();
 }
 
-int WorkerNumber() { return omp_get_thread_num(); }
+void Team::Record(int threads, double work, double nanoseconds) {
+  constexpr double kSmoothing = 0.1;
+  constexpr int kLongestWait = 1024;
+  if (threads == 1) {
+    nanoseconds_per_work_ += kSmoothing * (nanoseconds / work - nanoseconds_per_work_);
+  } else if (nanoseconds > nanoseconds_per_work_ * work) {
+    loops_to_wait_ = next_wait_;
+    next_wait_ = std::min(2 * next_wait_, kLongestWait);
+  } else {
+    next_wait_ = std::max(next_wait_ / 2, 1);
+  }
+}
+
+int Team::WorkerNumber() { return omp_get_thread_num(); }
 
 }  // namespace QuenloftSolver

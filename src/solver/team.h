@@ -9,23 +9,39 @@
 
 namespace QuenloftSolver {
 
-// What rebuilding `tables` neighbour tables among `candidates` costs one thread, about
-// (a fit to the figures of benchmarks/engine for 2 to 32 dimensions).
-inline double EstimatedNanoseconds(std::size_t tables, std::size_t candidates, int dimension) {
-  return static_cast<double>(tables) * (static_cast<double>(candidates) + 100.0) * dimension;
-}
-
-// Threads for a loop of so much work, in nanoseconds, when the last evaluation took
-// `evaluation_nanoseconds`: the OpenMP runtime's default or 1. It is 1
-//   - when the work is over before a thread would have started;
+// Decides from one loop to the next. Whatever it decides, the result of a loop is the
+// same.
+//
+// A loop gets one thread
+//   - when its work is over before a team would have started;
 //   - when the search mostly waits for its function: a team would gain it nothing, and
 //     threads that spin in wait for the next loop would take the core from the function;
+//   - for some time after a team was slower than one thread would have been, as it is
+//     where other processes keep the processors busy: a loop then waits for threads that
+//     are not running;
 //   - in a process forked from one that may have had a team, whose threads the fork did
 //     not copy and whose runtime would wait for them for ever.
-// The result of the loop is the same with any number.
-int TeamSize(double work_nanoseconds, double evaluation_nanoseconds);
+// Else it gets the OpenMP runtime's default.
+class Team {
+ public:
+  // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
+  // nanoseconds that it takes one thread.
+  static double Work(std::size_t tables, std::size_t candidates, int dimension) {
+    return static_cast<double>(tables) * (static_cast<double>(candidates) + 100.0) * dimension;
+  }
 
-// Number of the calling thread in its team, from 0.
-int WorkerNumber();
+  // Threads for a loop, when the last evaluation took `evaluation_nanoseconds`.
+  int ThreadsFor(double work, double evaluation_nanoseconds);
+  // What the loop then took.
+  void Record(int threads, double work, double nanoseconds);
+
+  // Number of the calling thread in its team, from 0.
+  static int WorkerNumber();
+
+ private:
+  double nanoseconds_per_work_ = 1.0;  // of one thread, as lately measured
+  int loops_to_wait_ = 0;
+  int next_wait_ = 1;
+};
 
 }  // namespace QuenloftSolver

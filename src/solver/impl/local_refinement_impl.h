@@ -7,7 +7,6 @@
 
 #include <algorithm>
 
-#include "solver/impl/local_fit_impl.h"
 #include "solver/solver.h"
 
 namespace QuenloftSolver {

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <cmath>
 
 #include "solver/solver.h"
@@ -115,29 +116,27 @@ template <int N>
 void Solver<N>::RebuildTables() {
   const auto count = static_cast<std::ptrdiff_t>(rebuilt_.size());
   work_.refreshed += rebuilt_.size();
-  const int team = count > 1 ? TeamFor(rebuilt_.size(), columns_.Size()) : 1;
-  if (selections_.size() < static_cast<std::size_t>(team)) {
-    selections_.resize(static_cast<std::size_t>(team));
+  const double work = Team::Work(rebuilt_.size(), columns_.Size(), N);
+  const int threads = team_.ThreadsFor(work, evaluation_nanoseconds_);
+  if (selections_.size() < static_cast<std::size_t>(threads)) {
+    selections_.resize(static_cast<std::size_t>(threads));
   }
-  for (int worker = 0; worker < team; ++worker) {
+  for (int worker = 0; worker < threads; ++worker) {
     selections_[static_cast<std::size_t>(worker)].Reserve(columns_.Size());
   }
-  if (team == 1) {
+  const auto start = std::chrono::steady_clock::now();
+  if (threads == 1) {
     for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, selections_[0]);
   } else {
-#pragma omp parallel for schedule(static) num_threads(team)
+#pragma omp parallel for schedule(static) num_threads(threads)
     for (std::ptrdiff_t i = 0; i < count; ++i) {
       RebuildTable(rebuilt_[static_cast<std::size_t>(i)],
-                   selections_[static_cast<std::size_t>(WorkerNumber())]);
+                   selections_[static_cast<std::size_t>(Team::WorkerNumber())]);
     }
   }
+  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
+  team_.Record(threads, work, elapsed.count());
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(tests_[rebuilt.position]);
-}
-
-// The function's share of a step decides whether a team is worth waking.
-template <int N>
-int Solver<N>::TeamFor(std::size_t tables, std::size_t candidates) const {
-  return TeamSize(EstimatedNanoseconds(tables, candidates, N), evaluation_nanoseconds_);
 }
 
 // A rebuilt trial that is lowest within its radius is a local minimum, until a

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <limits>
 
-#include "solver/impl/selection_kernels_impl.h"
+#include "solver/impl/selection_kernels.h"
 #include "solver/neighbour_selection.h"
 
 namespace QuenloftSolver {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The vector loops of neighbour selection. No include guard: selection_kernels_impl.h
+// The vector loops of neighbour selection. No include guard: selection_kernels.h
 // includes it once for each kind of processor, in a namespace of its own that names
 // the number of lanes, kLanes, and the way to turn a mask into bits, with
 // QUENLOFT_TARGET naming the instructions to use. (Inlining one body into a function
