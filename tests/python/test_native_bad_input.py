@@ -188,10 +188,7 @@ class Last:
     def __del__(self, sleep=time.sleep):
         sleep(0.3)
 sys.last = Last()
-def target(x, sleep=time.sleep):
-    sleep(0.001)
-    return x[0]
-search = Problem(bounds=[0, 1], target=target).Minimize
+search = Problem(bounds=[0, 1], target=lambda x, sleep=time.sleep: sleep(0.001) or x[0]).Minimize
 threading.Thread(target=search, kwargs={"stop_tests": 10**8}, daemon=True).start()
 time.sleep(0.1)
 """
