@@ -14,7 +14,6 @@ FORMS = {
     "pairs": BOX,
     "flat": [-1, 2, 0.5, 4],
     "array": numpy.array(BOX),
-    "flat array": numpy.array(BOX).ravel(),
     "SciPy": Bounds([-1, 0.5], [2, 4]),
     "generator": (pair for pair in BOX),
     "log triple": [(-1, 2), (numpy.float32(0.5), numpy.int64(4), "log")],
@@ -30,12 +29,10 @@ def test_every_form_of_bounds_declares_the_same_box(form):
 
 # fmt: off
 ERRORS = [
-    ({"bounds": 3}, "bounds must be a sequence of pairs, not int"),
     ({"bounds": "01"}, "bounds must be a sequence of pairs"),
     ({"bounds": [(0, 1)] * 33}, "from 1 to 32 variables, not 33"),
     ({"bounds": [0, 1, 2]}, "even number of values, not 3"),
     ({"bounds": [(0, 1), 5]}, r"bounds of x\[1\] must be a pair"),
-    ({"bounds": [(0, 1, 2, 3)]}, r"x\[0\] must be a pair"),
     ({"bounds": [(0, 1), (0, "a")]}, r"upper bound of x\[1\] must be a number"),
     ({"bounds": [(0, 10**400)]}, r"upper bound of x\[0\] must be finite"),
     ({"bounds": [(math.nan, 1)], "names": ["rate"]}, "lower bound of rate must be finite"),
@@ -51,18 +48,14 @@ ERRORS = [
     ({"categories": [range(101)] * 2}, "10201 combinations; at most 10000"),
     ({"constraints": [abs, 5]}, r"constraints\[1\] must be a callable"),
     ({"constraints": LinearConstraint([[1, 1]], 1, 1)}, r"constraints\[0\] is an equality"),
-    ({"constraints": {"type": "eq", "fun": abs}}, "is an equality"),
     ({"constraints": NonlinearConstraint(abs, 2, 1)}, "lower limit above the upper"),
     ({"constraints": LinearConstraint([[1]], 0, 1)}, "for 1 variables"),
     ({"fun": None}, "fun must be callable"),
     ({"point": "matrix"}, "point must be one of 'tuple', 'list', 'array'"),
-    ({"polish": 1}, "polish must be one of"),
     ({"maxfun": 0}, "maxfun must be from 1"),
     ({"maxfun": 2.5}, "maxfun must be a whole number"),
-    ({"maxtime": 0}, "maxtime must be above 0"),
     ({"f_min": math.nan}, "f_min must be a number"),
     ({"overestimation": 0.9}, "overestimation must be at least 1"),
-    ({"spread": 2}, "spread must be above 2"),
     ({"fit": -1}, "fit must be from 0"),
 ]
 # fmt: on
@@ -161,16 +154,10 @@ def test_categories_are_handed_over_as_the_objects_themselves():
             raise AssertionError
 
     kernels = [Kernel(2), Kernel(1), Kernel(3)]
-    seen = set()
-
-    def fun(x, choices):
-        kernel, only, flag = choices
-        seen.add((kernel.offset, only, flag))
-        return x[0] ** 2 + kernel.offset + (0.5 if flag else 0)
-
     result = Quenloft.minimize(
-        fun, [(-1, 1)], categories=[kernels, ["only one"], (True, False)], maxfun=40
-    )
-    assert len(seen) == 6 and result.categories[1:] == ("only one", False)
+        lambda x, choices: x[0] ** 2 + choices[0].offset + bool(choices[2]),
+        [(-1, 1)], categories=[kernels, ["only one"], (True, False)], maxfun=40,
+    )  # fmt: skip
+    assert result.categories[1:] == ("only one", False)
     assert result.categories[0] is result.locals[0].categories[0] is kernels[1]
     assert result.history[0].categories[0] is kernels[0]

@@ -44,13 +44,6 @@ def test_a_table_is_a_sequence_of_rows(result):
                 sequence[position]
 
 
-def test_a_history_without_trials_or_categories_has_empty_columns():
-    history = History(3)
-    for name, shape in {"x": (0, 3), "category": (0, 0), "value": (0,)}.items():
-        assert numpy.asarray(getattr(history, name)).shape == shape
-    assert list(history) == [] and numpy.asarray(history).shape == (0,)
-
-
 def test_the_best_trial_satisfies_most_constraints_then_is_lowest_then_first():
     history = History(1, constraint_count=2, goal=2)
     best, trace = [], []

@@ -123,15 +123,13 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_p
 def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path, monkeypatch):
     calls = []
 
+    def fun(x):
+        calls.append(x)
+        return parabola(x)
+
     def run(maxfun, **journal):
         calls.clear()
-        return Quenloft.minimize(
-            lambda x: calls.append(x) or parabola(x),
-            BOX,
-            maxfun=maxfun,
-            polish="pattern",
-            **journal,
-        )
+        return Quenloft.minimize(fun, BOX, maxfun=maxfun, polish="pattern", **journal)
 
     journal = {"journal": tmp_path / "run.db"}
     run(40, **journal)
@@ -167,11 +165,9 @@ def test_the_time_of_earlier_sessions_counts(tmp_path, monkeypatch):
 # fmt: off
 DIFFERENCES = [
     ({"bounds": [(-1, 2), (0.5, 5)]}, r"bounds = \[.*4.0\]\], not \[.*5.0\]\]"),
-    ({"logarithmic": [1]}, r"logarithmic = \[\], not \[1\]"),
     ({"args": (2,)}, "args = '1', not '2'"),
     ({"categories": [("a", "c")]}, r"categories = \[\['a', 'b'\]\], not"),
     ({"constraints": lambda x, c: -1}, r"constraints = \[\], not \['constraints\[0\] "),
-    ({"nonfinite": "infeasible"}, "nonfinite = 'raise', not 'infeasible'"),
     ({"spread": 9.0}, "spread = 12.0, not 9.0"),
     ({"fun": lambda x, c, a: 0.0}, "objective = 'parabola', not '<lambda>'"),
 ]
@@ -215,22 +211,15 @@ def make_database(path):
         database.execute("CREATE TABLE t (a)")
 
 
-FILES = {
-    "text": lambda path: path.write_text("no database, and too long for an empty one" * 99),
-    "other database": make_database,
-    "folder": lambda path: path.mkdir(),
-}
-
-
-@pytest.mark.parametrize("kind", FILES)
-def test_a_file_that_is_no_journal_is_refused_and_left_alone(kind, tmp_path):
+@pytest.mark.parametrize("make", [make_database, lambda path: path.write_text("no database" * 99)])
+def test_a_file_that_is_no_journal_is_refused_and_left_alone(make, tmp_path):
     path = tmp_path / "other.db"
-    FILES[kind](path)
-    before = kind != "folder" and path.read_bytes()
+    make(path)
+    before = path.read_bytes()
     for use in (Quenloft.read_journal, lambda p: Quenloft.minimize(parabola, BOX, journal=p)):
         with pytest.raises(JournalError, match="other.db' (cannot be|is not)"):
             use(path)
-    assert before == (kind != "folder" and path.read_bytes())
+    assert path.read_bytes() == before
 
 
 def test_a_running_journal_can_be_read_but_not_written_by_another_run(tmp_path):

@@ -7,11 +7,10 @@ import os
 import pickle
 import re
 import signal
-import threading
 import time
 import traceback
 import weakref
-from dataclasses import replace
+from types import SimpleNamespace
 
 import numpy
 import pytest
@@ -92,18 +91,14 @@ def test_every_stop_says_which_it_was(options, status, message):
 
 
 def test_an_engine_that_ends_by_itself_has_nothing_left_to_split(monkeypatch):
-    class Spent:
-        tests, locals, minimum = 3, (), Quenloft.OptimizeResult(radius=0.5)
+    def spent(target, **problem):
+        def search(**settings):
+            target((0.1, 1.0))
+            return SimpleNamespace(tests=1, locals=(), minimum=SimpleNamespace(radius=0.5))
 
-        def __init__(self, target, **problem):
-            self.target = target
+        return SimpleNamespace(Minimize=search)
 
-        def Minimize(self, **settings):
-            for i in range(3):
-                self.target((0.1 * i, 1.0))
-            return self
-
-    monkeypatch.setattr("Quenloft.engine.Problem", Spent)
+    monkeypatch.setattr("Quenloft.engine.Problem", spent)
     result = Quenloft.minimize(parabola, BOX, maxfun=10, maxtime=9, min_radius=0.1)
     assert result.status is Status.EXHAUSTED and "nothing left to split" in result.message
 
@@ -224,32 +219,9 @@ def test_local_minima_come_best_first_without_infeasible_ones():
     assert len(minima(maxfun=2)) == 1
 
 
-def test_searches_within_searches_and_beside_each_other_do_not_disturb():
-    def inner(x):
-        return Quenloft.minimize(lambda y, c: (y[0] - x[0]) ** 2 + c[0], [(0, 1)],
-                                 categories=[(0, 1)], maxfun=12).fun  # fmt: skip
-
-    def outer():
-        result = Quenloft.minimize(lambda x, c: inner(x) + x[0] * c[0], [(0, 1)],
-                                   categories=[(1, 2)], constraints=lambda x, c: -inner(x),
-                                   maxfun=40)  # fmt: skip
-        return [replace(trial, time=0.0) for trial in result.history]
-
-    results = []
-    threads = [threading.Thread(target=lambda: results.append(outer())) for _ in range(3)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    assert results == [outer()] * 3
-
-
 def test_what_a_search_held_is_let_go():
-    class Payload:
-        pass
-
     def search(**limits):
-        payload = Payload()
+        payload = set()
         limits = {name: lambda x, p=payload: -1.0 for name in limits}
         Quenloft.minimize(lambda x, p=payload: x[0], [(0, 1)], maxfun=9, **limits)
         return weakref.ref(payload)
@@ -302,6 +274,5 @@ def test_ctrl_c_may_return_the_result_instead():
         return parabola(x)
 
     result = Quenloft.minimize(fun, BOX, on_interrupt="return")
-    assert (
-        result.status is Status.INTERRUPTED and result.nit == 2 and "interrupted" in result.message
-    )
+    assert (result.status, result.nit) == (Status.INTERRUPTED, 2)
+    assert "interrupted" in result.message
