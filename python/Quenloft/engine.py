@@ -4,7 +4,7 @@
 from __future__ import annotations
 
 import math
-from typing import Any, Callable, Optional
+from typing import Any, Callable, Optional, Sequence
 
 from _Quenloft import Problem, Result
 
@@ -74,12 +74,14 @@ def _native_functions(run: Run) -> tuple[list[Callable[..., float]], Callable[[]
         assert trial is not None
         return [trial], lambda: None
 
-    def first(*point: Any) -> float:
+    def first(coordinates: Sequence[float], selected: Sequence[int] = ()) -> float:
+        coordinates, selected = [*coordinates], [*selected]  # see `trial_function`
         assert trial is not None
-        return trial(*point)
+        return trial(coordinates, selected)
 
     def later(position: int) -> Callable[..., float]:
         def answer(*point: Any) -> float:
+            del point
             assert state is not None
             return state.last_value if state.last_index == position else 0.0
 

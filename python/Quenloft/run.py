@@ -141,6 +141,8 @@ def trial_function(run: Run) -> Callable[..., float]:
 
     def trial(coordinates: Sequence[float], selected: Sequence[int] = ()) -> float:
         try:
+            # Whoever keeps this frame, as profilers do, shall not keep the engine's tuples with it.
+            coordinates, selected = [*coordinates], [*selected]
             number = len(times)
             if number >= run.limit:
                 return nan

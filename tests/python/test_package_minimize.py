@@ -50,6 +50,18 @@ def test_the_search_is_the_native_one():
     assert [(m.x, m.fun, m.radius) for m in result.locals] == tests
 
 
+@pytest.mark.parametrize("limits", [[], [lambda x, c: -1.0]])
+def test_frames_may_be_kept(limits):
+    frames = []
+
+    def fun(x, choices):
+        frames.extend(frame for frame, _ in traceback.walk_stack(None))
+        return parabola(x)
+
+    options = {"categories": [(1, 2)], "constraints": limits, "maxfun": 30}
+    assert Quenloft.minimize(fun, BOX, **options).nit == 30
+
+
 def test_violated_constraints_count_as_trials_and_not_as_calls_of_fun():
     calls = []
     limits = [lambda x: 0.3 - x[0], lambda x: 1.5 - x[1]]
