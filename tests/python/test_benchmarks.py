@@ -126,20 +126,6 @@ def test_summary_counts_unsolved_functions_with_the_budget():
     assert "> 1,000" in report.terminal_table([summary])
 
 
-def test_settings_that_solve_more_rank_first_then_those_of_lower_cost():
-    names = ["quenloft", "quenloft:overestimation=3", "quenloft:overestimation=4"]
-    done = []
-    hard = [100, None], [400, 400], [100, 100]
-    for name, of_simple, of_hard in zip(names, (100, 200, 400), hard):
-        done += made_up(name, [of_simple] * 2) + made_up(name, of_hard, "2D hard")
-    summaries = report.summarise(done)
-    ranking = report.rank_settings(summaries)
-    assert [method for method, _, _ in ranking] == names[::-1]
-    assert ranking[0][1:] == (4, pytest.approx(2.0))
-    best = report.best_of(s for s in summaries if s.class_name == "2D simple")
-    assert best.method == names[0]
-
-
 def test_the_command_writes_table_files_and_document(tmp_path, capsys):
     pytest.importorskip("matplotlib")
     document, out = tmp_path / "guide.md", tmp_path / "out"
@@ -157,10 +143,3 @@ def test_the_command_writes_table_files_and_document(tmp_path, capsys):
     assert "benchmarks/classes.py" in text and "### Grishagin" in text
     for folder in (out, tmp_path / "images"):
         assert (folder / "operating_characteristics.png").stat().st_size > 1000
-
-
-@pytest.mark.parametrize("option, value", [("methods", "anneal"), ("functions", "0-5")])
-def test_wrong_arguments_are_named(option, value, capsys):
-    with pytest.raises(SystemExit):
-        classes.parse_arguments([f"--{option}", value])
-    assert f"argument --{option}" in capsys.readouterr().err

@@ -57,16 +57,6 @@ def test_a_missed_goal_is_said(times, cells):
     assert all_met == ("missed" not in "".join(cells))
 
 
-def test_a_million_trials_are_judged_by_cost_and_memory():
-    rounds = [round_of({engine_table.ONE: 50_000.0})]  # 5 microseconds a trial
-    for cost, megabytes, missed in [(7.5, 449.0, 0), (7.6, 449.0, 1), (7.6, 451.0, 2)]:
-        counters = {"peak_megabytes": megabytes}
-        large = engine_table.Run("", cost * engine_table.LARGE, 0.0, counters)
-        table, is_met = engine_table.large_table(large, rounds, SMALL)
-        assert "".join(table[2]).count("missed") == missed
-        assert is_met == (missed == 0)
-
-
 def test_searches_that_differ_are_found():
     same = round_of(forms(3.0, 2.0, 1.0))
     assert engine_table.differences([same, same], [SMALL, LONG]) == []
@@ -96,15 +86,3 @@ def test_reports_of_the_program_are_read_in_microseconds():
     failed = [{**entry, "error_occurred": True, "error_message": "no room"}]
     with pytest.raises(RuntimeError, match="no room"):
         engine_table.parse_report({"benchmarks": failed})
-
-
-def test_the_section_between_the_markers_is_replaced(tmp_path):
-    document = tmp_path / "guide.md"
-    document.write_text((ROOT / "docs" / "performance.md").read_text())
-    before, after = engine_table.split_at_markers(document)
-    for text in ("first", "second \\1"):
-        engine_table.write_section(document, text)
-    assert document.read_text() == f"{before}\nsecond \\1\n\n{after}"
-    document.write_text("no markers")
-    with pytest.raises(ValueError, match="<!-- engine -->"):
-        engine_table.main(["--markdown", str(document)])
