@@ -128,15 +128,15 @@ def test_every_form_of_constraint_makes_the_same_search(form):
 
 def test_a_logarithmic_variable_is_searched_in_its_logarithm_within_its_bounds():
     def search(bounds, fun=lambda x: (math.log(x[0]) - 0.7) ** 2, **options):
-        return Quenloft.minimize(fun, bounds, maxfun=50, cross=1.0, **options)
+        result = Quenloft.minimize(fun, bounds, maxfun=50, cross=1.0, **options)
+        return [x for (x,) in result.history.x]
 
     lower, upper = 1e-5, 1e3
     plain = search([(math.log(lower), math.log(upper))], lambda u: (u[0] - 0.7) ** 2)
     log = search([(lower, upper, "log")])
-    points = [x for (x,) in log.history.x]
-    assert points == pytest.approx([math.exp(u) for (u,) in plain.history.x], rel=1e-9)
-    assert min(points) == lower and max(points) == upper
-    assert list(search([(lower, upper)], logarithmic=[0]).history.x) == list(log.history.x)
+    assert log == pytest.approx([math.exp(u) for u in plain], rel=1e-9)
+    assert (min(log), max(log)) == (lower, upper)
+    assert search([(lower, upper)], logarithmic=[0]) == log
 
 
 def test_rounding_does_not_take_a_point_out_of_its_bounds():

@@ -9,7 +9,7 @@ import numpy
 import pytest
 
 import Quenloft
-from Quenloft import History, OptimizeResult, Trial
+from Quenloft import History, OptimizeResult
 
 
 @pytest.fixture(scope="module")
@@ -53,18 +53,6 @@ def test_the_best_trial_satisfies_most_constraints_then_is_lowest_then_first():
         trace.append(history.running_best()[-1])
     assert best == [0, 1, 1, 3, 4, 4]
     assert [t for t in trace if not math.isnan(t)] == [5.0, 4.0, 4.0]
-
-
-def test_a_trial_that_was_cut_short_does_not_count():
-    history = History(2, [("a", "b")], constraint_count=1, goal=1)
-    history.append((1.0, 2.0), (1,), 1, 2.0, 0.1, (-1.0,))
-    history._x.extend((3.0, 4.0))
-    history._category.append(0)
-    history._index.append(1)
-    history.finish()
-    assert list(history) == [Trial(0, (1.0, 2.0), ("b",), 1, 2.0, 0.1, (-1.0,))]
-    for name in ("x", "category", "index", "value", "time", "constraints"):
-        assert len(numpy.asarray(getattr(history, name))) == 1
 
 
 @pytest.mark.parametrize("duplicate", [copy.deepcopy, lambda r: pickle.loads(pickle.dumps(r))])

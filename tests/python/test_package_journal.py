@@ -120,29 +120,6 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_p
         assert getattr(recorded, field) == getattr(whole.history, field)
 
 
-def test_a_finished_run_goes_on_with_a_larger_budget(tmp_path, monkeypatch):
-    calls = []
-
-    def fun(x):
-        calls.append(x)
-        return parabola(x)
-
-    def run(maxfun, **journal):
-        calls.clear()
-        return Quenloft.minimize(fun, BOX, maxfun=maxfun, polish="pattern", **journal)
-
-    journal = {"journal": tmp_path / "run.db"}
-    run(40, **journal)
-    first = set(calls)
-    monkeypatch.setattr(Quenloft, "__version__", "a later one")
-    longer = run(80, **journal)
-    # The search of the first run, and what the longer polish has in common with the shorter.
-    assert longer.replayed >= 30 and len(calls) == 80 - longer.replayed
-    assert first.isdisjoint(calls)
-    assert run(40, **journal).nit == 40 and calls == []
-    assert columns(longer.history) == columns(run(80).history)
-
-
 def test_the_time_of_earlier_sessions_counts(tmp_path, monkeypatch):
     path = tmp_path / "run.db"
     now = 0.0

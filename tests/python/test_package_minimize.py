@@ -10,7 +10,6 @@ import signal
 import time
 import traceback
 import weakref
-from types import SimpleNamespace
 
 import numpy
 import pytest
@@ -100,19 +99,6 @@ def test_every_stop_says_which_it_was(options, status, message):
     if status is Status.F_MIN:
         values = list(result.history.value)
         assert values[-1] == result.fun <= 0.05 < min(values[:-1])
-
-
-def test_an_engine_that_ends_by_itself_has_nothing_left_to_split(monkeypatch):
-    def spent(target, **problem):
-        def search(**settings):
-            target((0.1, 1.0))
-            return SimpleNamespace(tests=1, locals=(), minimum=SimpleNamespace(radius=0.5))
-
-        return SimpleNamespace(Minimize=search)
-
-    monkeypatch.setattr("Quenloft.engine.Problem", spent)
-    result = Quenloft.minimize(parabola, BOX, maxfun=10, maxtime=9, min_radius=0.1)
-    assert result.status is Status.EXHAUSTED and "nothing left to split" in result.message
 
 
 def test_a_callback_sees_each_trial_and_may_stop_by_an_exception():
