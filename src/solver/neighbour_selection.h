@@ -127,9 +127,9 @@ class NeighbourSelection {
   AlignedVector<float> upper_;              // bound of the inverse score
   std::array<float, kFaceRoom> face_sign_;  // of the direction along the face's axis
   alignas(kCacheLine) std::array<float, kFaceRoom> face_cosine_{};  // with the last chosen one
-  std::vector<double> exact_cosine_;  // as exact_seen_ of the chosen ones leave it
-  std::vector<std::uint8_t> exact_seen_;
-  std::vector<std::uint32_t> listed_;  // numbers that a kernel found
+  AlignedVector<double> exact_cosine_;    // over the first exact_seen_ of the chosen ones
+  std::vector<std::uint8_t> exact_seen_;  // of a face, or of a block at its first record
+  std::vector<std::uint32_t> listed_;     // numbers that a kernel found
 
   // The result, and the chosen directions in double precision, as far as they were
   // asked for.
@@ -137,6 +137,7 @@ class NeighbourSelection {
   std::array<std::size_t, kTableSize> chosen_;
   int exact_count_ = 0;
   std::array<Direction, kTableSize> exact_direction_;
+  std::array<double, kTableSize> exact_distance_;
 };
 
 }  // namespace QuenloftSolver

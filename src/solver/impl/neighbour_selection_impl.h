@@ -148,6 +148,7 @@ void NeighbourSelection<N>::PushFaces() {
   }
   record_count_ = face_begin_ + kFaceRoom;
   std::fill_n(exact_seen_.data(), record_count_, std::uint8_t{0});
+  std::fill_n(exact_cosine_.data(), record_count_, 0.0);
   for (std::size_t record = 0; record < record_count_; ++record) {
     const bool is_kept = distance_[record] != kUnset;
     max_cosine_[record] = is_kept ? 0.0f : kGone;
@@ -263,24 +264,41 @@ typename NeighbourSelection<N>::Direction NeighbourSelection<N>::DirectionOf(
 }
 
 // In double precision, over all chosen directions; 0 if all lie at obtuse angles.
-// Records that tie meet here choice after choice, so each keeps what it knows.
+// Records that tie meet here choice after choice and many at a time, so a block of
+// them is brought up to date together and keeps what it knows.
 template <int N>
 double NeighbourSelection<N>::LargestCosine(std::size_t record) {
   for (; exact_count_ < chosen_count_; ++exact_count_) {
-    exact_direction_[exact_count_] = DirectionOf(chosen_[exact_count_]);
+    const std::size_t chosen = chosen_[exact_count_];
+    exact_direction_[exact_count_] = DirectionOf(chosen);
+    exact_distance_[exact_count_] = distance_[chosen];
   }
-  const Direction direction = DirectionOf(record);
-  double largest = exact_seen_[record] == 0 ? 0.0 : exact_cosine_[record];
-  counters.cosines += static_cast<std::uint64_t>(chosen_count_ - exact_seen_[record]);
-  for (int c = exact_seen_[record]; c < chosen_count_; ++c) {
-    double dot = 0.0;
-    for (int k = 0; k < N; ++k) dot += direction[k] * exact_direction_[c][k];
-    const double cosine = dot / (distance_[record] * distance_[chosen_[c]]);
-    if (cosine > largest) largest = cosine;
+  const std::size_t unit = IsFaceRecord(record) ? record : record / kBlock * kBlock;
+  const int seen = exact_seen_[unit];
+  if (seen == chosen_count_) return exact_cosine_[record];
+  exact_seen_[unit] = static_cast<std::uint8_t>(chosen_count_);
+  if (IsFaceRecord(record)) {
+    const std::size_t axis = (record - face_begin_) / 2;
+    const double difference = DirectionOf(record)[axis];
+    for (int c = seen; c < chosen_count_; ++c) {
+      const double cosine =
+          difference * exact_direction_[c][axis] / (distance_[record] * exact_distance_[c]);
+      if (cosine > exact_cosine_[record]) exact_cosine_[record] = cosine;
+    }
+    counters.cosines += static_cast<std::uint64_t>(chosen_count_ - seen);
+    return exact_cosine_[record];
   }
-  exact_seen_[record] = static_cast<std::uint8_t>(chosen_count_);
-  exact_cosine_[record] = largest;
-  return largest;
+  ExactTask<N> task;
+  task.difference = difference_.data() + unit * N;
+  task.distance = distance_.data() + unit;
+  task.max_cosine = exact_cosine_.data() + unit;
+  task.directions = exact_direction_[0].data();
+  task.distances = exact_distance_.data();
+  task.from = seen;
+  task.to = chosen_count_;
+  kernels_->update_exact(task);
+  counters.cosines += kBlock * static_cast<std::uint64_t>(chosen_count_ - seen);
+  return exact_cosine_[record];
 }
 
 template <int N>

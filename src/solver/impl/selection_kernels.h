@@ -87,12 +87,26 @@ struct ContenderTask {
   std::uint32_t* contenders;  // out: numbers of records, ascending
 };
 
+// Bringing a block of trials up to date in double precision, with the chosen directions
+// from number `from` to before `to`.
+template <int N>
+struct ExactTask {
+  const double* difference;  // a row of kBlock doubles a coordinate
+  const double* distance;
+  double* max_cosine;        // in and out
+  const double* directions;  // N doubles a chosen direction, of any length:
+  const double* distances;   // these
+  int from;
+  int to;
+};
+
 template <int N>
 struct SelectionKernels {
   std::size_t (*find_near)(const NearTask<N>&);
   double (*find_directions)(const DirectionTask<N>&);
   UpdateResult (*update)(const UpdateTask<N>&);
   std::size_t (*find_contenders)(const ContenderTask<N>&);
+  void (*update_exact)(const ExactTask<N>&);
 
   static const SelectionKernels* Fastest();
 };

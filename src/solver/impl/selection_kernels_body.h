@@ -157,5 +157,25 @@ QUENLOFT_TARGET std::size_t FindContenders(const ContenderTask<N>& task) {
 }
 
 template <int N>
+QUENLOFT_TARGET void UpdateExact(const ExactTask<N>& task) {
+  for (std::size_t first = 0; first < kBlock; first += kDoubleLanes) {
+    const Doubles distance = *reinterpret_cast<const Doubles*>(task.distance + first);
+    auto& max_cosine = *reinterpret_cast<Doubles*>(task.max_cosine + first);
+    Doubles largest = max_cosine;
+    for (int c = task.from; c < task.to; ++c) {
+      const double* direction = task.directions + static_cast<std::size_t>(c) * N;
+      Doubles dot{};
+      for (std::size_t k = 0; k < N; ++k) {
+        dot +=
+            *reinterpret_cast<const Doubles*>(task.difference + k * kBlock + first) * direction[k];
+      }
+      const Doubles cosine = dot / (distance * task.distances[c]);
+      largest = cosine > largest ? cosine : largest;
+    }
+    max_cosine = largest;
+  }
+}
+
+template <int N>
 inline constexpr SelectionKernels<N> kKernels = {FindNear<N>, FindDirections<N>, Update<N>,
-                                                 FindContenders<N>};
+                                                 FindContenders<N>, UpdateExact<N>};
