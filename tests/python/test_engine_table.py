@@ -64,25 +64,3 @@ def test_searches_that_differ_are_found():
     assert engine_table.differences([same, other], [SMALL]) == [SMALL.prefix + engine_table.TWO]
     # The prefix of another size must not match.
     assert not "search/N:2/trials:100000/plain".startswith(SMALL.prefix)
-
-
-def test_reports_of_the_program_are_read_in_microseconds():
-    entry = {
-        "run_type": "iteration",
-        "name": "",
-        "real_time": 4.0,
-        "cpu_time": 3.0,
-        "kept": 2,
-    }
-    entries = [
-        {**entry, "run_name": SMALL.prefix + "plain/iterations:1", "time_unit": "ms"},
-        {**entry, "run_name": "part/fit/N:2/engine/repeats:3", "time_unit": "ns"},
-        {**entry, "run_name": "part/fit/N:2/engine_mean", "run_type": "aggregate"},
-    ]
-    search, part = engine_table.parse_report({"benchmarks": entries})
-    assert search[:3] == (SMALL.prefix + "plain", 3000.0, 4000.0)
-    assert (part.name, part.cpu) == ("part/fit/N:2/engine", pytest.approx(0.003))
-    assert search.counters["kept"] == 2.0
-    failed = [{**entry, "error_occurred": True, "error_message": "no room"}]
-    with pytest.raises(RuntimeError, match="no room"):
-        engine_table.parse_report({"benchmarks": failed})

@@ -11,7 +11,7 @@ pytest.importorskip("matplotlib").use("Agg")
 from matplotlib import pyplot  # noqa: E402
 
 import Quenloft  # noqa: E402
-from Quenloft import History, cli, plots  # noqa: E402
+from Quenloft import History, plots  # noqa: E402
 
 
 @pytest.fixture(autouse=True)
@@ -115,21 +115,6 @@ def test_given_axes_are_drawn_into_and_returned(draw, rows, columns, options):
     # Nothing is drawn of another variable, of another number of them or of no trial.
     with pytest.raises(ValueError, match="no variable|axes for|no trial"):
         draw(History(2), ax, **{"variables": [9]} if options else {})
-
-
-@pytest.mark.parametrize(
-    "file, code, message",
-    [("a.svg", 0, ""), ("a.exe", 2, "cannot draw a.exe"), ("nowhere/a.png", 2, "no folder")],
-)
-def test_command_line_knows_before_the_search_what_it_can_draw(
-    file, code, message, tmp_path, monkeypatch, capsys
-):
-    monkeypatch.chdir(tmp_path)
-    words = ["minimize", "math:fsum", "--bounds", "0:1", "0:1", "--maxfun", "30", "--plot", file]
-    assert cli.main(words) == code
-    output = capsys.readouterr()
-    assert bool(output.out) == (code == 0) == (tmp_path / file).exists()
-    assert message in output.err
 
 
 def test_missing_matplotlib_is_explained(monkeypatch):
