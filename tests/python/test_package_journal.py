@@ -34,6 +34,11 @@ print(repr([result.fun, result.x, result.nit]))
 """
 
 
+@pytest.fixture
+def path(tmp_path):
+    return tmp_path / "run.db"
+
+
 def parabola(x, *rest):
     return (x[0] - 0.5) ** 2 + (x[1] - 1.0) ** 2
 
@@ -88,7 +93,7 @@ RUNS = [
 
 
 @pytest.mark.parametrize("options", RUNS)
-def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_path):
+def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, path):
     def fun(x, *rest):
         calls.append(x)
         if len(calls) == dies_at:
@@ -99,7 +104,7 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_p
         calls.clear()
         return Quenloft.minimize(fun, BOX, maxfun=60, **options, **journal)
 
-    calls, dies_at, path = [], None, tmp_path / "run.db"
+    calls, dies_at = [], None
     whole = run()
     dies_at = 20
     with pytest.raises(KeyboardInterrupt) as caught:
@@ -120,8 +125,7 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, tmp_p
         assert getattr(recorded, field) == getattr(whole.history, field)
 
 
-def test_the_time_of_earlier_sessions_counts(tmp_path, monkeypatch):
-    path = tmp_path / "run.db"
+def test_the_time_of_earlier_sessions_counts(path, monkeypatch):
     now = 0.0
 
     def fun(x):
@@ -152,9 +156,8 @@ DIFFERENCES = [
 
 
 @pytest.mark.parametrize("change, message", DIFFERENCES)
-def test_a_journal_of_something_else_is_refused_with_the_difference(change, message, tmp_path):
+def test_a_journal_of_something_else_is_refused_with_the_difference(change, message, path):
     base = {"fun": parabola, "bounds": BOX, "args": (1,), "categories": [("a", "b")]}
-    path = tmp_path / "run.db"
     Quenloft.minimize(**base, maxfun=10, journal=path)
     before = path.read_bytes()
     with pytest.raises(JournalError, match=message):
@@ -162,8 +165,7 @@ def test_a_journal_of_something_else_is_refused_with_the_difference(change, mess
     assert path.read_bytes() == before
 
 
-def test_arguments_are_compared_without_their_addresses(tmp_path):
-    path = tmp_path / "run.db"
+def test_arguments_are_compared_without_their_addresses(path):
     large = numpy.zeros(5000)
     for count in (5, 6):
         args = (object(), list(range(500)), large)
@@ -174,8 +176,7 @@ def test_arguments_are_compared_without_their_addresses(tmp_path):
         Quenloft.minimize(parabola, BOX, args, maxfun=9, journal=path)
 
 
-def test_a_journal_whose_points_are_others_is_refused_too(tmp_path):
-    path = tmp_path / "run.db"
+def test_a_journal_whose_points_are_others_is_refused_too(path):
     Quenloft.minimize(parabola, BOX, maxfun=10, journal=path)
     with closing(sqlite3.connect(path, isolation_level=None)) as database:
         database.execute("UPDATE trials SET x1 = x1 + 1e-9 WHERE number = 4")
@@ -189,18 +190,16 @@ def make_database(path):
 
 
 @pytest.mark.parametrize("make", [make_database, lambda path: path.write_text("no database" * 99)])
-def test_a_file_that_is_no_journal_is_refused_and_left_alone(make, tmp_path):
-    path = tmp_path / "other.db"
+def test_a_file_that_is_no_journal_is_refused_and_left_alone(make, path):
     make(path)
     before = path.read_bytes()
     for use in (Quenloft.read_journal, lambda p: Quenloft.minimize(parabola, BOX, journal=p)):
-        with pytest.raises(JournalError, match="other.db' (cannot be|is not)"):
+        with pytest.raises(JournalError, match="run.db' (cannot be|is not)"):
             use(path)
     assert path.read_bytes() == before
 
 
-def test_a_running_journal_can_be_read_but_not_written_by_another_run(tmp_path):
-    path = tmp_path / "run.db"
+def test_a_running_journal_can_be_read_but_not_written_by_another_run(path):
     calls = []
 
     def fun(x):
@@ -214,4 +213,4 @@ def test_a_running_journal_can_be_read_but_not_written_by_another_run(tmp_path):
         Quenloft.minimize(fun, BOX, maxfun=30, journal=path)
     assert caught.value.result.nit == 8 and len(calls) == 8 + 13
     assert len(Quenloft.read_journal(path).history) == 20
-    assert os.listdir(tmp_path) == ["run.db"]
+    assert os.listdir(path.parent) == ["run.db"]
