@@ -27,7 +27,8 @@ bool WatchForks() {
 }  // namespace
 
 int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
-  // Calling threads that still spin takes some 2 microseconds.
+  // Between what a step takes in three dimensions, where a team gains nothing, and in
+  // four, where it begins to.
   constexpr double kLeastWork = 8000.0;
   constexpr double kMostEvaluation = 20.0;  // times the work
   if (work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work) return 1;
