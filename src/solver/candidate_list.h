@@ -25,7 +25,7 @@ struct Candidate {
 // How far an update reaches: over every trial, or over those just rebuilt.
 enum class UpdateMode { kFull, kIncremental };
 
-// Invariants, but for the least promising ends that an update under way leaves:
+// Invariants (marked candidates stay listed until Commit):
 //   (1) Size() <= kListCapacity, and keys ascend, so the best candidate is last.
 //   (2) Among equal keys the one offered later stands nearer the end.
 //   (3) No candidate stands twice.

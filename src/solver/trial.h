@@ -18,7 +18,6 @@ namespace QuenloftSolver {
 // coordinate 0, face 2k + 1 the one at coordinate 1. kNone stands for neither.
 inline bool IsFace(std::int32_t test) { return test < 0; }
 inline std::int32_t FaceToTest(int face) { return ~face; }
-inline int FaceOf(std::int32_t test) { return ~test; }
 inline int FaceAxis(std::int32_t test) { return ~test / 2; }
 inline int FaceSide(std::int32_t test) { return ~test % 2; }
 
