@@ -99,6 +99,8 @@ class Solver final : public SolverBase {
   void SizeContainers();
   void PlaceInitialTrials();
   void AppendInEveryCombination(const Coordinates& point);
+  void AppendTrial(const Coordinates& point, std::uint32_t combination, const TestValue& value,
+                   std::uint32_t flags);
   void LinkInitialTrial(std::uint32_t position);
 
   // iteration_step_impl.h
@@ -112,7 +114,7 @@ class Solver final : public SolverBase {
   double SplittingSlope(const Test<N>& anchor, StepKind kind) const;
   Coordinates PointOn(const Segment& segment, StepKind kind) const;
   bool IsDuplicate(const Coordinates& point, const Segment& segment) const;
-  bool AddTrial(const Test<N>& trial, const Segment& segment, int whole_rings);
+  bool RegisterNewest(const Segment& segment, int whole_rings);
   void UpdateExtremes(const TestValue& value);
   bool UpdateBest(std::uint32_t position);
 
@@ -121,6 +123,8 @@ class Solver final : public SolverBase {
   void ResetChanged();
   void ListForRefresh(std::uint32_t position);
   void ExpandChanged(int whole_rings);
+  std::size_t TakeWholeRing(std::size_t ring_begin);
+  std::size_t TakeRingWithinExtent(std::size_t ring_begin);
   void RefreshNeighbours();
   void ListRebuilt();
   void GatherCandidates(const std::vector<std::uint32_t>& positions);
@@ -130,7 +134,7 @@ class Solver final : public SolverBase {
 
   // neighbour_table_impl.h
   void RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection);
-  void WriteTable(Test<N>& trial, const NeighbourSelection<N>& selection) const;
+  void WriteTable(std::uint32_t position, const NeighbourSelection<N>& selection);
   void RaiseSlopes(const Test<N>& trial);
 
   // local_refinement_impl.h: Fit, and
@@ -187,16 +191,16 @@ class Solver final : public SolverBase {
     bool is_lowest;
   };
   std::vector<Rebuilt> rebuilt_;
-  // One per trial: what this refresh found of it, if it bears the refresh's number.
-  // Apart from the trials because the expansion asks it of every neighbour of every
-  // listed trial.
+  // One per trial. A row's mark says what this refresh found of the trial, if it bears
+  // the refresh's number.
+  std::vector<FloodRow<N>> rows_;
   enum Mark : std::uint32_t { kOutside = 0, kListed = 1, kRebuilt = 2 };
-  std::vector<std::uint32_t> marks_;
   std::uint32_t refresh_number_ = 0;
   std::uint32_t MarkNow(Mark mark) const { return 4 * refresh_number_ + mark; }
-  bool IsListed(std::uint32_t position) const { return marks_[position] >= MarkNow(kListed); }
+  bool IsRebuilt(std::uint32_t position) const { return rows_[position].mark == MarkNow(kRebuilt); }
 
   // Scratch: meaningless between calls.
+  std::vector<std::uint32_t> seen_;  // trials that a ring of the flood meets first
   CandidateColumns<N> columns_;
   std::vector<std::uint32_t> local_candidates_;  // gathered trials marked local
   std::vector<std::uint8_t> rebuilt_filter_;     // by position modulo its size

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 
+#include "solver/aligned.h"
 #include "solver/constants.h"
 #include "solver/solver_base.h"
 
@@ -49,13 +50,13 @@ struct Extent {
     for (int k = 0; k < N; ++k) axis[k] = {point[k], point[k]};
   }
 
+  // Without branches: which way a point stretches a box is hard to foresee.
   void Widen(const std::array<double, N>& point) {
     for (int k = 0; k < N; ++k) {
-      if (axis[k].minimum > point[k]) {
-        axis[k].minimum = point[k];
-      } else if (point[k] > axis[k].maximum) {
-        axis[k].maximum = point[k];
-      }
+      const bool is_below = axis[k].minimum > point[k];
+      const bool is_above = !is_below & (point[k] > axis[k].maximum);
+      axis[k].minimum = is_below ? point[k] : axis[k].minimum;
+      axis[k].maximum = is_above ? point[k] : axis[k].maximum;
     }
   }
 
@@ -70,10 +71,11 @@ struct Extent {
 
   // Bounds included; a point with a NaN lies in no extent.
   bool Contains(const std::array<double, N>& point) const {
+    bool is_within = true;
     for (int k = 0; k < N; ++k) {
-      if (!(axis[k].minimum <= point[k] && point[k] <= axis[k].maximum)) return false;
+      is_within &= (axis[k].minimum <= point[k]) & (point[k] <= axis[k].maximum);
     }
-    return true;
+    return is_within;
   }
 };
 
@@ -106,6 +108,30 @@ struct Test final : SolverBase::TestBase, Point<N> {
   Extent<N> extent;
   // In the order in which they were chosen.
   std::array<Neighbour, 3 * N> neighbours;
+};
+
+// Sets and clears flags of a trial whose flags no other thread writes meanwhile: a load
+// and a store, where a locked operation would wait for every store before it.
+struct FlagChange {
+  std::uint32_t set;
+  std::uint32_t clear;  // before setting
+};
+inline void ChangeFlags(SolverBase::TestBase& trial, FlagChange change) {
+  const std::uint32_t flags = trial.flags.load(std::memory_order_relaxed);
+  trial.flags.store((flags & ~change.clear) | change.set, std::memory_order_relaxed);
+}
+
+// What the flood of a refresh reads of a trial: it asks the mark of every neighbour of
+// every listed trial, and where one is new, its point and its neighbours. Apart from
+// the trials, whose tables take six times the room; up to three dimensions in one
+// cache line.
+template <int N>
+struct alignas(kCacheLine) FloodRow {
+  std::uint32_t mark = 0;  // see Solver<N>::Mark
+  // The tests of the trial's table; the trial itself in place of a face and in empty
+  // entries, so that none needs to be told apart.
+  std::array<std::uint32_t, 3 * N> neighbours;
+  std::array<double, N> coordinate;
 };
 
 }  // namespace QuenloftSolver

@@ -55,9 +55,7 @@ UpdateMode Solver<N>::MarkStaleCandidates(UpdateMode mode) {
   if (rebuilt_filter_.empty()) rebuilt_filter_.resize(kFilterSize);
   std::uint8_t* filter = rebuilt_filter_.data();
   for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 1;
-  const auto is_stale = [this](std::uint32_t position) {
-    return marks_[position] == MarkNow(kRebuilt);
-  };
+  const auto is_stale = [this](std::uint32_t position) { return IsRebuilt(position); };
   const bool knows_rebuilt = mode == UpdateMode::kIncremental && !rebuilt_.empty();
   const std::uint32_t combination =
       knows_rebuilt ? tests_[rebuilt_.front().position].combination : 0;

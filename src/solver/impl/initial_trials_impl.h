@@ -36,7 +36,7 @@ void Solver<N>::SizeContainers() {
   for (std::size_t room = kReservedTrials; room > tests_.capacity(); room /= 2) {
     try {
       tests_.reserve(room);
-      marks_.reserve(room);
+      rows_.reserve(room);
       break;
     } catch (const std::bad_alloc&) {
     }
@@ -62,13 +62,25 @@ void Solver<N>::PlaceInitialTrials() {
 
 template <int N>
 void Solver<N>::AppendInEveryCombination(const Coordinates& point) {
-  Test<N> trial;
-  trial.coordinate = point;
-  for (trial.combination = 0; trial.combination < combination_count_; ++trial.combination) {
-    trial.value = EvaluateAt(point, trial.combination);
-    marks_.push_back(0);
-    tests_.push_back(trial);
+  for (std::uint32_t combination = 0; combination < combination_count_; ++combination) {
+    AppendTrial(point, combination, EvaluateAt(point, combination), 0);
   }
+}
+
+// Stores a trial without a neighbourhood. Trial and row come to stand together or not
+// at all, whatever throws.
+template <int N>
+void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
+                            const TestValue& value, std::uint32_t flags) {
+  const std::uint32_t position = TestCount();
+  rows_.resize(position + std::size_t{1});
+  Test<N>& trial = tests_.emplace_back();
+  trial.coordinate = point;
+  trial.combination = combination;
+  trial.value = value;
+  trial.flags.store(flags, std::memory_order_relaxed);
+  rows_[position].neighbours.fill(position);
+  rows_[position].coordinate = point;
 }
 
 template <int N>
@@ -79,6 +91,7 @@ void Solver<N>::LinkInitialTrial(std::uint32_t position) {
     rivals.push_back(p);
   }
   GatherCandidates(rivals);
+  rows_[position].mark = MarkNow(kListed);
   rebuilt_ = {{position, 0.0, false}};
   RebuildTables();
   ResolveLocalMarks();

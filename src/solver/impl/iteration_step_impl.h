@@ -19,14 +19,14 @@ void Solver<N>::Step() {
   const Coordinates point = PointOn(segment, kind);
   if (IsDuplicate(point, segment)) return;
 
-  Test<N> trial;
-  trial.coordinate = point;
-  trial.combination = tests_[segment.anchor].combination;
-  if (kind == StepKind::kLocal) trial.flags = SolverBase::TestBase::kFromLocalStep;
-  trial.value = EvaluateAt(trial.coordinate, trial.combination);
+  const std::uint32_t combination = tests_[segment.anchor].combination;
+  const TestValue value = EvaluateAt(point, combination);
+  AppendTrial(point, combination, value,
+              kind == StepKind::kLocal ? SolverBase::TestBase::kFromLocalStep
+                                       : SolverBase::TestBase::Flag{});
 
   // A face ends the box: beyond it there is no trial whose ring would be found.
-  const bool improved = AddTrial(trial, segment, IsFace(segment.partner) ? 2 : 1);
+  const bool improved = RegisterNewest(segment, IsFace(segment.partner) ? 2 : 1);
   if (!improved) return;
   for (std::uint32_t fit = 0; fit < parameters_.fit && Fit(best_position_); ++fit) {
   }
@@ -114,13 +114,12 @@ bool Solver<N>::IsDuplicate(const Coordinates& point, const Segment& segment) co
           point == tests_[static_cast<std::uint32_t>(segment.partner)].coordinate);
 }
 
-// Registers an evaluated trial and refreshes the neighbourhoods it disturbs. A
+// Registers the trial just appended and refreshes the neighbourhoods it disturbs. A
 // partner of kNone stands for none. True when the trial is the new best.
 template <int N>
-bool Solver<N>::AddTrial(const Test<N>& trial, const Segment& segment, int whole_rings) {
-  marks_.push_back(0);
-  tests_.push_back(trial);
+bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   const std::uint32_t position = TestCount() - 1;
+  const Test<N>& trial = tests_[position];
 
   ResetChanged();
   Extent<N>& extent = tests_[position].extent;

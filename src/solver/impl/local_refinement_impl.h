@@ -19,9 +19,8 @@ bool Solver<N>::Fit(std::uint32_t position) {
   if (!local_fit_) local_fit_ = std::make_unique<LocalFit<N>>();
   if (!ListFitData(position)) return false;
 
-  Test<N> trial;
-  trial.flags = SolverBase::TestBase::kFromFit;
-  trial.combination = tests_[position].combination;
+  Coordinates point;
+  const std::uint32_t combination = tests_[position].combination;
   {
     const Test<N>& anchor = tests_[position];
     local_fit_->Clear();
@@ -31,9 +30,9 @@ bool Solver<N>::Fit(std::uint32_t position) {
     if (local_fit_->FitModel(anchor.coordinate, anchor.value.value) > kLargestFitError) {
       return false;
     }
-    trial.coordinate = local_fit_->MinimiseModel(anchor.coordinate);
+    point = local_fit_->MinimiseModel(anchor.coordinate);
     for (int k = 0; k < N; ++k) {
-      const double coordinate = trial.coordinate[k];
+      const double coordinate = point[k];
       if (coordinate < 0.0 || coordinate > 1.0) return false;
       const Range& range = anchor.extent.axis[k];
       if (anchor.extent.IsSet() && (range.minimum > coordinate || coordinate > range.maximum)) {
@@ -41,8 +40,8 @@ bool Solver<N>::Fit(std::uint32_t position) {
       }
     }
   }
-  trial.value = EvaluateAt(trial.coordinate, trial.combination);
-  return AddTrial(trial, {position, kNone}, 2);
+  AppendTrial(point, combination, EvaluateAt(point, combination), SolverBase::TestBase::kFromFit);
+  return RegisterNewest({position, kNone}, 2);
 }
 
 // Lists what the model is fitted to: the newest trial, the one at `position` and its

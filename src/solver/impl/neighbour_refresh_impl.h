@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 
@@ -18,7 +19,7 @@ namespace QuenloftSolver {
 template <int N>
 void Solver<N>::ResetChanged() {
   for (const std::uint32_t position : to_rescore_) {
-    tests_[position].flags.fetch_and(~SolverBase::TestBase::kChanged, std::memory_order_relaxed);
+    ChangeFlags(tests_[position], {0, SolverBase::TestBase::kChanged});
   }
   to_rescore_.clear();
   ++refresh_number_;
@@ -28,7 +29,7 @@ void Solver<N>::ResetChanged() {
 
 template <int N>
 void Solver<N>::ListForRefresh(std::uint32_t position) {
-  marks_[position] = MarkNow(kListed);
+  rows_[position].mark = MarkNow(kListed);
   changed_.push_back(position);
 }
 
@@ -37,34 +38,73 @@ void Solver<N>::ListForRefresh(std::uint32_t position) {
 // on only within that extent. changed_ is the queue: each ring is a stretch of it.
 template <int N>
 void Solver<N>::ExpandChanged(int whole_rings) {
-  Extent<N>& extent = tests_.back().extent;
-  const Test<N>* tests = tests_.data();
   std::size_t ring_begin = 0;
-  for (int ring = 0; ring_begin < changed_.size(); ++ring) {
-    const bool is_whole = ring < whole_rings;
-    const bool is_bounded = !is_whole && extent.IsSet();
-    const std::size_t ring_end = changed_.size();
-    for (; ring_begin < ring_end; ++ring_begin) {
-      for (const Neighbour& neighbour : tests[changed_[ring_begin]].neighbours) {
-        if (neighbour.test == kNone) break;
-        if (IsFace(neighbour.test)) {
-          if (is_whole) extent.WidenToFace(neighbour.test);
-          continue;
-        }
-        const auto position = static_cast<std::uint32_t>(neighbour.test);
-        if (marks_[position] >= MarkNow(kOutside)) continue;
-        const auto& point = tests[position].coordinate;
-        if (is_whole) {
-          extent.Widen(point);
-        } else if (is_bounded && !extent.Contains(point)) {
-          // The extent is final by now, so no later look need repeat this one.
-          marks_[position] = MarkNow(kOutside);
-          continue;
-        }
-        ListForRefresh(position);
+  for (int ring = 0; ring < whole_rings; ++ring) ring_begin = TakeWholeRing(ring_begin);
+  while (ring_begin < changed_.size()) ring_begin = TakeRingWithinExtent(ring_begin);
+}
+
+// Lists the neighbours of the ring that begins at `ring_begin` and ends the list.
+// Returns where theirs begins.
+template <int N>
+std::size_t Solver<N>::TakeWholeRing(std::size_t ring_begin) {
+  Extent<N>& extent = tests_.back().extent;
+  const std::size_t ring_end = changed_.size();
+  for (std::size_t i = ring_begin; i < ring_end; ++i) {
+    for (const Neighbour& neighbour : tests_[changed_[i]].neighbours) {
+      if (neighbour.test == kNone) break;
+      if (IsFace(neighbour.test)) {
+        extent.WidenToFace(neighbour.test);
+        continue;
       }
+      const auto position = static_cast<std::uint32_t>(neighbour.test);
+      if (rows_[position].mark >= MarkNow(kOutside)) continue;
+      extent.Widen(rows_[position].coordinate);
+      ListForRefresh(position);
     }
   }
+  return ring_end;
+}
+
+// The same for those of them within the extent.
+//
+// The plain way goes through the tables and asks of each neighbour whether it is a
+// trial, was met before, lies within: a thousand neighbours a step at N = 4, most met
+// before, and no answer can be foreseen. Here two loops ask the same without a branch,
+// one over all neighbours for those not met before, one over these for those within.
+// Whatever the answer an entry is written, and kept by counting it. The order is the
+// plain one: the extent is final, so what the second loop finds changes nothing for
+// the first but marks, and met is met, listed or not.
+template <int N>
+std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
+  const std::size_t ring_end = changed_.size();
+  FloodRow<N>* rows = rows_.data();
+  const std::uint32_t outside = MarkNow(kOutside);
+  const std::size_t most = (ring_end - ring_begin) * 3 * N;
+  if (seen_.size() < most) seen_.resize(2 * most);
+  std::uint32_t* seen = seen_.data();
+  std::size_t seen_count = 0;
+  for (std::size_t i = ring_begin; i < ring_end; ++i) {
+    for (const std::uint32_t position : rows[changed_[i]].neighbours) {
+      const std::uint32_t mark = rows[position].mark;
+      seen[seen_count] = position;
+      seen_count += mark < outside;
+      rows[position].mark = std::max(mark, outside);
+    }
+  }
+
+  const Extent<N> extent = tests_.back().extent;
+  const bool is_unbounded = !extent.IsSet();
+  changed_.resize(ring_end + seen_count);
+  std::uint32_t* listed = changed_.data() + ring_end;
+  for (std::size_t i = 0; i < seen_count; ++i) {
+    const std::uint32_t position = seen[i];
+    const bool is_listed = is_unbounded | extent.Contains(rows[position].coordinate);
+    rows[position].mark = outside + is_listed;
+    *listed = position;
+    listed += is_listed;
+  }
+  changed_.resize(static_cast<std::size_t>(listed - changed_.data()));
+  return ring_end;
 }
 
 template <int N>
@@ -85,7 +125,7 @@ void Solver<N>::ListRebuilt() {
     const Test<N>& trial = tests_[position];
     if (!trial.extent.IsSet() || trial.extent.Contains(newest)) {
       rebuilt_.push_back({position, trial.radius, false});
-      marks_[position] = MarkNow(kRebuilt);
+      rows_[position].mark = MarkNow(kRebuilt);
       to_rescore_.push_back(position);
     } else if (trial.flags.load(std::memory_order_relaxed) & SolverBase::TestBase::kChanged) {
       // Rebuilt among the initial trials and never listed since.
@@ -150,7 +190,7 @@ void Solver<N>::ResolveLocalMarks() {
     Test<N>& trial = tests_[position];
     for (const Rebuilt& rebuilt : rebuilt_) {
       if (TakesMark(rebuilt, trial)) {
-        trial.flags.fetch_and(~kLocal, std::memory_order_relaxed);
+        ChangeFlags(trial, {0, kLocal});
         break;
       }
     }
@@ -161,11 +201,7 @@ void Solver<N>::ResolveLocalMarks() {
     for (std::size_t later = i + 1; is_local && later < rebuilt_.size(); ++later) {
       is_local = !TakesMark(rebuilt_[later], trial);
     }
-    if (is_local) {
-      trial.flags.fetch_or(kLocal, std::memory_order_relaxed);
-    } else {
-      trial.flags.fetch_and(~kLocal, std::memory_order_relaxed);
-    }
+    ChangeFlags(trial, {is_local ? kLocal : 0, kLocal});
   }
 }
 

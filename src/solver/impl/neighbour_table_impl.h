@@ -20,11 +20,10 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection)
   rebuilt.radius_before = trial.radius;
 
   selection.Begin(trial, columns_);
-  for (const Neighbour& neighbour : trial.neighbours) {
-    if (neighbour.test == kNone) break;
-    if (IsFace(neighbour.test)) continue;
-    const auto position = static_cast<std::uint32_t>(neighbour.test);
-    if (IsListed(position)) continue;  // stands in the columns
+  // Listed ones stand in the columns; so does the trial itself.
+  const std::uint32_t listed = MarkNow(kListed);
+  for (const std::uint32_t position : rows_[rebuilt.position].neighbours) {
+    if (rows_[position].mark >= listed) continue;
     Test<N>& other = tests_[position];
     selection.AddPrivate(position, other, best_.index);
     if ((other.flags.load(std::memory_order_relaxed) & Base::kLocal) && TakesMark(rebuilt, other)) {
@@ -33,45 +32,49 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection)
   }
   selection.Choose({spread_cosine_, tests_.size() <= combination_count_});
   rebuilt.is_lowest = trial.value.index == best_.index && selection.IsLowest(trial.value.value);
-  WriteTable(trial, selection);
+  WriteTable(rebuilt.position, selection);
 }
 
 template <int N>
-void Solver<N>::WriteTable(Test<N>& trial, const NeighbourSelection<N>& selection) const {
+void Solver<N>::WriteTable(std::uint32_t position, const NeighbourSelection<N>& selection) {
   using Base = SolverBase::TestBase;
+  Test<N>& trial = tests_[position];
+  FloodRow<N>& row = rows_[position];
   double radius = 0.0;
   double slope = 0.0;
   bool meets_face = false;
-  trial.extent.SetTo(trial.coordinate);
+  Extent<N> extent;
+  extent.SetTo(trial.coordinate);
+  const TestValue value = trial.value;
   const int chosen_count = selection.ChosenCount();
-  for (int i = 0; i < 3 * N; ++i) {
-    Neighbour& entry = trial.neighbours[i];
-    if (i >= chosen_count) {
-      if (entry.test == kNone) break;  // so are all that follow
-      entry = Neighbour{};
-      continue;
-    }
-    entry = Neighbour{selection.ChosenTest(i), selection.ChosenDistance(i), kUnset, kUnset};
-    if (entry.distance > radius) radius = entry.distance;
-    if (IsFace(entry.test)) {
+  for (int i = 0; i < chosen_count; ++i) {
+    const std::int32_t test = selection.ChosenTest(i);
+    const double distance = selection.ChosenDistance(i);
+    trial.neighbours[i] = {test, distance, kUnset, kUnset};
+    radius = distance > radius ? distance : radius;
+    if (IsFace(test)) {
+      row.neighbours[i] = position;
       meets_face = true;
-      trial.extent.WidenToFace(entry.test);
+      extent.WidenToFace(test);
       continue;
     }
-    const Test<N>& other = tests_[static_cast<std::uint32_t>(entry.test)];
-    trial.extent.Widen(other.coordinate);
-    if (other.value.index != trial.value.index) continue;
-    const double steepness = std::fabs(other.value.value - trial.value.value) / entry.distance;
-    if (steepness > slope) slope = steepness;
+    row.neighbours[i] = static_cast<std::uint32_t>(test);
+    const Test<N>& other = tests_[static_cast<std::uint32_t>(test)];
+    extent.Widen(other.coordinate);
+    if (other.value.index != value.index) continue;
+    const double steepness = std::fabs(other.value.value - value.value) / distance;
+    slope = steepness > slope ? steepness : slope;
   }
+  for (int i = chosen_count; i < 3 * N && trial.neighbours[i].test != kNone; ++i) {
+    trial.neighbours[i] = Neighbour{};
+    row.neighbours[i] = position;
+  }
+  trial.extent = extent;
   trial.radius = radius;
   trial.slope = slope;
-  if (meets_face) {
-    trial.flags.fetch_or(Base::kChanged | Base::kBoundary, std::memory_order_relaxed);
-  } else {
-    trial.flags.fetch_and(~Base::kBoundary, std::memory_order_relaxed);
-    trial.flags.fetch_or(Base::kChanged, std::memory_order_relaxed);
-  }
+  std::uint32_t flags = Base::kChanged;
+  if (meets_face) flags |= Base::kBoundary;
+  ChangeFlags(trial, {flags, Base::kBoundary});
 }
 
 template <int N>
