@@ -34,38 +34,41 @@ struct Neighbour {
   double local_characteristic = kUnset;
 };
 
-struct Range {
-  double minimum = kUnset;
-  double maximum = kUnset;
-};
-
 // The box spanned by some points of the unit box; unset until a first point.
 template <int N>
 struct Extent {
-  std::array<Range, N> axis;
-
-  bool IsSet() const { return axis[0].minimum != kUnset; }
-
-  void SetTo(const std::array<double, N>& point) {
-    for (int k = 0; k < N; ++k) axis[k] = {point[k], point[k]};
+  Extent() {
+    minimum.fill(kUnset);
+    maximum.fill(kUnset);
   }
 
-  // Without branches: which way a point stretches a box is hard to foresee.
+  std::array<double, N> minimum;
+  std::array<double, N> maximum;
+
+  bool IsSet() const { return minimum[0] != kUnset; }
+
+  void SetTo(const std::array<double, N>& point) {
+    minimum = point;
+    maximum = point;
+  }
+
+  // Where a coordinate lies below the minimum it becomes that, else where it lies above
+  // the maximum it becomes that. Without branches: neither can be foreseen.
   void Widen(const std::array<double, N>& point) {
+#pragma omp simd
     for (int k = 0; k < N; ++k) {
-      const bool is_below = axis[k].minimum > point[k];
-      const bool is_above = !is_below & (point[k] > axis[k].maximum);
-      axis[k].minimum = is_below ? point[k] : axis[k].minimum;
-      axis[k].maximum = is_above ? point[k] : axis[k].maximum;
+      const bool is_below = minimum[k] > point[k];
+      const double upper = is_below ? maximum[k] : point[k];
+      minimum[k] = is_below ? point[k] : minimum[k];
+      maximum[k] = upper > maximum[k] ? upper : maximum[k];
     }
   }
 
   void WidenToFace(std::int32_t test) {
-    Range& range = axis[FaceAxis(test)];
     if (FaceSide(test) == 0) {
-      range.minimum = 0.0;
+      minimum[FaceAxis(test)] = 0.0;
     } else {
-      range.maximum = 1.0;
+      maximum[FaceAxis(test)] = 1.0;
     }
   }
 
@@ -73,7 +76,7 @@ struct Extent {
   bool Contains(const std::array<double, N>& point) const {
     bool is_within = true;
     for (int k = 0; k < N; ++k) {
-      is_within &= (axis[k].minimum <= point[k]) & (point[k] <= axis[k].maximum);
+      is_within &= (minimum[k] <= point[k]) & (point[k] <= maximum[k]);
     }
     return is_within;
   }

@@ -121,8 +121,7 @@ class Solver {
     for (int k = 0; k < N; ++k) {
       const double x = trial.coordinate[k];
       if (x < 0.0 || x > 1.0) return false;
-      const Range& range = a.extent.axis[k];
-      if (a.extent.IsSet() && (range.minimum > x || x > range.maximum)) return false;
+      if (a.extent.IsSet() && (a.extent.minimum[k] > x || x > a.extent.maximum[k])) return false;
     }
     trial.value = EvaluateAt(trial);
     return AddTrial(trial, position, kNone, 2);

@@ -34,8 +34,8 @@ bool Solver<N>::Fit(std::uint32_t position) {
     for (int k = 0; k < N; ++k) {
       const double coordinate = point[k];
       if (coordinate < 0.0 || coordinate > 1.0) return false;
-      const Range& range = anchor.extent.axis[k];
-      if (anchor.extent.IsSet() && (range.minimum > coordinate || coordinate > range.maximum)) {
+      if (anchor.extent.IsSet() &&
+          (anchor.extent.minimum[k] > coordinate || coordinate > anchor.extent.maximum[k])) {
         return false;
       }
     }
