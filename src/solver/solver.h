@@ -205,7 +205,8 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> local_candidates_;  // gathered trials marked local
   std::vector<std::uint8_t> rebuilt_filter_;     // by position modulo its size
   std::vector<std::int32_t> evaluation_categories_;
-  double evaluation_nanoseconds_ = 0.0;            // that the last evaluation took
+  bool is_timing_ = true;                          // evaluations and loops, see Team
+  double evaluation_nanoseconds_ = 0.0;            // that the last timed evaluation took
   std::vector<NeighbourSelection<N>> selections_;  // one per thread
   Team team_;
   std::unique_ptr<LocalFit<N>> local_fit_;

@@ -27,9 +27,6 @@ bool WatchForks() {
 }  // namespace
 
 int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
-  // Between what a step takes in three dimensions, where a team gains nothing, and in
-  // four, where it begins to.
-  constexpr double kLeastWork = 8000.0;
   constexpr double kMostEvaluation = 20.0;  // times the work
   if (work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work) return 1;
   if (loops_to_wait_ > 0) {

@@ -30,15 +30,24 @@ class Team {
     return static_cast<double>(tables) * (static_cast<double>(candidates) + 100.0) * dimension;
   }
 
+  // Whether a loop is large enough to tell what one that may get a team would take, so
+  // that it and the evaluations around it are timed: in two dimensions the clock would
+  // cost as much as the evaluation.
+  static bool IsWorthTiming(double work) { return work >= kLeastWork / 2.0; }
+
   // Threads for a loop, when the last evaluation took `evaluation_nanoseconds`.
   int ThreadsFor(double work, double evaluation_nanoseconds);
-  // What the loop then took.
+  // What the loop then took, if it is worth timing.
   void Record(int threads, double work, double nanoseconds);
 
   // Number of the calling thread in its team, from 0.
   static int WorkerNumber();
 
  private:
+  // Between what a step takes in three dimensions, where a team gains nothing, and in
+  // four, where it begins to.
+  static constexpr double kLeastWork = 8000.0;
+
   double nanoseconds_per_work_ = 1.0;  // of one thread, as lately measured
   int loops_to_wait_ = 0;
   int next_wait_ = 1;

@@ -164,7 +164,9 @@ void Solver<N>::RebuildTables() {
   for (int worker = 0; worker < threads; ++worker) {
     selections_[static_cast<std::size_t>(worker)].Reserve(columns_.Size());
   }
-  const auto start = std::chrono::steady_clock::now();
+  using Clock = std::chrono::steady_clock;
+  is_timing_ = Team::IsWorthTiming(work);
+  const Clock::time_point start = is_timing_ ? Clock::now() : Clock::time_point();
   if (threads == 1) {
     for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, selections_[0]);
   } else {
@@ -174,8 +176,10 @@ void Solver<N>::RebuildTables() {
                    selections_[static_cast<std::size_t>(Team::WorkerNumber())]);
     }
   }
-  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
-  team_.Record(threads, work, elapsed.count());
+  if (is_timing_) {
+    const std::chrono::duration<double, std::nano> elapsed = Clock::now() - start;
+    team_.Record(threads, work, elapsed.count());
+  }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(tests_[rebuilt.position]);
 }
 
