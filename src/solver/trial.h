@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The records of a search: a point, an entry of a neighbour table, and a trial.
+// The records of a search: a point, an entry of a neighbour table, a trial, and the row
+// that the flood reads of it.
 // Plain data; what they mean to each other is kept by Solver<N>.
 
 #pragma once
@@ -76,7 +77,8 @@ struct Extent {
   bool Contains(const std::array<double, N>& point) const {
     bool is_within = true;
     for (int k = 0; k < N; ++k) {
-      is_within &= (minimum[k] <= point[k]) & (point[k] <= maximum[k]);
+      is_within &= minimum[k] <= point[k];
+      is_within &= point[k] <= maximum[k];
     }
     return is_within;
   }
@@ -113,7 +115,7 @@ struct Test final : SolverBase::TestBase, Point<N> {
   std::array<Neighbour, 3 * N> neighbours;
 };
 
-// Sets and clears flags of a trial whose flags no other thread writes meanwhile: a load
+// Clears and sets flags of a trial whose flags no other thread writes meanwhile: a load
 // and a store, where a locked operation would wait for every store before it.
 struct FlagChange {
   std::uint32_t set;
@@ -126,8 +128,8 @@ inline void ChangeFlags(SolverBase::TestBase& trial, FlagChange change) {
 
 // What the flood of a refresh reads of a trial: it asks the mark of every neighbour of
 // every listed trial, and where one is new, its point and its neighbours. Apart from
-// the trials, whose tables take six times the room; up to three dimensions in one
-// cache line.
+// the trials, whose tables take most of the room, and in one cache line up to three
+// dimensions.
 template <int N>
 struct alignas(kCacheLine) FloodRow {
   std::uint32_t mark = 0;  // see Solver<N>::Mark

@@ -67,8 +67,8 @@ void Solver<N>::AppendInEveryCombination(const Coordinates& point) {
   }
 }
 
-// Stores a trial without a neighbourhood. Trial and row come to stand together or not
-// at all, whatever throws.
+// Stores a trial without a neighbourhood. Where memory runs out the store is as
+// before, but for a row too many, which the next trial takes.
 template <int N>
 void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
                             const TestValue& value, std::uint32_t flags) {
