@@ -180,13 +180,16 @@ void UpdateList(benchmark::State& state) {
   ListTraffic traffic;
   CandidateList list;
   FillList(traffic, [&](const Candidate& c) { list.Offer(c, UpdateMode::kFull); });
-  std::vector<std::uint8_t> filter(CandidateList::kFilterSize);
-  static_assert(CandidateList::kFilterSize % ListTraffic::kTrials == 0, "traffic is the filter");
+  std::vector<std::uint32_t> rebuilt;
   for (auto _ : state) {
     traffic.NextStep();
-    std::copy(traffic.IsRebuilt().begin(), traffic.IsRebuilt().end(), filter.begin());
-    list.MarkStale(filter.data(),
-                   [&](std::uint32_t position) { return traffic.IsRebuilt()[position] != 0; });
+    rebuilt.clear();
+    for (const Candidate& candidate : traffic.Offers()) {
+      if (rebuilt.empty() || rebuilt.back() != candidate.position) {
+        rebuilt.push_back(candidate.position);
+      }
+    }
+    list.MarkStale(rebuilt.data(), rebuilt.size());
     for (const Candidate& candidate : traffic.Offers()) list.Stage(candidate);
     list.Commit();
   }

@@ -6,38 +6,60 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 namespace QuenloftSolver {
+namespace {
+
+// How many of ascending keys, from the first one on, satisfy a predicate. Without
+// branches: where a key belongs cannot be foreseen.
+template <typename Predicate>
+std::size_t CountLeading(const double* keys, std::size_t count, Predicate precedes) {
+  const double* first = keys;
+  while (count > 0) {
+    const std::size_t half = (count + 1) / 2;
+    first += static_cast<std::size_t>(precedes(first[half - 1])) * half;
+    count -= half;
+  }
+  return static_cast<std::size_t>(first - keys);
+}
+
+std::size_t CountBelow(const double* keys, std::size_t count, double key) {
+  return CountLeading(keys, count, [key](double other) { return other < key; });
+}
+
+std::size_t CountUpTo(const double* keys, std::size_t count, double key) {
+  return CountLeading(keys, count, [key](double other) { return other <= key; });
+}
+
+}  // namespace
 
 void CandidateList::Offer(const Candidate& candidate, UpdateMode mode) {
   is_used_ = true;
   const bool drops_below_front = mode == UpdateMode::kIncremental || size_ == kListCapacity;
   // The common case: most offers are worse than all that is listed.
-  if (drops_below_front && (size_ == 0 || active_->keys[0] > candidate.key)) return;
-  if (!active_) Allocate();
+  if (drops_below_front && (size_ == 0 || Keys()[0] > candidate.key)) return;
+  if (!storage_) Allocate();
 
-  Storage& entries = *active_;
-  const double* const begin = entries.keys;
+  const double* const begin = Keys();
   const double* const end = begin + size_;
   const double* const equal = std::lower_bound(begin, end, candidate.key);
   const double* const better =
       equal != end && *equal == candidate.key ? std::upper_bound(equal, end, candidate.key) : equal;
   std::size_t place = static_cast<std::size_t>(better - begin);
   for (std::size_t i = static_cast<std::size_t>(equal - begin); i < place; ++i) {
-    const Segment& listed = entries.segments[i];
-    if (listed.position == candidate.position && listed.test == candidate.test) return;
+    if (Positions()[i] == candidate.position && Tests()[i] == candidate.test) return;
   }
   if (place == 0 && drops_below_front) return;
   if (size_ == kListCapacity) {
     --place;
     MoveEntries(1, 0, place);
   } else {
+    MakeRoom(size_ + 1);
     MoveEntries(place, place + 1, size_ - place);
     ++size_;
   }
-  entries.keys[place] = candidate.key;
-  entries.segments[place] = {candidate.position, candidate.test};
-  if (candidate.key == kUnset || std::isnan(candidate.key)) has_unordered_keys_ = true;
+  Write(place, candidate);
 }
 
 Candidate CandidateList::TakeBest() {
@@ -47,108 +69,228 @@ Candidate CandidateList::TakeBest() {
 }
 
 void CandidateList::Clear() {
+  begin_ = 0;
   size_ = 0;
   stale_count_ = 0;
 }
 
-void CandidateList::Stage(const Candidate& candidate) {
-  is_used_ = true;
-  // The first entry that stays is the least that an offer must reach.
+std::size_t CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
+  stale_count_ = 0;
+  floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
+  if (size_ == 0) return 0;
+  if (count > 0) FindStale(rebuilt, count);
+  if (has_unordered_keys_) {
+    // Too rare for more than the plain way.
+    MarkUnsetKeys();
+    std::fill_n(stale_->fates, stale_count_, Fate::kGoes);
+    Commit();
+    floor_ = -std::numeric_limits<double>::infinity();
+    return size_;
+  }
+  JudgeStale();
+  if (stale_count_ == size_) return 0;
   std::size_t front = 0;
-  while (front < stale_count_ && stale_[front] == front) ++front;
-  if (front == size_ || active_->keys[front] > candidate.key) return;
-  staged_.push_back({candidate.key, staged_.size(), {candidate.position, candidate.test}});
+  while (front < stale_count_ && stale_->places[front] == front) ++front;
+  floor_ = Keys()[front];
+  return size_ - stale_count_;
 }
 
+void CandidateList::StageReaching(const Candidate& candidate) {
+  if (has_unordered_keys_) {
+    Offer(candidate, UpdateMode::kIncremental);
+  } else if (!LetStand(candidate)) {
+    staged_.push_back({candidate, staged_.size(), 0});
+  }
+}
+
+// Finds the stretches between places where something goes or comes, and moves each
+// once: those that move towards the front first, from the front on, then the others, from
+// the end on. So each finds its new place free: stretches keep their order, hence none
+// ends where one of the other kind still has to leave.
 void CandidateList::Commit() {
-  const bool has_unordered =
-      has_unordered_keys_ || std::any_of(staged_.begin(), staged_.end(), [](const Staged& staged) {
-        return staged.key == kUnset || std::isnan(staged.key);
-      });
-  if (staged_.empty()) {
-    RemoveStale();
-  } else if (has_unordered) {
-    RemoveStale();
-    for (const Staged& staged : staged_) {
-      Offer({staged.key, staged.segment.position, staged.segment.test}, UpdateMode::kIncremental);
-    }
-  } else {
-    Merge();
+  std::size_t going_count = 0;
+  for (std::size_t s = 0; s < stale_count_; ++s) {
+    stale_->places[going_count] = stale_->places[s];
+    going_count += stale_->fates[s] != Fate::kStays ? 1 : 0;
   }
   stale_count_ = 0;
+  if (going_count == 0 && staged_.empty()) return;
+  PlaceStaged();
+  const std::size_t total = size_ - going_count + staged_.size();
+  std::size_t surplus = total - std::min(total, kListCapacity);
+  std::size_t going = 0;
+  std::size_t coming = 0;
+  // The window begins at the first entry that is left.
+  std::size_t first = 0;
+  for (;;) {
+    if (going < going_count && stale_->places[going] == first) {
+      ++going;
+      ++first;
+    } else if (surplus == 0) {
+      break;
+    } else {
+      const bool is_staged = coming < staged_.size() && staged_[coming].place <= first;
+      ++(is_staged ? coming : first);
+      --surplus;
+    }
+  }
+  const std::size_t first_coming = coming;
+  MakeRoom(first + std::min(total, kListCapacity));
+
+  std::size_t in = first;
+  std::size_t out = first;
+  const auto pass_until = [&](std::size_t end) {
+    const std::size_t count = end - in;
+    if (out < in) {
+      MoveEntries(in, out, count);
+    } else if (out > in && count > 0) {
+      rising_.push_back({in, out, count});
+    }
+    in += count;
+    out += count;
+  };
+  while (going < going_count || coming < staged_.size()) {
+    const bool comes = coming < staged_.size() &&
+                       (going == going_count || staged_[coming].place <= stale_->places[going]);
+    if (comes) {
+      pass_until(std::max(in, staged_[coming].place));
+      staged_[coming++].place = out++;
+    } else {
+      pass_until(stale_->places[going++]);
+      ++in;
+    }
+  }
+  pass_until(size_);
+  for (; !rising_.empty(); rising_.pop_back()) {
+    MoveEntries(rising_.back().from, rising_.back().to, rising_.back().count);
+  }
+  for (std::size_t s = first_coming; s < staged_.size(); ++s) {
+    Write(staged_[s].place, staged_[s].candidate);
+  }
   staged_.clear();
+  begin_ += first;
+  size_ = out - first;
 }
 
 void CandidateList::Allocate() {
-  active_ = std::make_unique<Storage>();
-  spare_ = std::make_unique<Storage>();
-  stale_ = std::make_unique<std::uint16_t[]>(kListCapacity);
+  storage_ = std::make_unique<Storage>();
+  stale_ = std::make_unique<Stale>();
+}
+
+// Compares a block of positions with all that were rebuilt, and looks closer where any
+// is equal: few are. The last block may reach beyond the list.
+void CandidateList::FindStale(const std::uint32_t* rebuilt, std::size_t count) {
+  using Lanes = std::uint32_t __attribute__((vector_size(16)));
+  constexpr std::size_t kVectors = kScanned * sizeof(std::uint32_t) / sizeof(Lanes);
+  const std::uint32_t* const positions = Positions();
+  std::uint32_t* const places = stale_->places;
+  std::size_t found = 0;
+  for (std::size_t i = 0; i < size_; i += kScanned) {
+    Lanes block[kVectors];
+    std::memcpy(block, positions + i, sizeof(block));
+    Lanes equal[kVectors] = {};
+    for (std::size_t r = 0; r < count; ++r) {
+      const Lanes position = {rebuilt[r], rebuilt[r], rebuilt[r], rebuilt[r]};
+      for (std::size_t v = 0; v < kVectors; ++v) {
+        equal[v] |= reinterpret_cast<Lanes>(block[v] == position);
+      }
+    }
+    Lanes any = equal[0];
+    for (std::size_t v = 1; v < kVectors; ++v) any |= equal[v];
+    std::uint64_t halves[2];
+    std::memcpy(halves, &any, sizeof(any));
+    if ((halves[0] | halves[1]) == 0) continue;
+    std::uint32_t is_equal[kScanned];
+    std::memcpy(is_equal, equal, sizeof(equal));
+    for (std::size_t j = 0; j < kScanned; ++j) {
+      places[found] = static_cast<std::uint32_t>(i + j);
+      found += is_equal[j] & 1;
+    }
+  }
+  while (found > 0 && places[found - 1] >= size_) --found;
+  stale_count_ = found;
 }
 
 void CandidateList::MarkUnsetKeys() {
   std::size_t stale = 0;
-  std::size_t kept_count = 0;
-  std::uint16_t marked[kListCapacity];
-  for (std::size_t i = 0; i < size_; ++i) {
-    const bool is_marked = stale < stale_count_ && stale_[stale] == i;
+  std::size_t marked_count = 0;
+  std::uint32_t marked[kListCapacity];
+  for (std::uint32_t i = 0; i < size_; ++i) {
+    const bool is_marked = stale < stale_count_ && stale_->places[stale] == i;
     stale += is_marked ? 1 : 0;
-    if (is_marked || active_->keys[i] == kUnset) {
-      marked[kept_count++] = static_cast<std::uint16_t>(i);
+    if (is_marked || Keys()[i] == kUnset) marked[marked_count++] = i;
+  }
+  std::copy_n(marked, marked_count, stale_->places);
+  stale_count_ = marked_count;
+}
+
+// What stands before an equal key that is not stale comes behind it when it comes back,
+// so it cannot stay.
+void CandidateList::JudgeStale() {
+  const double* const keys = Keys();
+  Stale& stale = *stale_;
+  for (std::size_t s = stale_count_; s-- > 0;) {
+    const std::size_t place = stale.places[s];
+    stale.keys[s] = keys[place];
+    const bool ends_run = place + 1 == size_ || keys[place + 1] != keys[place];
+    const bool may_stay = ends_run || (s + 1 < stale_count_ && stale.places[s + 1] == place + 1 &&
+                                       stale.fates[s + 1] == Fate::kMayStay);
+    stale.fates[s] = may_stay ? Fate::kMayStay : Fate::kGoes;
+  }
+}
+
+// Lets the candidate stay if it stands among the stale ones that still may. Of equal
+// keys, those before it can then stay no more, being late; and none can if it is new.
+bool CandidateList::LetStand(const Candidate& candidate) {
+  Stale& stale = *stale_;
+  for (std::size_t s = CountBelow(stale.keys, stale_count_, candidate.key);
+       s < stale_count_ && stale.keys[s] == candidate.key; ++s) {
+    if (stale.fates[s] != Fate::kMayStay) continue;
+    const std::size_t place = stale.places[s];
+    if (Positions()[place] == candidate.position && Tests()[place] == candidate.test) {
+      stale.fates[s] = Fate::kStays;
+      return true;
     }
+    stale.fates[s] = Fate::kGoes;
   }
-  std::copy_n(marked, kept_count, stale_.get());
-  stale_count_ = kept_count;
+  return false;
 }
 
-void CandidateList::RemoveStale() {
-  for (std::size_t s = 0; s < stale_count_; ++s) {
-    const std::size_t from = stale_[s] + std::size_t{1};
-    const std::size_t to = s + 1 < stale_count_ ? stale_[s + 1] : size_;
-    MoveEntries(from, stale_[s] - s, to - from);
-  }
-  size_ -= stale_count_;
-}
-
-// Writes the spare storage from its end, best first, until all is there or it is full.
-void CandidateList::Merge() {
+// Behind equal keys, which are older.
+void CandidateList::PlaceStaged() {
   std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
-    return a.key != b.key ? a.key < b.key : a.number < b.number;
+    return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
+                                              : a.number < b.number;
   });
-  const std::size_t total = std::min(kListCapacity, size_ - stale_count_ + staged_.size());
-  std::size_t out = total;  // entries from here on are written
-  std::size_t in = size_;   // entries from here on are read
-  std::size_t stale = stale_count_;
-  // Copies the entries from `until` on that stay.
-  const auto copy_down_to = [&](std::size_t until) {
-    while (in > until && out > 0) {
-      const bool ends_at_stale = stale > 0 && stale_[stale - 1] >= until;
-      const std::size_t first = ends_at_stale ? stale_[stale - 1] + std::size_t{1} : until;
-      const std::size_t count = std::min(in - first, out);
-      out -= count;
-      std::memcpy(spare_->keys + out, active_->keys + in - count, count * sizeof(double));
-      std::memcpy(spare_->segments + out, active_->segments + in - count, count * sizeof(Segment));
-      in = ends_at_stale ? first - 1 : first;
-      stale -= ends_at_stale ? 1 : 0;
-    }
-  };
-  for (auto staged = staged_.rbegin(); staged != staged_.rend() && out > 0; ++staged) {
-    // Behind the equal ones, which are older.
-    copy_down_to(static_cast<std::size_t>(
-        std::upper_bound(active_->keys, active_->keys + in, staged->key) - active_->keys));
-    if (out == 0) break;
-    --out;
-    spare_->keys[out] = staged->key;
-    spare_->segments[out] = staged->segment;
+  std::size_t place = 0;
+  for (Staged& staged : staged_) {
+    place += CountUpTo(Keys() + place, size_ - place, staged.candidate.key);
+    staged.place = place;
   }
-  copy_down_to(0);
-  std::swap(active_, spare_);
-  size_ = total;
+}
+
+// For entries before `end`.
+void CandidateList::MakeRoom(std::size_t end) {
+  if (begin_ + end <= kRoom) return;
+  const std::size_t begin = begin_;
+  begin_ = 0;
+  MoveEntries(begin, 0, size_);
 }
 
 void CandidateList::MoveEntries(std::size_t from, std::size_t to, std::size_t count) {
-  Storage& entries = *active_;
-  std::memmove(entries.keys + to, entries.keys + from, count * sizeof(entries.keys[0]));
-  std::memmove(entries.segments + to, entries.segments + from, count * sizeof(entries.segments[0]));
+  const auto move = [&](auto* entries) {
+    std::memmove(entries + begin_ + to, entries + begin_ + from, count * sizeof(*entries));
+  };
+  move(storage_->keys);
+  move(storage_->positions);
+  move(storage_->tests);
+}
+
+void CandidateList::Write(std::size_t place, const Candidate& candidate) {
+  storage_->keys[begin_ + place] = candidate.key;
+  storage_->positions[begin_ + place] = candidate.position;
+  storage_->tests[begin_ + place] = candidate.test;
+  if (candidate.key == kUnset || std::isnan(candidate.key)) has_unordered_keys_ = true;
 }
 
 }  // namespace QuenloftSolver

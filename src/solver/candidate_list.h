@@ -5,7 +5,6 @@
 
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -30,8 +29,9 @@ enum class UpdateMode { kFull, kIncremental };
 //   (2) Among equal keys the one offered later stands nearer the end.
 //   (3) No candidate stands twice.
 // Cost: Offer O(log size) to find and one move of the better entries; TakeBest
-// O(1); MarkStale and Commit one pass each. Storage is allocated by the first offer
-// that is kept, and never again.
+// O(1); MarkStale one pass over positions; Stage O(log size); Commit one move of what
+// stands above the least change. Storage is allocated by the first offer that is kept,
+// and never again.
 // Threads: none.
 class CandidateList {
  public:
@@ -40,10 +40,9 @@ class CandidateList {
   // Whether anything was ever offered.
   bool IsUsed() const { return is_used_; }
   // 0 is the least promising candidate.
-  Candidate operator[](std::size_t i) const {
-    return {active_->keys[i], active_->segments[i].position, active_->segments[i].test};
-  }
-  double BestKey() const { return active_->keys[size_ - 1]; }
+  Candidate operator[](std::size_t i) const { return {Keys()[i], Positions()[i], Tests()[i]}; }
+  double BestKey() const { return Keys()[size_ - 1]; }
+  double LeastKey() const { return Keys()[0]; }
 
   // Lists a candidate unless it is listed already, or every listed key is better
   // and the list is full or the update incremental: an incremental update adds
@@ -56,87 +55,88 @@ class CandidateList {
 
   void Clear();
 
-  // An incremental update in one go. The plain way removes what is stale, which moves
-  // the list once, and inserts offers one by one, each of which moves what is better:
-  // at N = 2 half of all instructions of a step. Instead MarkStale notes what is to go,
-  // Stage what is to come, and Commit writes the list anew from its best end: what is
-  // written is what is left after one offer after the other, because a full list loses
-  // its least entry whatever the order, and offers of equal keys keep theirs.
+  // An incremental update in one go: MarkStale, then Stage for every segment of the
+  // rebuilt trials, then Commit. The plain way removes what is stale, which moves the
+  // list once, and inserts offers one by one, each of which moves what is better: half
+  // of all instructions of a step at N = 2. But most segments of a rebuilt table come
+  // back as they were. So Stage lets a stale candidate stand that is offered with the
+  // same key, and Commit moves each stretch between two real changes once.
+  // The outcome is that of one offer after the other: a full list loses its least
+  // entries whatever the order, and of equal keys only those stand that the offers bring
+  // back in the order in which they stand, behind all that was not stale and before all
+  // that is new; others go, and come as if they were new.
   //
-  // Marks the candidates for which `is_stale(position)` holds, and those whose key says
-  // that it must be computed anew. `filter` has kFilterSize bytes; a 0 for a position
-  // modulo kFilterSize says that it is not stale. Returns how many candidates stay.
-  template <typename Predicate>
-  std::size_t MarkStale(const std::uint8_t* filter, Predicate is_stale) {
-    if (size_ == 0) return 0;
-    const Storage& entries = *active_;
-    std::uint16_t* stale = stale_.get();
-    std::size_t found = 0;
-    const auto suspicion = [&](std::size_t i) {
-      return filter[entries.segments[i].position % kFilterSize];
-    };
-    // Eight at a time: few are stale.
-    for (std::size_t i = 0; i < size_; i += 8) {
-      const std::size_t end = std::min(size_, i + 8);
-      if (end == i + 8 &&
-          (suspicion(i) | suspicion(i + 1) | suspicion(i + 2) | suspicion(i + 3) |
-           suspicion(i + 4) | suspicion(i + 5) | suspicion(i + 6) | suspicion(i + 7)) == 0) {
-        continue;
-      }
-      for (std::size_t j = i; j < end; ++j) {
-        stale[found] = static_cast<std::uint16_t>(j);
-        found += suspicion(j);
-      }
-    }
-    stale_count_ = 0;
-    for (std::size_t f = 0; f < found; ++f) {
-      if (is_stale(entries.segments[stale[f]].position)) stale[stale_count_++] = stale[f];
-    }
-    if (has_unordered_keys_) MarkUnsetKeys();
-    return size_ - stale_count_;
-  }
-  static constexpr std::uint32_t kFilterSize = 256;
+  // Marks the candidates of the `count` trials at `rebuilt`, and those whose key says
+  // that it must be computed anew. Returns how many candidates stay whatever is offered.
+  std::size_t MarkStale(const std::uint32_t* rebuilt, std::size_t count);
 
-  // Offers a candidate of an incremental update that is not listed, to take effect by
-  // Commit.
-  void Stage(const Candidate& candidate);
+  // Offers a candidate of a marked trial, to take effect by Commit. The least entry that
+  // was not marked is the least that an offer must reach.
+  void Stage(const Candidate& candidate) {
+    is_used_ = true;
+    if (candidate.key >= floor_) StageReaching(candidate);
+  }
   void Commit();
 
   // Whether some listed key may be kUnset or NaN, so that every update must mark them.
   bool HasUnorderedKeys() const { return has_unordered_keys_; }
 
  private:
-  struct Segment {
-    std::uint32_t position;
-    std::int32_t test;
-  };
-  // Two columns: the search for a place reads keys alone.
+  // Entries stand in a window of the storage, which moves towards its end as the least
+  // ones fall out, so that what stands above them need not move.
+  static constexpr std::size_t kRoom = 2 * kListCapacity;
+  static constexpr std::size_t kScanned = 16;  // positions that MarkStale compares at once
+  // Columns: the search for a place reads keys alone, the one for stale entries positions.
   struct Storage {
+    double keys[kRoom];
+    std::uint32_t positions[kRoom + kScanned];
+    std::int32_t tests[kRoom];
+  };
+  enum class Fate : std::uint8_t { kMayStay, kStays, kGoes };
+  // In ascending order of places, so of keys.
+  struct Stale {
+    std::uint32_t places[kListCapacity + kScanned];
     double keys[kListCapacity];
-    Segment segments[kListCapacity];
+    Fate fates[kListCapacity];
   };
   struct Staged {
-    double key;
+    Candidate candidate;
     std::size_t number;  // in the order of offers
-    Segment segment;
+    std::size_t place;   // of the entry before which it comes; then its own
+  };
+  struct Stretch {
+    std::size_t from;
+    std::size_t to;
+    std::size_t count;
   };
 
-  void Allocate();
-  void MarkUnsetKeys();
-  void RemoveStale();
-  void Merge();
-  void MoveEntries(std::size_t from, std::size_t to, std::size_t count);
+  const double* Keys() const { return storage_->keys + begin_; }
+  const std::uint32_t* Positions() const { return storage_->positions + begin_; }
+  const std::int32_t* Tests() const { return storage_->tests + begin_; }
 
+  void Allocate();
+  void FindStale(const std::uint32_t* rebuilt, std::size_t count);
+  void MarkUnsetKeys();
+  void JudgeStale();
+  void StageReaching(const Candidate& candidate);
+  bool LetStand(const Candidate& candidate);
+  void PlaceStaged();
+  void MakeRoom(std::size_t end);
+  void MoveEntries(std::size_t from, std::size_t to, std::size_t count);
+  void Write(std::size_t place, const Candidate& candidate);
+
+  std::size_t begin_ = 0;
   std::size_t size_ = 0;
   bool is_used_ = false;
   bool has_unordered_keys_ = false;
-  std::unique_ptr<Storage> active_;
-  std::unique_ptr<Storage> spare_;  // trades places with active_ at a Commit
+  std::unique_ptr<Storage> storage_;
 
   // The update under way.
-  std::unique_ptr<std::uint16_t[]> stale_;  // places, ascending
+  std::unique_ptr<Stale> stale_;
   std::size_t stale_count_ = 0;
+  double floor_ = 0.0;
   std::vector<Staged> staged_;
+  std::vector<Stretch> rising_;  // to be moved towards the end
 };
 
 }  // namespace QuenloftSolver

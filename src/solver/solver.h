@@ -143,6 +143,7 @@ class Solver final : public SolverBase {
   // candidate_update_impl.h
   void UpdateCandidates(UpdateMode mode);
   UpdateMode MarkStaleCandidates(UpdateMode mode);
+  void ListRebuiltIn(const CandidateList& list, const KeyBounds& bounds);
   void CommitLists();
   void UpdateEveryTrial();
   template <typename OfferTo>  // void(CandidateList&, const Candidate&)
@@ -175,7 +176,7 @@ class Solver final : public SolverBase {
   // One per class.
   std::vector<CandidateList> local_lists_;
   std::vector<CandidateList> global_lists_;
-  // Best keys of each trial's segments; kept when there is one class alone.
+  // Best keys of each trial's segments, in lists of whichever classes.
   KeyBounds local_bounds_;
   KeyBounds global_bounds_;
 
@@ -203,7 +204,7 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> seen_;  // trials that a ring of the flood meets first
   CandidateColumns<N> columns_;
   std::vector<std::uint32_t> local_candidates_;  // gathered trials marked local
-  std::vector<std::uint8_t> rebuilt_filter_;     // by position modulo its size
+  std::vector<std::uint32_t> rebuilt_in_list_;   // perhaps, of the list at hand
   std::vector<std::int32_t> evaluation_categories_;
   bool is_timing_ = true;                          // evaluations and loops, see Team
   double evaluation_nanoseconds_ = 0.0;            // that the last timed evaluation took

@@ -46,16 +46,11 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
 // The plain way looks every entry up in its trial's table, to see whether its
 // characteristic still stands. But a characteristic is unset by a rebuild alone, and
 // the next update sets it again, so an entry is stale exactly when its trial was
-// rebuilt since (or its key happens to be the mark for unset): the trial's number
-// answers, through a small filter. And rebuilt trials are of
-// one combination, so the lists of others hold nothing stale.
+// rebuilt since (or its key happens to be the mark for unset). And rebuilt trials are of
+// one combination, so the lists of others hold nothing stale; nor does a list whose
+// least key none of the rebuilt trials reached before: more than half of all.
 template <int N>
 UpdateMode Solver<N>::MarkStaleCandidates(UpdateMode mode) {
-  constexpr std::uint32_t kFilterSize = CandidateList::kFilterSize;
-  if (rebuilt_filter_.empty()) rebuilt_filter_.resize(kFilterSize);
-  std::uint8_t* filter = rebuilt_filter_.data();
-  for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 1;
-  const auto is_stale = [this](std::uint32_t position) { return IsRebuilt(position); };
   const bool knows_rebuilt = mode == UpdateMode::kIncremental && !rebuilt_.empty();
   const std::uint32_t combination =
       knows_rebuilt ? tests_[rebuilt_.front().position].combination : 0;
@@ -63,17 +58,34 @@ UpdateMode Solver<N>::MarkStaleCandidates(UpdateMode mode) {
   for (std::uint32_t c = 0; c < class_count_; ++c) {
     if (class_changed_[c]) global_lists_[c].Clear();
     const bool may_be_stale = knows_rebuilt && c % combination_count_ == combination;
-    for (CandidateList* list : {&local_lists_[c], &global_lists_[c]}) {
-      std::size_t staying = list->Size();
-      if (may_be_stale || list->HasUnorderedKeys()) {
-        work_.entries_visited += staying;
-        staying = list->MarkStale(filter, is_stale);
+    const auto mark = [&](CandidateList& list, const KeyBounds& bounds) {
+      std::size_t staying = list.Size();
+      if (may_be_stale || list.HasUnorderedKeys()) {
+        ListRebuiltIn(list, bounds);
+        if (!rebuilt_in_list_.empty()) work_.entries_visited += staying;
+        staying = list.MarkStale(rebuilt_in_list_.data(), rebuilt_in_list_.size());
       }
-      if (list->IsUsed() && staying == 0) mode = UpdateMode::kFull;
+      if (list.IsUsed() && staying == 0) mode = UpdateMode::kFull;
+    };
+    mark(local_lists_[c], local_bounds_);
+    mark(global_lists_[c], global_bounds_);
+  }
+  return mode;
+}
+
+// The rebuilt trials that may have entries in the list.
+template <int N>
+void Solver<N>::ListRebuiltIn(const CandidateList& list, const KeyBounds& bounds) {
+  rebuilt_in_list_.clear();
+  if (list.IsEmpty()) return;
+  const double least = list.LeastKey();
+  for (const Rebuilt& rebuilt : rebuilt_) {
+    // Beyond the bounds are trials that never were offered.
+    const bool reaches = rebuilt.position < bounds.Size() && !(bounds[rebuilt.position] < least);
+    if (reaches || list.HasUnorderedKeys()) {
+      rebuilt_in_list_.push_back(rebuilt.position);
     }
   }
-  for (const Rebuilt& rebuilt : rebuilt_) filter[rebuilt.position % kFilterSize] = 0;
-  return mode;
 }
 
 template <int N>
@@ -194,10 +206,8 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
       best_global = segment.global_characteristic;
     }
   }
-  if (class_count_ == 1) {
-    local_bounds_.Set(position, best_local);
-    global_bounds_.Set(position, best_global);
-  }
+  local_bounds_.Set(position, best_local);
+  global_bounds_.Set(position, best_global);
 }
 
 }  // namespace QuenloftSolver
