@@ -181,22 +181,29 @@ void CandidateList::Allocate() {
 // is equal: few are. The last block may reach beyond the list.
 void CandidateList::FindStale(const std::uint32_t* rebuilt, std::size_t count) {
   using Lanes = std::uint32_t __attribute__((vector_size(16)));
-  constexpr std::size_t kVectors = kScanned * sizeof(std::uint32_t) / sizeof(Lanes);
+  static_assert(kScanned * sizeof(std::uint32_t) == 4 * sizeof(Lanes));
   const std::uint32_t* const positions = Positions();
   std::uint32_t* const places = stale_->places;
+  const auto load = [](const std::uint32_t* from) {
+    Lanes lanes;
+    std::memcpy(&lanes, from, sizeof(lanes));
+    return lanes;
+  };
   std::size_t found = 0;
   for (std::size_t i = 0; i < size_; i += kScanned) {
-    Lanes block[kVectors];
-    std::memcpy(block, positions + i, sizeof(block));
-    Lanes equal[kVectors] = {};
+    const Lanes a = load(positions + i);
+    const Lanes b = load(positions + i + 4);
+    const Lanes c = load(positions + i + 8);
+    const Lanes d = load(positions + i + 12);
+    Lanes equal[4] = {};
     for (std::size_t r = 0; r < count; ++r) {
       const Lanes position = {rebuilt[r], rebuilt[r], rebuilt[r], rebuilt[r]};
-      for (std::size_t v = 0; v < kVectors; ++v) {
-        equal[v] |= reinterpret_cast<Lanes>(block[v] == position);
-      }
+      equal[0] |= reinterpret_cast<Lanes>(a == position);
+      equal[1] |= reinterpret_cast<Lanes>(b == position);
+      equal[2] |= reinterpret_cast<Lanes>(c == position);
+      equal[3] |= reinterpret_cast<Lanes>(d == position);
     }
-    Lanes any = equal[0];
-    for (std::size_t v = 1; v < kVectors; ++v) any |= equal[v];
+    const Lanes any = equal[0] | equal[1] | equal[2] | equal[3];
     std::uint64_t halves[2];
     std::memcpy(halves, &any, sizeof(any));
     if ((halves[0] | halves[1]) == 0) continue;
