@@ -41,25 +41,21 @@ void CandidateList::Offer(const Candidate& candidate, UpdateMode mode) {
   if (drops_below_front && (size_ == 0 || Keys()[0] > candidate.key)) return;
   if (!storage_) Allocate();
 
-  const double* const begin = Keys();
-  const double* const end = begin + size_;
-  const double* const equal = std::lower_bound(begin, end, candidate.key);
-  const double* const better =
-      equal != end && *equal == candidate.key ? std::upper_bound(equal, end, candidate.key) : equal;
-  std::size_t place = static_cast<std::size_t>(better - begin);
-  for (std::size_t i = static_cast<std::size_t>(equal - begin); i < place; ++i) {
-    if (Positions()[i] == candidate.position && Tests()[i] == candidate.test) return;
+  const double* const keys = Keys();
+  std::size_t place =
+      has_unordered_keys_
+          ? static_cast<std::size_t>(std::lower_bound(keys, keys + size_, candidate.key) - keys)
+          : CountBelow(keys, size_, candidate.key);
+  for (; place < size_ && keys[place] == candidate.key; ++place) {
+    if (Positions()[place] == candidate.position && Tests()[place] == candidate.test) return;
   }
   if (place == 0 && drops_below_front) return;
   if (size_ == kListCapacity) {
+    ++begin_;
+    --size_;
     --place;
-    MoveEntries(1, 0, place);
-  } else {
-    MakeRoom(size_ + 1);
-    MoveEntries(place, place + 1, size_ - place);
-    ++size_;
   }
-  Write(place, candidate);
+  Insert(place, candidate);
 }
 
 Candidate CandidateList::TakeBest() {
@@ -69,7 +65,6 @@ Candidate CandidateList::TakeBest() {
 }
 
 void CandidateList::Clear() {
-  begin_ = 0;
   size_ = 0;
   stale_count_ = 0;
 }
@@ -175,6 +170,7 @@ void CandidateList::Commit() {
 void CandidateList::Allocate() {
   storage_ = std::make_unique<Storage>();
   stale_ = std::make_unique<Stale>();
+  begin_ = kRoom / 2;
 }
 
 // Compares a block of positions with all that were rebuilt, and looks closer where any
@@ -276,12 +272,25 @@ void CandidateList::PlaceStaged() {
   }
 }
 
-// For entries before `end`.
+// Moves the fewer, those below or those above.
+void CandidateList::Insert(std::size_t place, const Candidate& candidate) {
+  if (place < size_ / 2 && begin_ > 0) {
+    --begin_;
+    MoveEntries(1, 0, place);
+  } else {
+    MakeRoom(size_ + 1);
+    MoveEntries(place, place + 1, size_ - place);
+  }
+  ++size_;
+  Write(place, candidate);
+}
+
+// For entries before `end`: puts the window into the middle if it ends too late.
 void CandidateList::MakeRoom(std::size_t end) {
   if (begin_ + end <= kRoom) return;
-  const std::size_t begin = begin_;
-  begin_ = 0;
-  MoveEntries(begin, 0, size_);
+  const std::size_t distance = begin_ - (kRoom - end) / 2;
+  begin_ -= distance;
+  MoveEntries(distance, 0, size_);
 }
 
 void CandidateList::MoveEntries(std::size_t from, std::size_t to, std::size_t count) {

@@ -82,8 +82,8 @@ class CandidateList {
   bool HasUnorderedKeys() const { return has_unordered_keys_; }
 
  private:
-  // Entries stand in a window of the storage, which moves towards its end as the least
-  // ones fall out, so that what stands above them need not move.
+  // Entries stand in a window of the storage with room on either side, so that what
+  // stands above the least ones need not move when these fall out.
   static constexpr std::size_t kRoom = 2 * kListCapacity;
   static constexpr std::size_t kScanned = 16;  // positions that MarkStale compares at once
   // Columns: the search for a place reads keys alone, the one for stale entries positions.
@@ -121,6 +121,7 @@ class CandidateList {
   void StageReaching(const Candidate& candidate);
   bool LetStand(const Candidate& candidate);
   void PlaceStaged();
+  void Insert(std::size_t place, const Candidate& candidate);
   void MakeRoom(std::size_t end);
   void MoveEntries(std::size_t from, std::size_t to, std::size_t count);
   void Write(std::size_t place, const Candidate& candidate);

@@ -148,6 +148,7 @@ class Solver final : public SolverBase {
   void UpdateEveryTrial();
   template <typename OfferTo>  // void(CandidateList&, const Candidate&)
   void OfferSegments(std::uint32_t position, OfferTo offer);
+  std::uint32_t SetCharacteristics(const Test<N>& trial, Neighbour& segment) const;
 
   // Fixed after construction.
   SearchParameters parameters_;
@@ -205,6 +206,7 @@ class Solver final : public SolverBase {
   CandidateColumns<N> columns_;
   std::vector<std::uint32_t> local_candidates_;  // gathered trials marked local
   std::vector<std::uint32_t> rebuilt_in_list_;   // perhaps, of the list at hand
+  std::vector<std::uint32_t> needed_;            // in an update of every trial
   std::vector<std::int32_t> evaluation_categories_;
   bool is_timing_ = true;                          // evaluations and loops, see Team
   double evaluation_nanoseconds_ = 0.0;            // that the last timed evaluation took

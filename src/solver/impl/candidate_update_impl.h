@@ -154,6 +154,7 @@ void Solver<N>::UpdateEveryTrial() {
   }
   ListDemand local(local_lists_[0], local_bounds_);
   ListDemand global(global_lists_[0], global_bounds_);
+  needed_.clear();
   for (std::uint32_t first = 0; first < count; first += KeyBounds::kBlockSize) {
     const std::size_t block = first / KeyBounds::kBlockSize;
     if (!local.NeedsBlock(block) && !global.NeedsBlock(block)) continue;
@@ -161,17 +162,20 @@ void Solver<N>::UpdateEveryTrial() {
         std::min(count, first + static_cast<std::uint32_t>(KeyBounds::kBlockSize));
     for (std::uint32_t p = first; p < end; ++p) {
       const bool is_needed = local.NeedsTrial(p);
-      if (global.NeedsTrial(p) || is_needed) OfferSegments(p, offer);
+      if (global.NeedsTrial(p) || is_needed) needed_.push_back(p);
     }
+  }
+  // They stand anywhere in memory.
+  constexpr std::size_t kAhead = 8;
+  for (std::size_t i = 0; i < needed_.size(); ++i) {
+    const Test<N>& ahead = tests_[needed_[std::min(i + kAhead, needed_.size() - 1)]];
+    for (std::size_t byte = 0; byte < sizeof(ahead); byte += 64) {
+      __builtin_prefetch(reinterpret_cast<const char*>(&ahead) + byte);
+    }
+    OfferSegments(needed_[i], offer);
   }
 }
 
-// With m an overestimated slope, d the length of a segment and z the values at its
-// ends, the least that the function can be on it is
-//   (z_a + z_b - m d) / 2   between trials of one index,
-//   z_a - m d               towards a face or a trial of a lower index,
-// which the characteristic negates. The slope is that of the end with the higher
-// index: of its class for the global one, its own for the local one.
 template <int N>
 template <typename OfferTo>
 void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
@@ -180,23 +184,12 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
   double best_global = best_local;
   for (Neighbour& segment : trial.neighbours) {
     if (segment.test == kNone) break;
-    const Test<N>* a = &trial;
-    const Test<N>* b =
-        IsFace(segment.test) ? nullptr : &tests_[static_cast<std::uint32_t>(segment.test)];
-    if (b != nullptr && b->value.index > a->value.index) std::swap(a, b);
-    const std::uint32_t c = ClassOf(*a);
-    const auto characteristic = [&](double slope) {
-      return b != nullptr && a->value.index == b->value.index
-                 ? (slope * segment.distance - a->value.value - b->value.value) / 2.0
-                 : slope * segment.distance - a->value.value;
-    };
-    if (segment.local_characteristic == kUnset) {
-      segment.local_characteristic =
-          characteristic(UsableSlope(a->slope) * parameters_.overestimation_local);
-    }
-    if (segment.global_characteristic == kUnset || class_changed_[c]) {
-      segment.global_characteristic =
-          characteristic(UsableSlope(slopes_[c]) * parameters_.overestimation);
+    // The other end is looked up only where it matters: it stands anywhere in memory.
+    std::uint32_t c = trial.combination;
+    const bool is_known =
+        segment.local_characteristic != kUnset && segment.global_characteristic != kUnset;
+    if (function_count_ > 1 || !is_known || class_changed_[c]) {
+      c = SetCharacteristics(trial, segment);
     }
     offer(local_lists_[c], {segment.local_characteristic, position, segment.test});
     offer(global_lists_[c], {segment.global_characteristic, position, segment.test});
@@ -208,6 +201,36 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
   }
   local_bounds_.Set(position, best_local);
   global_bounds_.Set(position, best_global);
+}
+
+// With m an overestimated slope, d the length of a segment and z the values at its
+// ends, the least that the function can be on it is
+//   (z_a + z_b - m d) / 2   between trials of one index,
+//   z_a - m d               towards a face or a trial of a lower index,
+// which the characteristic negates. The slope is that of the end with the higher
+// index: of its class for the global one, its own for the local one.
+// Returns the class of the segment.
+template <int N>
+std::uint32_t Solver<N>::SetCharacteristics(const Test<N>& trial, Neighbour& segment) const {
+  const Test<N>* a = &trial;
+  const Test<N>* b =
+      IsFace(segment.test) ? nullptr : &tests_[static_cast<std::uint32_t>(segment.test)];
+  if (b != nullptr && b->value.index > a->value.index) std::swap(a, b);
+  const std::uint32_t c = ClassOf(*a);
+  const auto characteristic = [&](double slope) {
+    return b != nullptr && a->value.index == b->value.index
+               ? (slope * segment.distance - a->value.value - b->value.value) / 2.0
+               : slope * segment.distance - a->value.value;
+  };
+  if (segment.local_characteristic == kUnset) {
+    segment.local_characteristic =
+        characteristic(UsableSlope(a->slope) * parameters_.overestimation_local);
+  }
+  if (segment.global_characteristic == kUnset || class_changed_[c]) {
+    segment.global_characteristic =
+        characteristic(UsableSlope(slopes_[c]) * parameters_.overestimation);
+  }
+  return c;
 }
 
 }  // namespace QuenloftSolver
