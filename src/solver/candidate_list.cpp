@@ -18,7 +18,7 @@ std::size_t CountLeading(const double* keys, std::size_t count, Predicate preced
   const double* first = keys;
   while (count > 0) {
     const std::size_t half = (count + 1) / 2;
-    first += static_cast<std::size_t>(precedes(first[half - 1])) * half;
+    first += half & (std::size_t{0} - static_cast<std::size_t>(precedes(first[half - 1])));
     count -= half;
   }
   return static_cast<std::size_t>(first - keys);

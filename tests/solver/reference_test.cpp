@@ -7,7 +7,11 @@
 
 #include <omp.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <random>
+#include <vector>
 
 #include "reference_solver.h"
 #include "search_cases.h"
@@ -151,6 +155,68 @@ TEST(SolverAgainstReference, AgreesOnExtremeValuesAndSettings) {
   CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.spread = 0.0; }), 60);
   CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.spread = 3.0; }), 60);
   CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.local_vs_global = 3.0; }), 60);
+}
+
+// Lists of few distinct keys, in which candidates that stay, come back and are new tie.
+// Tables come back wholly or partly, trials in any order.
+TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
+  struct Case {
+    std::uint32_t trials;
+    std::uint32_t key_count;
+    int taken;  // between two updates
+  };
+  for (const Case& c : {Case{400, 150, 1}, Case{400, 100000, 5}, Case{12, 4, 0}, Case{30, 12, 3},
+                        Case{3, 3, 1}, Case{400, 1, 1}}) {
+    SCOPED_TRACE(testing::Message() << c.trials << " trials, " << c.key_count << " keys");
+    std::mt19937 random(c.trials + c.key_count);
+    constexpr int kSegments = 6;
+    std::vector<std::array<double, kSegments>> keys(c.trials);
+    std::vector<CandidateList> list(1);
+    std::vector<reference::List> plain(1);
+    const auto offer_all = [&] {
+      for (std::uint32_t p = 0; p < c.trials; ++p) {
+        for (int test = 0; test < kSegments; ++test) {
+          list[0].Offer({keys[p][test], p, test}, UpdateMode::kFull);
+          plain[0].Offer({keys[p][test], p, test}, true);
+        }
+      }
+    };
+    for (auto& table : keys) {
+      for (double& key : table) key = random() % c.key_count;
+    }
+    offer_all();
+    for (int update = 0; update < 1000; ++update) {
+      for (int i = 0; i < c.taken && !list[0].IsEmpty(); ++i) {
+        list[0].TakeBest();
+        plain[0].entries.pop_back();
+      }
+      std::vector<std::uint32_t> rebuilt;
+      for (std::uint32_t count = 1 + random() % 9; count > 0; --count) {
+        const std::uint32_t p = random() % c.trials;
+        if (std::find(rebuilt.begin(), rebuilt.end(), p) == rebuilt.end()) rebuilt.push_back(p);
+      }
+      const bool stays = list[0].MarkStale(rebuilt.data(), rebuilt.size()) > 0;
+      auto& entries = plain[0].entries;
+      entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                   [&](const Candidate& entry) {
+                                     return std::find(rebuilt.begin(), rebuilt.end(),
+                                                      entry.position) != rebuilt.end();
+                                   }),
+                    entries.end());
+      for (const std::uint32_t p : rebuilt) {
+        for (int test = 0; test < kSegments; ++test) {
+          if (random() % 3 == 0) keys[p][test] = random() % c.key_count;
+          const Candidate candidate = {keys[p][test], p, test};
+          if (stays) list[0].Stage(candidate);
+          plain[0].Offer(candidate, false);
+        }
+      }
+      list[0].Commit();
+      ASSERT_TRUE(SameLists(list, plain)) << "update " << update;
+      ASSERT_EQ(stays, !entries.empty());
+      if (!stays) offer_all();
+    }
+  }
 }
 
 TEST(SolverAgainstReference, AgreesForAnyNumberOfThreads) {
