@@ -118,15 +118,15 @@ void CandidateList::Commit() {
   // The window begins at the first entry that is left.
   std::size_t first = 0;
   for (;;) {
-    if (going < going_count && stale_->places[going] == first) {
+    const bool comes = coming < staged_.size() && staged_[coming].place <= first;
+    if (!comes && going < going_count && stale_->places[going] == first) {
       ++going;
       ++first;
-    } else if (surplus == 0) {
-      break;
-    } else {
-      const bool is_staged = coming < staged_.size() && staged_[coming].place <= first;
-      ++(is_staged ? coming : first);
+    } else if (surplus > 0) {
+      ++(comes ? coming : first);
       --surplus;
+    } else {
+      break;
     }
   }
   const std::size_t first_coming = coming;
@@ -148,7 +148,7 @@ void CandidateList::Commit() {
     const bool comes = coming < staged_.size() &&
                        (going == going_count || staged_[coming].place <= stale_->places[going]);
     if (comes) {
-      pass_until(std::max(in, staged_[coming].place));
+      pass_until(staged_[coming].place);
       staged_[coming++].place = out++;
     } else {
       pass_until(stale_->places[going++]);

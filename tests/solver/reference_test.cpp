@@ -163,10 +163,12 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
   struct Case {
     std::uint32_t trials;
     std::uint32_t key_count;
-    int taken;  // between two updates
+    int taken;           // between two updates
+    std::uint32_t rise;  // of keys, in so many updates by one: lists overflow where they rise
   };
-  for (const Case& c : {Case{400, 150, 1}, Case{400, 100000, 5}, Case{12, 4, 0}, Case{30, 12, 3},
-                        Case{3, 3, 1}, Case{400, 1, 1}}) {
+  for (const Case& c :
+       {Case{400, 150, 1, 1000}, Case{400, 50, 1, 4}, Case{800, 1000, 1, 1}, Case{12, 4, 0, 1000},
+        Case{30, 12, 3, 1000}, Case{3, 3, 1, 1000}, Case{400, 1, 1, 100}}) {
     SCOPED_TRACE(testing::Message() << c.trials << " trials, " << c.key_count << " keys");
     std::mt19937 random(c.trials + c.key_count);
     constexpr int kSegments = 6;
@@ -185,7 +187,7 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
       for (double& key : table) key = random() % c.key_count;
     }
     offer_all();
-    for (int update = 0; update < 1000; ++update) {
+    for (std::uint32_t update = 0; update < 1000; ++update) {
       for (int i = 0; i < c.taken && !list[0].IsEmpty(); ++i) {
         list[0].TakeBest();
         plain[0].entries.pop_back();
@@ -205,7 +207,7 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
                     entries.end());
       for (const std::uint32_t p : rebuilt) {
         for (int test = 0; test < kSegments; ++test) {
-          if (random() % 3 == 0) keys[p][test] = random() % c.key_count;
+          if (random() % 3 == 0) keys[p][test] = random() % c.key_count + update / c.rise;
           const Candidate candidate = {keys[p][test], p, test};
           if (stays) list[0].Stage(candidate);
           plain[0].Offer(candidate, false);
