@@ -135,6 +135,7 @@ void CandidateList::Commit() {
   std::size_t in = first;
   std::size_t out = first;
   const auto pass_until = [&](std::size_t end) {
+    assert(in <= end);
     const std::size_t count = end - in;
     if (out < in) {
       MoveEntries(in, out, count);

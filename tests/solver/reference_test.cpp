@@ -164,11 +164,11 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
     std::uint32_t trials;
     std::uint32_t key_count;
     int taken;           // between two updates
-    std::uint32_t rise;  // of keys, in so many updates by one: lists overflow where they rise
+    std::uint32_t rise;  // of keys from update to update: then lists overflow
   };
   for (const Case& c :
-       {Case{400, 150, 1, 1000}, Case{400, 50, 1, 4}, Case{800, 1000, 1, 1}, Case{12, 4, 0, 1000},
-        Case{30, 12, 3, 1000}, Case{3, 3, 1, 1000}, Case{400, 1, 1, 100}}) {
+       {Case{400, 150, 1, 0}, Case{400, 50, 1, 1}, Case{800, 1000, 1, 1}, Case{400, 10000, 0, 200},
+        Case{12, 4, 0, 0}, Case{30, 12, 3, 0}, Case{3, 3, 1, 0}, Case{400, 1, 1, 0}}) {
     SCOPED_TRACE(testing::Message() << c.trials << " trials, " << c.key_count << " keys");
     std::mt19937 random(c.trials + c.key_count);
     constexpr int kSegments = 6;
@@ -207,7 +207,7 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
                     entries.end());
       for (const std::uint32_t p : rebuilt) {
         for (int test = 0; test < kSegments; ++test) {
-          if (random() % 3 == 0) keys[p][test] = random() % c.key_count + update / c.rise;
+          if (random() % 3 == 0) keys[p][test] = random() % c.key_count + update * c.rise;
           const Candidate candidate = {keys[p][test], p, test};
           if (stays) list[0].Stage(candidate);
           plain[0].Offer(candidate, false);
