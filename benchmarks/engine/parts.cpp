@@ -113,19 +113,23 @@ void SelectNeighbours(benchmark::State& state, std::uint32_t trials) {
 // ---- Candidate list
 
 // What steps do to a full list: some trials are rebuilt, the candidates of their tables
-// are stale, and new ones of theirs are offered. Keys rise slowly under noise, so that an
-// offer finds its place anywhere in the list.
+// are stale, and those of their new tables are offered, two in three as they were. New keys
+// rise slowly under noise, so that an offer finds its place anywhere in the list.
 class ListTraffic {
  public:
   static constexpr std::uint32_t kTrials = 256;
   static constexpr std::uint32_t kRebuiltAtOnce = 6;
   static constexpr std::uint32_t kOffersOfEach = 6;
+  static constexpr std::uint32_t kEntries = kTrials * kOffersOfEach;
 
-  ListTraffic() : is_rebuilt_(kTrials), noise_(1) {}
+  ListTraffic() : is_rebuilt_(kTrials), tables_(kEntries), noise_(1) {}
 
-  Candidate Next(std::uint32_t position) {
+  // The candidate at `entry` of all tables, with a new key.
+  const Candidate& Next(std::uint32_t entry) {
     const double rise = static_cast<double>(count_++) / static_cast<double>(kListCapacity);
-    return {rise + noise_.Next(), position, 0};
+    tables_[entry] = {rise + noise_.Next(), entry / kOffersOfEach,
+                      static_cast<std::int32_t>(entry % kOffersOfEach)};
+    return tables_[entry];
   }
 
   void NextStep() {
@@ -134,7 +138,10 @@ class ListTraffic {
     for (std::uint32_t i = 0; i < kRebuiltAtOnce; ++i) {
       const std::uint32_t position = next_++ % kTrials;
       is_rebuilt_[position] = 1;
-      for (std::uint32_t k = 0; k < kOffersOfEach; ++k) offers_.push_back(Next(position));
+      for (std::uint32_t k = 0; k < kOffersOfEach; ++k) {
+        const std::uint32_t entry = position * kOffersOfEach + k;
+        offers_.push_back((next_ + k) % 3 == 0 ? Next(entry) : tables_[entry]);
+      }
     }
   }
 
@@ -144,6 +151,7 @@ class ListTraffic {
 
  private:
   std::vector<std::uint8_t> is_rebuilt_;
+  std::vector<Candidate> tables_;
   std::vector<Candidate> offers_;
   Uniform noise_;
   std::uint32_t count_ = 0;
@@ -152,7 +160,7 @@ class ListTraffic {
 
 template <typename Offer>
 void FillList(ListTraffic& traffic, Offer offer) {
-  for (std::uint32_t i = 0; i < 4 * kListCapacity; ++i) offer(traffic.Next(i % traffic.kTrials));
+  for (std::uint32_t i = 0; i < traffic.kEntries; ++i) offer(traffic.Next(i));
 }
 
 // Offers of a full update, one by one.
@@ -161,7 +169,7 @@ void OfferToList(benchmark::State& state, Offer offer) {
   ListTraffic traffic;
   FillList(traffic, offer);
   std::uint32_t i = 0;
-  for (auto _ : state) offer(traffic.Next(i++ % traffic.kTrials));
+  for (auto _ : state) offer(traffic.Next(i++ % traffic.kEntries));
 }
 
 void OfferCandidate(benchmark::State& state) {
