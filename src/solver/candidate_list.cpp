@@ -11,25 +11,19 @@
 namespace QuenloftSolver {
 namespace {
 
-// How many of ascending keys, from the first one on, satisfy a predicate. Without
-// branches: where a key belongs cannot be foreseen.
-template <typename Predicate>
-std::size_t CountLeading(const double* keys, std::size_t count, Predicate precedes) {
-  const double* first = keys;
+// A number that is all ones or zero.
+std::size_t Mask(bool condition) { return std::size_t{0} - static_cast<std::size_t>(condition); }
+
+// How many of ascending keys are below `key`. Without branches: where a key belongs
+// cannot be foreseen.
+std::size_t CountBelow(const double* keys, std::size_t count, double key) {
+  std::size_t place = 0;
   while (count > 0) {
     const std::size_t half = (count + 1) / 2;
-    first += half & (std::size_t{0} - static_cast<std::size_t>(precedes(first[half - 1])));
+    place += half & Mask(keys[place + half - 1] < key);
     count -= half;
   }
-  return static_cast<std::size_t>(first - keys);
-}
-
-std::size_t CountBelow(const double* keys, std::size_t count, double key) {
-  return CountLeading(keys, count, [key](double other) { return other < key; });
-}
-
-std::size_t CountUpTo(const double* keys, std::size_t count, double key) {
-  return CountLeading(keys, count, [key](double other) { return other <= key; });
+  return place;
 }
 
 }  // namespace
@@ -266,10 +260,14 @@ void CandidateList::PlaceStaged() {
     return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
                                               : a.number < b.number;
   });
-  std::size_t place = 0;
-  for (Staged& staged : staged_) {
-    place += CountUpTo(Keys() + place, size_ - place, staged.candidate.key);
-    staged.place = place;
+  // All searches side by side, because each waits for memory at each of its steps.
+  const double* const keys = Keys();
+  for (std::size_t count = size_; count > 0;) {
+    const std::size_t half = (count + 1) / 2;
+    for (Staged& staged : staged_) {
+      staged.place += half & Mask(keys[staged.place + half - 1] <= staged.candidate.key);
+    }
+    count -= half;
   }
 }
 
