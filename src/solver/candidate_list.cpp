@@ -92,42 +92,53 @@ void CandidateList::StageReaching(const Candidate& candidate) {
   }
 }
 
-// Finds the stretches between places where something goes or comes, and moves each
-// once: those that move towards the front first, from the front on, then the others, from
-// the end on. So each finds its new place free: stretches keep their order, hence none
-// ends where one of the other kind still has to leave.
 void CandidateList::Commit() {
   std::size_t going_count = 0;
   for (std::size_t s = 0; s < stale_count_; ++s) {
     stale_->places[going_count] = stale_->places[s];
     going_count += stale_->fates[s] != Fate::kStays ? 1 : 0;
   }
+  stale_count_ = going_count;
+  if (going_count > 0 || !staged_.empty()) {
+    PlaceStaged();
+    const Progress start = DropSurplus();
+    MakeRoom(start.place + std::min(TotalCount(), kListCapacity));
+    const std::size_t end = Rearrange(start);
+    begin_ += start.place;
+    size_ = end - start.place;
+  }
   stale_count_ = 0;
-  if (going_count == 0 && staged_.empty()) return;
-  PlaceStaged();
-  const std::size_t total = size_ - going_count + staged_.size();
-  std::size_t surplus = total - std::min(total, kListCapacity);
-  std::size_t going = 0;
-  std::size_t coming = 0;
-  // The window begins at the first entry that is left.
-  std::size_t first = 0;
+  staged_.clear();
+}
+
+// Passes over what leaves the list at its front: stale entries, and the least ones beyond
+// the capacity, listed or staged. The window begins at the first that is left.
+CandidateList::Progress CandidateList::DropSurplus() const {
+  std::size_t surplus = TotalCount() - std::min(TotalCount(), kListCapacity);
+  Progress at;
   for (;;) {
-    const bool comes = coming < staged_.size() && staged_[coming].place <= first;
-    if (!comes && going < going_count && stale_->places[going] == first) {
-      ++going;
-      ++first;
+    const bool comes = at.coming < staged_.size() && staged_[at.coming].place <= at.place;
+    if (!comes && at.going < stale_count_ && stale_->places[at.going] == at.place) {
+      ++at.going;
+      ++at.place;
     } else if (surplus > 0) {
-      ++(comes ? coming : first);
+      ++(comes ? at.coming : at.place);
       --surplus;
     } else {
-      break;
+      return at;
     }
   }
-  const std::size_t first_coming = coming;
-  MakeRoom(first + std::min(total, kListCapacity));
+}
 
-  std::size_t in = first;
-  std::size_t out = first;
+// Moves each stretch between places where something goes or comes once: those that move
+// towards the front first, from the front on, then the others, from the end on. So each
+// finds its new place free: stretches keep their order, hence none ends where one of the
+// other kind still has to leave. Returns where the list then ends.
+std::size_t CandidateList::Rearrange(const Progress& start) {
+  std::size_t going = start.going;
+  std::size_t coming = start.coming;
+  std::size_t in = start.place;
+  std::size_t out = start.place;
   const auto pass_until = [&](std::size_t end) {
     assert(in <= end);
     const std::size_t count = end - in;
@@ -139,9 +150,9 @@ void CandidateList::Commit() {
     in += count;
     out += count;
   };
-  while (going < going_count || coming < staged_.size()) {
+  while (going < stale_count_ || coming < staged_.size()) {
     const bool comes = coming < staged_.size() &&
-                       (going == going_count || staged_[coming].place <= stale_->places[going]);
+                       (going == stale_count_ || staged_[coming].place <= stale_->places[going]);
     if (comes) {
       pass_until(staged_[coming].place);
       staged_[coming++].place = out++;
@@ -154,12 +165,10 @@ void CandidateList::Commit() {
   for (; !rising_.empty(); rising_.pop_back()) {
     MoveEntries(rising_.back().from, rising_.back().to, rising_.back().count);
   }
-  for (std::size_t s = first_coming; s < staged_.size(); ++s) {
+  for (std::size_t s = start.coming; s < staged_.size(); ++s) {
     Write(staged_[s].place, staged_[s].candidate);
   }
-  staged_.clear();
-  begin_ += first;
-  size_ = out - first;
+  return out;
 }
 
 void CandidateList::Allocate() {

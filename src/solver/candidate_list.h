@@ -104,6 +104,12 @@ class CandidateList {
     std::size_t number;  // in the order of offers
     std::size_t place;   // of the entry before which it comes; then its own
   };
+  // Of a pass over entries, stale places and staged candidates at once.
+  struct Progress {
+    std::size_t place = 0;
+    std::size_t going = 0;
+    std::size_t coming = 0;
+  };
   struct Stretch {
     std::size_t from;
     std::size_t to;
@@ -121,6 +127,9 @@ class CandidateList {
   void StageReaching(const Candidate& candidate);
   bool LetStand(const Candidate& candidate);
   void PlaceStaged();
+  std::size_t TotalCount() const { return size_ - stale_count_ + staged_.size(); }
+  Progress DropSurplus() const;
+  std::size_t Rearrange(const Progress& start);
   void Insert(std::size_t place, const Candidate& candidate);
   void MakeRoom(std::size_t end);
   void MoveEntries(std::size_t from, std::size_t to, std::size_t count);
