@@ -12,12 +12,10 @@
 
 #include "solver/aligned.h"
 #include "solver/candidate_columns.h"
+#include "solver/selection_kernels.h"
 #include "solver/trial.h"
 
 namespace QuenloftSolver {
-
-template <int N>
-struct SelectionKernels;
 
 // Counts of the work done, so that a gain in speed can be explained.
 struct SelectionCounters {
@@ -51,14 +49,21 @@ struct SelectionRules {
 // How it is done. The plain way keeps directions, distances and cosines in double
 // precision and brings every candidate up to date after every choice: kept * chosen
 // cosines, each with a division. But a choice needs to know which score is smallest,
-// not what it is. So unit directions are rounded to single precision, sixteen to a
-// vector, and scores are bounded from both sides; the bounds tell the winner apart
-// nearly always, and where they leave several, those are compared in double precision
-// by the formulas above. The same goes for the stopping test, and for the distance to
-// a candidate, which is computed when rounded coordinates do not put it outside the
-// radius. The tolerances are rigorous (kTolerance below), so the choice is the plain
-// one, ties included: with it a whole search at N = 8 takes 5.4 times less than plain
-// (AMD EPYC, g++ 12, docs/performance.md).
+// not what it is. So unit directions are rounded to 16-bit integers, two products to an
+// instruction and a lane, and scores are bounded from both sides; most often the bounds
+// tell the next choice. For the stopping test one candidate that is surely far enough
+// from all those chosen answers, and rounded coordinates tell which candidates need not
+// be measured. The tolerances are rigorous, and where the bounds leave several candidates
+// these are compared in double precision, by the formulas above.
+//
+// In many dimensions those are many: half of all choices at N = 8 are made among
+// candidates that tie to the last bit. So what a score is known to be at least is kept,
+// as it never falls; and of those that tie one after the other is chosen without a look
+// at any other, as long as the choices leave its score as it is. What they mean for the
+// others is brought up in one pass.
+//
+// So the outcome is the plain one, ties included. What it gains is measured in
+// docs/performance.md.
 //
 // Threads: one selection object a thread.
 template <int N>
@@ -79,9 +84,9 @@ class NeighbourSelection {
   // not meet more.
   void Reserve(std::size_t count);
 
-  int ChosenCount() const { return chosen_count_; }
+  int ChosenCount() const { return choice_.chosen_count; }
   // A position, or the complement of a face number.
-  std::int32_t ChosenTest(int i) const { return test_[chosen_[i]]; }
+  std::int32_t ChosenTest(int i) const { return TestOf(chosen_[i]); }
   double ChosenDistance(int i) const { return distance_[chosen_[i]]; }
   // Whether no candidate within the radius with the best index is below `value`.
   bool IsLowest(double value) const;
@@ -89,23 +94,18 @@ class NeighbourSelection {
   SelectionCounters counters;
 
  private:
-  using Direction = std::array<double, N>;
-
   static constexpr std::size_t kTableSize = 3 * N;
-  static constexpr std::size_t kFaceRoom = BlocksFor(2 * N) * kBlock;
-  static constexpr std::size_t kNoRecord = SIZE_MAX;
+  static constexpr std::size_t kFaceCount = 2 * N;
 
-  void Push(std::int32_t test, const double* coordinates, double rival_value);
+  void SetDifference(std::size_t record, const double* coordinates);
   void PushCommon();
-  void PushFaces();
-  std::size_t NearestRecord(bool face_may_be_first) const;
-  std::size_t NextRecord(double spread_cosine);
-  std::size_t BestContender(float threshold);
+  std::size_t Measure();
+  std::size_t FirstRecord(std::size_t nearest_trial, bool face_may_be_first) const;
+  bool ChooseContenders(double spread_cosine);
   bool SomeDirectionIsFree(double spread_cosine);
-  bool IsFaceRecord(std::size_t record) const { return record >= face_begin_; }
-  Direction DirectionOf(std::size_t record) const;
-  double LargestCosine(std::size_t record);
-  void Take(std::size_t record);
+  double Score(std::size_t record, double cosine) const;
+  void ScoreContenders(std::size_t begin, std::size_t end, int from);
+  std::int32_t TestOf(std::size_t record) const;
 
   const SelectionKernels<N>* kernels_;
 
@@ -113,32 +113,33 @@ class NeighbourSelection {
   const Test<N>* trial_ = nullptr;
   const CandidateColumns<N>* common_ = nullptr;
 
-  // Records, in the order of ties: private and common candidates that may lie within
-  // the radius, filled up to a whole block, then the faces, filled up likewise.
-  std::size_t record_count_ = 0;
-  std::size_t face_begin_ = 0;
-  std::vector<std::int32_t> test_;
-  std::vector<const double*> coordinates_;  // null for a face
-  std::vector<double> rival_value_;
-  AlignedVector<double> difference_;        // to the trial, in blocks; trials only
+  // Records: the faces, then private and common candidates that may lie within the radius,
+  // filled up to a whole block.
+  std::size_t private_count_ = 0;
+  std::size_t trial_count_ = 0;  // private and common ones
+  std::array<std::int32_t, kTableSize> private_test_;
+  std::array<double, kTableSize> private_rival_value_;
+  std::vector<std::uint32_t> near_;         // of the common ones, the numbers in the columns
+  AlignedVector<double> difference_;        // to the trial, in blocks
   AlignedVector<double> distance_;          // kUnset where not kept
-  AlignedVector<float> unit_;               // in blocks; trials only
-  AlignedVector<float> max_cosine_;         // kGone where not kept or chosen
+  AlignedVector<std::int32_t> unit_;        // in blocks, see MeasureTask
+  AlignedVector<std::int32_t> max_cosine_;  // kGone where not kept or chosen
   AlignedVector<float> weight_;             // least distance / distance, halved for a face
-  AlignedVector<float> upper_;              // bound of the inverse score
-  std::array<float, kFaceRoom> face_sign_;  // of the direction along the face's axis
-  alignas(kCacheLine) std::array<float, kFaceRoom> face_cosine_{};  // with the last chosen one
-  AlignedVector<double> exact_cosine_;    // over the first exact_seen_ of the chosen ones
-  std::vector<std::uint8_t> exact_seen_;  // of a face, or of a block at its first record
-  std::vector<std::uint32_t> listed_;     // numbers that a kernel found
+  AlignedVector<float> doubt_;              // see ChoiceTask, as the next two
+  AlignedVector<float> upper_;
+  std::vector<std::uint32_t> contenders_;
+  std::vector<double> contender_cosine_;
 
-  // The result, and the chosen directions in double precision, as far as they were
-  // asked for.
-  int chosen_count_ = 0;
-  std::array<std::size_t, kTableSize> chosen_;
+  AlignedVector<double> known_score_;  // the score is at least this
+
+  // The chosen records in double precision, as far as they were asked for.
   int exact_count_ = 0;
-  std::array<Direction, kTableSize> exact_direction_;
-  std::array<double, kTableSize> exact_distance_;
+  AlignedVector<double> exact_difference_;  // see CosineTask
+  AlignedVector<double> exact_distance_;
+
+  bool is_trusted_ = true;  // the bounds
+  ChoiceTask<N> choice_;
+  std::array<std::uint32_t, kTableSize> chosen_;
 };
 
 }  // namespace QuenloftSolver

@@ -3,11 +3,9 @@
 #pragma once
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 #include <limits>
 
-#include "solver/impl/selection_kernels.h"
 #include "solver/neighbour_selection.h"
 
 namespace QuenloftSolver {
@@ -15,72 +13,85 @@ namespace QuenloftSolver {
 template <int N>
 NeighbourSelection<N>::NeighbourSelection() : kernels_(SelectionKernels<N>::Fastest()) {
   Reserve(0);
+  exact_difference_.resize(N * CosineTask<N>::kRow, 0.0);
+  exact_distance_.resize(CosineTask<N>::kRow, 1.0);
 }
 
 template <int N>
 void NeighbourSelection<N>::Reserve(std::size_t count) {
-  const std::size_t needed = BlocksFor(kTableSize + count) * kBlock + kFaceRoom;
+  const std::size_t needed = BlocksFor(kFaceCount + kTableSize + count) * kBlock;
   if (distance_.size() >= needed) return;
   const std::size_t room = std::max(needed, 2 * distance_.size());
-  test_.resize(room);
-  coordinates_.resize(room);
-  rival_value_.resize(room);
+  near_.resize(room + kBlock);
   difference_.resize(room * N);
   distance_.resize(room);
-  unit_.resize(room * N);
+  unit_.resize(room * ((N + 1) / 2));
   max_cosine_.resize(room);
   weight_.resize(room);
+  doubt_.resize(room);
   upper_.resize(room);
-  exact_cosine_.resize(room);
-  exact_seen_.resize(room);
-  listed_.resize(room);
+  contenders_.resize(room + kBlock);
+  contender_cosine_.resize(room);
+  known_score_.resize(room);
 }
 
 template <int N>
 void NeighbourSelection<N>::Begin(const Test<N>& trial, const CandidateColumns<N>& common) {
   trial_ = &trial;
   common_ = &common;
-  record_count_ = 0;
-  chosen_count_ = 0;
-  exact_count_ = 0;
+  private_count_ = 0;
 }
 
 template <int N>
 void NeighbourSelection<N>::AddPrivate(std::uint32_t position, const Test<N>& candidate,
                                        std::int32_t best_index) {
-  Push(static_cast<std::int32_t>(position), candidate.coordinate.data(),
-       candidate.value.index == best_index ? candidate.value.value
-                                           : std::numeric_limits<double>::infinity());
+  private_test_[private_count_] = static_cast<std::int32_t>(position);
+  private_rival_value_[private_count_] = candidate.value.index == best_index
+                                             ? candidate.value.value
+                                             : std::numeric_limits<double>::infinity();
+  SetDifference(kFaceCount + private_count_, candidate.coordinate.data());
+  ++private_count_;
 }
 
 template <int N>
 void NeighbourSelection<N>::Choose(const SelectionRules& rules) {
   PushCommon();
-  PushFaces();
+  choice_.chosen_count = 0;
+  const std::size_t nearest_trial = Measure();
   // Before the first choice every record stands at a cosine of 0.
-  std::size_t record =
-      0.0 > rules.spread_cosine ? kNoRecord : NearestRecord(rules.face_may_be_first);
-  while (record != kNoRecord) {
-    Take(record);
-    if (chosen_count_ == static_cast<int>(kTableSize)) break;
-    record = NextRecord(rules.spread_cosine);
+  const std::size_t first = FirstRecord(nearest_trial, rules.face_may_be_first);
+  if (first == kNoRecord || 0.0 > rules.spread_cosine) return;
+  chosen_[0] = static_cast<std::uint32_t>(first);
+  choice_.chosen_count = 1;
+  choice_.applied_count = 0;
+  // The least number where nothing is sure: no trust, or a spread that is no number.
+  const double free_below = rules.spread_cosine * kCosineOfOne - Tolerance<N>() - 1.0;
+  choice_.free_below =
+      is_trusted_ && free_below > INT32_MIN ? static_cast<std::int32_t>(free_below) : INT32_MIN;
+  choice_.free_record = 0;
+  for (;;) {
+    const Pause pause = kernels_->choose(choice_);
+    if (pause == Pause::kFull) break;
+    if (pause == Pause::kFewAreFree && !SomeDirectionIsFree(rules.spread_cosine)) break;
+    if (!ChooseContenders(rules.spread_cosine)) break;
   }
+  counters.rounded_cosines +=
+      static_cast<std::uint64_t>(choice_.chosen_count) * (choice_.block_count * kBlock);
 }
 
 template <int N>
 bool NeighbourSelection<N>::IsLowest(double value) const {
-  for (std::size_t i = 0; i < face_begin_; ++i) {
-    if (rival_value_[i] < value && distance_[i] != kUnset) return false;
+  const double* distance = distance_.data() + kFaceCount;
+  for (std::size_t i = 0; i < trial_count_; ++i) {
+    const double rival_value = i < private_count_ ? private_rival_value_[i]
+                                                  : common_->RivalValue(near_[i - private_count_]);
+    if (rival_value < value && distance[i] != kUnset) return false;
   }
   return true;
 }
 
 template <int N>
-void NeighbourSelection<N>::Push(std::int32_t test, const double* coordinates, double rival_value) {
-  const std::size_t record = record_count_++;
-  test_[record] = test;
-  coordinates_[record] = coordinates;
-  rival_value_[record] = rival_value;
+void NeighbourSelection<N>::SetDifference(std::size_t record, const double* coordinates) {
   double* difference = difference_.data() + record / kBlock * N * kBlock + record % kBlock;
   const double* origin = trial_->coordinate.data();
   for (std::size_t k = 0; k < N; ++k) difference[k * kBlock] = coordinates[k] - origin[k];
@@ -101,211 +112,194 @@ void NeighbourSelection<N>::PushCommon() {
     square += coordinate * coordinate;
     is_moderate = is_moderate && coordinate >= -1.0 && coordinate <= 2.0;
   }
-  NearTask<N> near;
-  near.blocks = common_->RoundedBlocks();
-  near.block_count = common_->BlockCount();
-  near.origin = origin.data();
-  near.least_product =
-      static_cast<float>(0.5 * (square - trial_->radius * trial_->radius) - kMargin);
-  near.near = listed_.data();
-  const std::size_t count = is_moderate ? kernels_->find_near(near) : common_->Size();
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t candidate = is_moderate ? listed_[i] : i;
-    Push(static_cast<std::int32_t>(common_->Position(candidate)), common_->Coordinates(candidate),
-         common_->RivalValue(candidate));
+  std::size_t count = common_->Size();
+  if (is_moderate) {
+    NearTask<N> task;
+    task.blocks = common_->RoundedBlocks();
+    task.block_count = common_->BlockCount();
+    task.origin = origin.data();
+    task.least_product =
+        static_cast<float>(0.5 * (square - trial_->radius * trial_->radius) - kMargin);
+    task.near = near_.data();
+    count = kernels_->find_near(task);
+  } else {
+    for (std::size_t i = 0; i < count; ++i) near_[i] = static_cast<std::uint32_t>(i);
   }
-  counters.candidates += record_count_ - count + common_->Size();
-  counters.kept += record_count_;
+  for (std::size_t i = 0; i < count; ++i) {
+    SetDifference(kFaceCount + private_count_ + i, common_->Coordinates(near_[i]));
+  }
+  trial_count_ = private_count_ + count;
+  const std::size_t end = kFaceCount + trial_count_;
+  for (std::size_t record = end; record < BlocksFor(end) * kBlock; ++record) {
+    SetDifference(record, trial_->coordinate.data());  // of distance 0, not kept
+  }
+  counters.candidates += private_count_ + common_->Size();
+  counters.kept += trial_count_;
 }
 
+// Returns the nearest trial's record.
 template <int N>
-void NeighbourSelection<N>::PushFaces() {
-  face_begin_ = BlocksFor(record_count_) * kBlock;
-  for (std::size_t record = record_count_; record < face_begin_; ++record) {
-    rival_value_[record] = std::numeric_limits<double>::infinity();
-    double* difference = difference_.data() + record / kBlock * N * kBlock + record % kBlock;
-    for (std::size_t k = 0; k < N; ++k) difference[k * kBlock] = 0.0;
+std::size_t NeighbourSelection<N>::Measure() {
+  std::array<double, kFaceCount> face_distance;
+  const std::array<double, N>& origin = trial_->coordinate;
+  for (std::size_t face = 0; face < kFaceCount; ++face) {
+    const std::size_t axis = face / 2;
+    const double difference = static_cast<double>(face % 2) - origin[axis];
+    for (std::size_t k = 0; k < N; ++k) {
+      difference_[(face / kBlock * N + k) * kBlock + face % kBlock] = k == axis ? difference : 0.0;
+    }
+    face_distance[face] = difference != 0.0 ? std::fabs(difference) : kUnset;
   }
-  DirectionTask<N> directions;
-  directions.block_count = face_begin_ / kBlock;
-  directions.radius = trial_->radius;
-  directions.difference = difference_.data();
-  directions.distance = distance_.data();
-  directions.unit = unit_.data();
-  double least = kernels_->find_directions(directions);
+  MeasureTask<N> task;
+  task.block_count = BlocksFor(kFaceCount + trial_count_);
+  task.radius = trial_->radius;
+  task.difference = difference_.data();
+  task.face_distance = face_distance.data();
+  task.distance = distance_.data();
+  task.unit = unit_.data();
+  task.max_cosine = max_cosine_.data();
+  task.weight = weight_.data();
+  task.doubt = doubt_.data();
+  const MeasureResult result = kernels_->measure(task);
+  is_trusted_ = result.is_trusted;
 
-  double* distance = distance_.data() + face_begin_;
-  std::fill_n(distance, kFaceRoom, kUnset);
-  face_sign_.fill(0.0f);
-  for (int face = 0; face < 2 * N; ++face) {
-    const double difference = face % 2 - trial_->coordinate[face / 2];
-    const double length = std::fabs(difference);
-    if (length == 0.0) continue;
-    test_[face_begin_ + face] = FaceToTest(face);
-    distance[face] = length;
-    face_sign_[face] = difference < 0.0 ? -1.0f : 1.0f;
-    least = std::min(least, length);
-  }
-  record_count_ = face_begin_ + kFaceRoom;
-  std::fill_n(exact_seen_.data(), record_count_, std::uint8_t{0});
-  std::fill_n(exact_cosine_.data(), record_count_, 0.0);
-  for (std::size_t record = 0; record < record_count_; ++record) {
-    const bool is_kept = distance_[record] != kUnset;
-    max_cosine_[record] = is_kept ? 0.0f : kGone;
-    const double weight = least / distance_[record];
-    weight_[record] =
-        is_kept ? static_cast<float>(IsFaceRecord(record) ? 0.5 * weight : weight) : 0.0f;
-  }
+  choice_.block_count = task.block_count;
+  choice_.unit = unit_.data();
+  choice_.max_cosine = max_cosine_.data();
+  choice_.weight = weight_.data();
+  choice_.upper = upper_.data();
+  choice_.doubt = doubt_.data();
+  choice_.chosen = chosen_.data();
+  exact_count_ = 0;
+  for (std::size_t face = 0; face < kFaceCount; ++face) known_score_[face] = 2.0 * distance_[face];
+  std::copy_n(distance_.data() + kFaceCount, task.block_count * kBlock - kFaceCount,
+              known_score_.data() + kFaceCount);
+  return result.nearest_trial;
 }
 
 // The record of the smallest score before anything is chosen.
 template <int N>
-std::size_t NeighbourSelection<N>::NearestRecord(bool face_may_be_first) const {
-  std::size_t nearest = kNoRecord;
-  double smallest = kUnset;
-  const std::size_t end = face_may_be_first ? record_count_ : face_begin_;
-  for (std::size_t record = 0; record < end; ++record) {
-    if (distance_[record] == kUnset) continue;
-    const double score = IsFaceRecord(record) ? 2.0 * distance_[record] : distance_[record];
-    if (score < smallest) {
-      smallest = score;
-      nearest = record;
-    }
-  }
-  return nearest;
-}
-
-// The record of the smallest score once something is chosen, kNoRecord to stop.
-template <int N>
-std::size_t NeighbourSelection<N>::NextRecord(double spread_cosine) {
-  const std::size_t last = chosen_[chosen_count_ - 1];
-  std::array<float, N> chosen;
-  if (IsFaceRecord(last)) {
-    chosen.fill(0.0f);
-    const std::size_t face = last - face_begin_;
-    chosen[face / 2] = face_sign_[face];
-  } else {
-    const float* unit = unit_.data() + last / kBlock * N * kBlock + last % kBlock;
-    for (std::size_t k = 0; k < N; ++k) chosen[k] = unit[k * kBlock];
-  }
-  // A face's direction is an axis: the cosine is a component of the chosen direction.
+std::size_t NeighbourSelection<N>::FirstRecord(std::size_t nearest_trial,
+                                               bool face_may_be_first) const {
+  if (!face_may_be_first) return nearest_trial;
+  std::size_t first = nearest_trial;
   for (std::size_t face = 0; face < 2 * N; ++face) {
-    face_cosine_[face] = face_sign_[face] * chosen[face / 2];
+    const double smallest = first == kNoRecord ? kUnset : known_score_[first];
+    if (distance_[face] != kUnset && known_score_[face] < smallest) first = face;
   }
-  UpdateTask<N> task;
-  task.block_count = face_begin_ / kBlock;
-  task.unit = unit_.data();
-  task.max_cosine = max_cosine_.data();
-  task.weight = weight_.data();
-  task.face_cosine = face_cosine_.data();
-  task.chosen = chosen.data();
-  task.upper = upper_.data();
-  const UpdateResult result = kernels_->update(task);
-  counters.rounded_cosines += record_count_;
-
-  if (result.least_cosine == kGone) return kNoRecord;
-  if (result.least_cosine > spread_cosine + kTolerance<N>) return kNoRecord;
-  if (!(result.least_cosine < spread_cosine - kTolerance<N>)&&!SomeDirectionIsFree(spread_cosine)) {
-    return kNoRecord;
-  }
-  const bool is_sure = result.is_single && result.threshold > kUnderflow;
-  return is_sure ? result.contender : BestContender(result.threshold);
+  return first;
 }
 
-// Among the records whose bounds reach the threshold, the one of the smallest score.
+// Chooses, among the records whose bounds reach the threshold, the one of the smallest
+// score; of equal ones the first, a trial before a face. Then goes on with those that tie
+// with it: no score ever falls, so one of the smallest whose own is still the same after a
+// choice is the next. False if nothing is left to choose.
 template <int N>
-std::size_t NeighbourSelection<N>::BestContender(float threshold) {
-  ContenderTask<N> task;
-  task.block_count = record_count_ / kBlock;
+bool NeighbourSelection<N>::ChooseContenders(double spread_cosine) {
+  ContenderTask task;
+  task.block_count = choice_.block_count;
   task.upper = upper_.data();
-  task.threshold = threshold;
-  task.contenders = listed_.data();
-  const std::size_t count = kernels_->find_contenders(task);
-  std::size_t best = kNoRecord;
-  double smallest = kUnset;
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t record = listed_[i];
-    if (max_cosine_[record] == kGone) continue;
-    const double cosine = LargestCosine(record);
-    if (!(cosine < 1.0)) continue;
-    const double ratio = distance_[record] / (1.0 - cosine);
-    const double score = IsFaceRecord(record) ? 2.0 * ratio : ratio;
-    if (score < smallest) {
-      smallest = score;
-      best = record;
-    }
+  task.threshold = choice_.threshold;
+  task.contenders = contenders_.data();
+  std::uint32_t* const begin = contenders_.data();
+  std::uint32_t* end = begin + kernels_->find_contenders(task);
+  if (!(choice_.threshold > 0.0f)) {
+    end = std::remove_if(begin, end, [this](auto record) { return max_cosine_[record] == kGone; });
   }
-  return best;
+  if (begin == end) return false;
+  std::rotate(begin, std::lower_bound(begin, end, kFaceCount), end);
+
+  // The first one's score tells which others need be looked at.
+  const auto score = [this](std::size_t i) -> double& { return known_score_[contenders_[i]]; };
+  ScoreContenders(0, 1, 0);
+  const double first_score = score(0);
+  end = std::remove_if(begin + 1, end,
+                       [&](std::uint32_t record) { return known_score_[record] > first_score; });
+  const auto count = static_cast<std::size_t>(end - begin);
+  ScoreContenders(1, count, 0);
+  std::size_t best = 0;
+  for (std::size_t i = 1; i < count; ++i) best = score(i) < score(best) ? i : best;
+  const double smallest = score(best);
+  if (smallest == kUnset) return false;
+
+  const int chosen_before = choice_.chosen_count;
+  const auto choose = [this](std::uint32_t record) {
+    chosen_[static_cast<std::size_t>(choice_.chosen_count++)] = record;
+  };
+  choose(begin[best]);
+  for (std::size_t i = best + 1; i < count; ++i) {
+    if (score(i) != smallest) continue;
+    if (choice_.chosen_count == static_cast<int>(kTableSize)) break;
+    ScoreContenders(i, i + 1, chosen_before);
+    if (score(i) != smallest) continue;
+    // Its own direction must be free, or it takes a look at all that remain.
+    if (contender_cosine_[i] > spread_cosine) break;
+    choose(begin[i]);
+  }
+  return true;
 }
 
 template <int N>
 bool NeighbourSelection<N>::SomeDirectionIsFree(double spread_cosine) {
-  for (std::size_t record = 0; record < record_count_; ++record) {
-    if (max_cosine_[record] == kGone || max_cosine_[record] > spread_cosine + kTolerance<N>) {
+  const std::size_t record_count = choice_.block_count * kBlock;
+  for (std::size_t record = 0; record < record_count; ++record) {
+    if (max_cosine_[record] == kGone) continue;
+    if (is_trusted_ && max_cosine_[record] > spread_cosine * kCosineOfOne + Tolerance<N>())
       continue;
-    }
-    if (!(LargestCosine(record) > spread_cosine)) return true;
+    contenders_[0] = static_cast<std::uint32_t>(record);
+    ScoreContenders(0, 1, 0);
+    if (!(contender_cosine_[0] > spread_cosine)) return true;
   }
   return false;
 }
 
+// kUnset for a record that is out.
 template <int N>
-typename NeighbourSelection<N>::Direction NeighbourSelection<N>::DirectionOf(
-    std::size_t record) const {
-  Direction direction{};
-  if (IsFaceRecord(record)) {
-    const std::size_t face = record - face_begin_;
-    direction[face / 2] = static_cast<double>(face % 2) - trial_->coordinate[face / 2];
-    return direction;
-  }
-  const double* difference = difference_.data() + record / kBlock * N * kBlock + record % kBlock;
-  for (std::size_t k = 0; k < N; ++k) direction[k] = difference[k * kBlock];
-  return direction;
+double NeighbourSelection<N>::Score(std::size_t record, double cosine) const {
+  if (!(cosine < 1.0)) return kUnset;
+  const double score = distance_[record] / (1.0 - cosine);
+  return record < kFaceCount ? 2.0 * score : score;
 }
 
-// In double precision, over all chosen directions; 0 if all lie at obtuse angles.
-// Records that tie meet here choice after choice and many at a time, so a block of
-// them is brought up to date together and keeps what it knows.
+// Of contenders by number; those scored before with less chosen ones from the first new on.
 template <int N>
-double NeighbourSelection<N>::LargestCosine(std::size_t record) {
-  for (; exact_count_ < chosen_count_; ++exact_count_) {
-    const std::size_t chosen = chosen_[exact_count_];
-    exact_direction_[exact_count_] = DirectionOf(chosen);
-    exact_distance_[exact_count_] = distance_[chosen];
-  }
-  const std::size_t unit = IsFaceRecord(record) ? record : record / kBlock * kBlock;
-  const int seen = exact_seen_[unit];
-  if (seen == chosen_count_) return exact_cosine_[record];
-  exact_seen_[unit] = static_cast<std::uint8_t>(chosen_count_);
-  if (IsFaceRecord(record)) {
-    const std::size_t axis = (record - face_begin_) / 2;
-    const double difference = DirectionOf(record)[axis];
-    for (int c = seen; c < chosen_count_; ++c) {
-      const double cosine =
-          difference * exact_direction_[c][axis] / (distance_[record] * exact_distance_[c]);
-      if (cosine > exact_cosine_[record]) exact_cosine_[record] = cosine;
+void NeighbourSelection<N>::ScoreContenders(std::size_t begin, std::size_t end, int from) {
+  for (; exact_count_ < choice_.chosen_count; ++exact_count_) {
+    const auto place = static_cast<std::size_t>(exact_count_);
+    const std::size_t record = chosen_[place];
+    const double* chosen = difference_.data() + record / kBlock * N * kBlock + record % kBlock;
+    for (std::size_t k = 0; k < N; ++k) {
+      double* row = exact_difference_.data() + k * CosineTask<N>::kRow;
+      if (place % kBlock == 0) std::fill_n(row + place, kBlock, 0.0);
+      row[place] = chosen[k * kBlock];
     }
-    counters.cosines += static_cast<std::uint64_t>(chosen_count_ - seen);
-    return exact_cosine_[record];
+    exact_distance_[place] = distance_[record];
   }
-  ExactTask<N> task;
-  task.difference = difference_.data() + unit * N;
-  task.distance = distance_.data() + unit;
-  task.max_cosine = exact_cosine_.data() + unit;
-  task.directions = exact_direction_[0].data();
-  task.distances = exact_distance_.data();
-  task.from = seen;
-  task.to = chosen_count_;
-  kernels_->update_exact(task);
-  counters.cosines += kBlock * static_cast<std::uint64_t>(chosen_count_ - seen);
-  return exact_cosine_[record];
+  if (from == 0) std::fill(&contender_cosine_[begin], contender_cosine_.data() + end, 0.0);
+  CosineTask<N> task;
+  task.records = contenders_.data() + begin;
+  task.record_count = end - begin;
+  task.difference = difference_.data();
+  task.distance = distance_.data();
+  task.chosen_difference = exact_difference_.data();
+  task.chosen_distance = exact_distance_.data();
+  task.from = from;
+  task.chosen_count = choice_.chosen_count;
+  task.largest = contender_cosine_.data() + begin;
+  kernels_->raise_cosines(task);
+  for (std::size_t i = begin; i < end; ++i) {
+    known_score_[contenders_[i]] = Score(contenders_[i], contender_cosine_[i]);
+  }
+  counters.cosines += (end - begin) * static_cast<std::uint64_t>(choice_.chosen_count - from);
 }
 
 template <int N>
-void NeighbourSelection<N>::Take(std::size_t record) {
-  chosen_[chosen_count_++] = record;
-  max_cosine_[record] = kGone;
-  weight_[record] = 0.0f;
+std::int32_t NeighbourSelection<N>::TestOf(std::size_t record) const {
+  if (record < kFaceCount) return FaceToTest(static_cast<int>(record));
+  const std::size_t i = record - kFaceCount;
+  return i < private_count_
+             ? private_test_[i]
+             : static_cast<std::int32_t>(common_->Position(near_[i - private_count_]));
 }
 
 }  // namespace QuenloftSolver

@@ -1,181 +1,242 @@
 // SPDX-License-Identifier: MIT
 //
-// The vector loops of neighbour selection. No include guard: selection_kernels.h
-// includes it once for each kind of processor, in a namespace of its own that names
-// the number of lanes, kLanes, and the way to turn a mask into bits, with
-// QUENLOFT_TARGET naming the instructions to use. (Inlining one body into a function
-// for each target would not do: the compiler splits wide vectors before it inlines.)
+// The vector loops of neighbour selection. No include guard: selection_kernels_impl.h
+// includes it once for each kind of processor, in a namespace of its own that defines
+// the number of lanes, kLanes, vectors of so many floats or half as many doubles, and
+// the operations that the compilers' vector types lack, with QUENLOFT_TARGET naming the
+// instructions to use. (Inlining one body into a function for each target would not
+// do: the compiler splits wide vectors before it inlines.)
 
-using Floats = float __attribute__((vector_size(4 * kLanes)));
-using Masks = std::int32_t __attribute__((vector_size(4 * kLanes)));
-using Doubles = double __attribute__((vector_size(4 * kLanes)));
-using WideMasks = std::int64_t __attribute__((vector_size(4 * kLanes)));
+using HalfFloats = float __attribute__((vector_size(2 * kLanes)));
+using HalfInts = std::int32_t __attribute__((vector_size(2 * kLanes)));
 inline constexpr std::size_t kDoubleLanes = kLanes / 2;
 
-// Vectors of kLanes of which a block of candidates has kBlock / kLanes: where the rows
-// of vector `v` stand, in a block of `row_count` rows of kBlock.
+// Vectors of `lanes` of which a block has kBlock / lanes: where the rows of vector `v`
+// stand, in blocks of `row_count` rows of kBlock.
 QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t VectorOffset(std::size_t v,
                                                                        std::size_t row_count,
                                                                        std::size_t lanes) {
   return v * lanes / kBlock * row_count * kBlock + v * lanes % kBlock;
 }
 
-// Appends to `out` the numbers first + j of the lanes j that are set; returns how many.
-QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t AppendLanes(const Masks& is_set,
-                                                                      std::uint32_t first,
-                                                                      std::uint32_t* out) {
-  std::size_t count = 0;
-  for (std::uint32_t lanes = LaneBits(&is_set); lanes != 0; lanes &= lanes - 1) {
-    out[count++] = first + static_cast<std::uint32_t>(__builtin_ctz(lanes));
-  }
-  return count;
-}
-
-QUENLOFT_TARGET [[gnu::always_inline]] inline float LargestLane(const Floats& lanes) {
-  float values[kLanes];
-  std::memcpy(values, &lanes, sizeof(values));
-  for (std::size_t half = kLanes / 2; half > 0; half /= 2) {
-    for (std::size_t j = 0; j < half; ++j) {
-      values[j] = values[j] > values[j + half] ? values[j] : values[j + half];
-    }
-  }
-  return values[0];
+template <typename Vector, typename Scalar>
+QUENLOFT_TARGET [[gnu::always_inline]] inline Vector& At(Scalar* first) {
+  return *reinterpret_cast<Vector*>(first);
 }
 
 template <int N>
 QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
-  std::size_t count = 0;
+  std::uint32_t* near = task.near;
+  const Floats least_product = Floats{} + task.least_product;
   const std::size_t vectors = task.block_count * (kBlock / kLanes);
   for (std::size_t v = 0; v < vectors; ++v) {
     const float* rows = task.blocks + VectorOffset(v, N + 1, kLanes);
-    Floats product = *reinterpret_cast<const Floats*>(rows) * task.origin[0];
+    Floats product = At<const Floats>(rows) * task.origin[0];
     for (std::size_t k = 1; k < N; ++k) {
-      product += *reinterpret_cast<const Floats*>(rows + k * kBlock) * task.origin[k];
+      product += At<const Floats>(rows + k * kBlock) * task.origin[k];
     }
-    const Floats half_square = *reinterpret_cast<const Floats*>(rows + N * kBlock);
+    const Floats half_square = At<const Floats>(rows + N * kBlock);
     // False for the NaN that fills the last block up.
-    count += AppendLanes(product - half_square >= Floats{} + task.least_product,
-                         static_cast<std::uint32_t>(v * kLanes), task.near + count);
+    const std::uint32_t lanes = LanesReaching(product - half_square, least_product);
+    AppendLanes(lanes, static_cast<std::uint32_t>(v * kLanes), near);
+    near += __builtin_popcount(lanes);
   }
-  return count;
+  return static_cast<std::size_t>(near - task.near);
 }
 
-// Returns the least distance, kUnset if none is kept.
+// To the nearest whole number, of what lies in [-kUnit, kUnit].
+QUENLOFT_TARGET [[gnu::always_inline]] inline HalfInts Rounded(const Doubles& a) {
+  return __builtin_convertvector(a + (kUnit + 0.5), HalfInts) - kUnit;
+}
+
 template <int N>
-QUENLOFT_TARGET double FindDirections(const DirectionTask<N>& task) {
-  Doubles least = Doubles{} + kUnset;
+QUENLOFT_TARGET MeasureResult Measure(const MeasureTask<N>& task) {
+  Doubles place{};
+  for (std::size_t j = 0; j < kDoubleLanes; ++j) place[j] = static_cast<double>(j);
   const std::size_t vectors = task.block_count * (kBlock / kDoubleLanes);
+  Doubles smallest = Doubles{} + kUnset;
   for (std::size_t v = 0; v < vectors; ++v) {
-    const std::size_t offset = VectorOffset(v, N, kDoubleLanes);
-    const double* difference = task.difference + offset;
-    float* unit = task.unit + offset;
+    const double* difference = task.difference + VectorOffset(v, N, kDoubleLanes);
     Doubles square{};
     for (std::size_t k = 0; k < N; ++k) {
-      const auto d = *reinterpret_cast<const Doubles*>(difference + k * kBlock);
+      const Doubles d = At<const Doubles>(difference + k * kBlock);
       square += d * d;
     }
-    Doubles root;
-    for (std::size_t j = 0; j < kDoubleLanes; ++j) root[j] = std::sqrt(square[j]);
-    const WideMasks is_kept = (root != 0.0) & (root <= Doubles{} + task.radius);
+    const Doubles root = SquareRoots(square);
+    const auto is_trial = place + static_cast<double>(v * kDoubleLanes) >= 2.0 * N;
+    const auto is_kept = is_trial & (root != 0.0) & (root <= Doubles{} + task.radius);
     const Doubles distance = is_kept ? root : Doubles{} + kUnset;
-    *reinterpret_cast<Doubles*>(task.distance + v * kDoubleLanes) = distance;
+    At<Doubles>(task.distance + v * kDoubleLanes) = distance;
+    smallest = distance < smallest ? distance : smallest;
+  }
+  double least = kUnset;
+  for (std::size_t j = 0; j < kDoubleLanes; ++j) {
+    least = smallest[j] < least ? smallest[j] : least;
+  }
+  MeasureResult result{kNoRecord, true};
+  if (least != kUnset) {
+    result.nearest_trial = 2 * N;
+    while (task.distance[result.nearest_trial] != least) ++result.nearest_trial;
+  }
+  for (std::size_t face = 0; face < 2 * N; ++face) {
+    const double distance = task.face_distance[face];
+    task.distance[face] = distance;
     least = distance < least ? distance : least;
-    const Doubles inverse = 1.0 / distance;
-    for (std::size_t k = 0; k < N; ++k) {
-      const auto d = *reinterpret_cast<const Doubles*>(difference + k * kBlock);
-      const Doubles component = d * inverse;
-      for (std::size_t j = 0; j < kDoubleLanes; ++j) {
-        unit[k * kBlock + j] = static_cast<float>(component[j]);
-      }
-    }
   }
-  double result = kUnset;
-  for (std::size_t j = 0; j < kDoubleLanes; ++j) result = least[j] < result ? least[j] : result;
-  return result;
-}
+  result.is_trusted = !(least < kLeastDistance);
 
-template <int N>
-QUENLOFT_TARGET UpdateResult Update(const UpdateTask<N>& task) {
-  const Floats tolerance = Floats{} + kTolerance<N>;
-  Floats least = Floats{} + kGone;
-  Floats threshold = Floats{} - 1e30f;
-  Floats first = threshold;
-  Floats second = threshold;
-  Masks first_vector{};
-  const std::size_t trial_vectors = task.block_count * (kBlock / kLanes);
-  const std::size_t vectors = trial_vectors + BlocksFor(2 * N) * (kBlock / kLanes);
+  const Doubles unit = Doubles{} + (result.is_trusted ? static_cast<double>(kUnit) : 0.0);
+  const double least_of_unit = least / kUnit;
+  const HalfFloats doubt_of_one = HalfFloats{} + 2.0f * static_cast<float>(Tolerance<N>());
+  const HalfFloats least_weight = HalfFloats{} + kLeastWeight;
   for (std::size_t v = 0; v < vectors; ++v) {
-    Floats cosine{};
-    if (v < trial_vectors) {
-      const float* unit = task.unit + VectorOffset(v, N, kLanes);
-      for (std::size_t k = 0; k < N; ++k) {
-        cosine += *reinterpret_cast<const Floats*>(unit + k * kBlock) * task.chosen[k];
+    const std::size_t first = v * kDoubleLanes;
+    const Doubles distance = At<const Doubles>(task.distance + first);
+    const auto is_kept = distance != kUnset;
+    const Doubles inverse = is_kept ? unit / distance : Doubles{};
+    const auto is_trial = place + static_cast<double>(first) >= 2.0 * N;
+    const Doubles weight_of_inverse =
+        is_trial ? Doubles{} + least_of_unit : Doubles{} + 0.5 * least_of_unit;
+    const HalfFloats weight = __builtin_convertvector(inverse * weight_of_inverse, HalfFloats);
+    const HalfInts kept = __builtin_convertvector(is_kept, HalfInts);
+    const HalfInts is_lost = weight < least_weight;
+    At<HalfFloats>(task.weight + first) = kept ? (is_lost ? least_weight : weight) : HalfFloats{};
+    At<HalfFloats>(task.doubt + first) = is_lost ? HalfFloats{} + kAllDoubt : doubt_of_one * weight;
+    At<HalfInts>(task.max_cosine + first) = kept ? HalfInts{} : HalfInts{} + kGone;
+    const double* difference = task.difference + VectorOffset(v, N, kDoubleLanes);
+    std::int32_t* pairs = task.unit + VectorOffset(v, (N + 1) / 2, kDoubleLanes);
+    for (std::size_t k = 0; k < N; k += 2) {
+      const HalfInts low = Rounded(At<const Doubles>(difference + k * kBlock) * inverse);
+      HalfInts pair = low & 0xffff;
+      if (k + 1 < N) {
+        pair |= Rounded(At<const Doubles>(difference + (k + 1) * kBlock) * inverse) << 16;
       }
-    } else {
-      cosine = *reinterpret_cast<const Floats*>(task.face_cosine + (v - trial_vectors) * kLanes);
+      At<HalfInts>(pairs + k / 2 * kBlock) = pair;
     }
-    auto& max_cosine = *reinterpret_cast<Floats*>(task.max_cosine + v * kLanes);
-    const Floats weight = *reinterpret_cast<const Floats*>(task.weight + v * kLanes);
-    const Floats largest = cosine > max_cosine ? cosine : max_cosine;
-    max_cosine = largest;
-    least = largest < least ? largest : least;
-    const Floats room = 1.0f - largest;
-    const Floats lower = (room - tolerance) * weight;
-    const Floats upper = (room + tolerance) * weight + kUnderflow;
-    *reinterpret_cast<Floats*>(task.upper + v * kLanes) = upper;
-    threshold = lower > threshold ? lower : threshold;
-    const Masks is_first = upper > first;
-    const Floats loser = is_first ? first : upper;
-    second = loser > second ? loser : second;
-    first = is_first ? upper : first;
-    first_vector = is_first ? Masks{} + static_cast<std::int32_t>(v) : first_vector;
   }
-
-  UpdateResult result;
-  result.least_cosine = -LargestLane(-least);
-  result.threshold = LargestLane(threshold);
-  const Masks reaches = first >= Floats{} + result.threshold;
-  const Masks second_reaches = second >= Floats{} + result.threshold;
-  const std::uint32_t reaching = LaneBits(&reaches);
-  const int lane = __builtin_ctz(reaching | 1u << kLanes) % static_cast<int>(kLanes);
-  result.is_single = (reaching & (reaching - 1)) == 0 && LaneBits(&second_reaches) == 0;
-  result.contender =
-      static_cast<std::size_t>(first_vector[lane]) * kLanes + static_cast<std::size_t>(lane);
   return result;
 }
 
+// Brings the records up to date with the directions chosen since, and finds the largest
+// lower bound. One direction, as most often, stays in registers. (What marks the chosen ones
+// as gone is a comparison: a vector loaded right after one of its lanes was stored would
+// wait for the store.)
 template <int N>
-QUENLOFT_TARGET std::size_t FindContenders(const ContenderTask<N>& task) {
-  std::size_t count = 0;
+QUENLOFT_TARGET [[gnu::always_inline]] inline float Update(const ChoiceTask<N>& task) {
+  constexpr std::size_t kPairs = (N + 1) / 2;
+  const std::uint32_t* chosen = task.chosen + task.applied_count;
+  const int count = task.chosen_count - task.applied_count;
+  const auto direction_of = [&task](std::size_t record) {
+    return task.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+  };
+  const std::int32_t* first = direction_of(chosen[0]);
+  Ints direction[kPairs];
+  for (std::size_t k = 0; k < kPairs; ++k) direction[k] = Ints{} + first[k * kBlock];
+
+  Ints place{};
+  for (std::size_t j = 0; j < kLanes; ++j) place[j] = static_cast<std::int32_t>(j);
+  const Ints one = Ints{} + (kCosineOfOne + Tolerance<N>());
+  Floats threshold = Floats{} - kAllDoubt;
   const std::size_t vectors = task.block_count * (kBlock / kLanes);
   for (std::size_t v = 0; v < vectors; ++v) {
-    const Floats upper = *reinterpret_cast<const Floats*>(task.upper + v * kLanes);
-    count += AppendLanes(upper >= Floats{} + task.threshold, static_cast<std::uint32_t>(v * kLanes),
-                         task.contenders + count);
-  }
-  return count;
-}
-
-template <int N>
-QUENLOFT_TARGET void UpdateExact(const ExactTask<N>& task) {
-  for (std::size_t first = 0; first < kBlock; first += kDoubleLanes) {
-    const Doubles distance = *reinterpret_cast<const Doubles*>(task.distance + first);
-    auto& max_cosine = *reinterpret_cast<Doubles*>(task.max_cosine + first);
-    Doubles largest = max_cosine;
-    for (int c = task.from; c < task.to; ++c) {
-      const double* direction = task.directions + static_cast<std::size_t>(c) * N;
-      Doubles dot{};
-      for (std::size_t k = 0; k < N; ++k) {
-        dot +=
-            *reinterpret_cast<const Doubles*>(task.difference + k * kBlock + first) * direction[k];
+    const std::int32_t* unit = task.unit + VectorOffset(v, kPairs, kLanes);
+    Ints cosine = PairProducts(At<const Ints>(unit), direction[0]);
+    for (std::size_t k = 1; k < kPairs; ++k) {
+      cosine += PairProducts(At<const Ints>(unit + k * kBlock), direction[k]);
+    }
+    Ints& max_cosine = At<Ints>(task.max_cosine + v * kLanes);
+    Ints largest = cosine > max_cosine ? cosine : max_cosine;
+    largest = place == static_cast<std::int32_t>(chosen[0]) ? Ints{} + kGone : largest;
+    for (int i = 1; i < count; ++i) {
+      const std::int32_t* other = direction_of(chosen[i]);
+      cosine = PairProducts(At<const Ints>(unit), Ints{} + other[0]);
+      for (std::size_t k = 1; k < kPairs; ++k) {
+        cosine += PairProducts(At<const Ints>(unit + k * kBlock), Ints{} + other[k * kBlock]);
       }
-      const Doubles cosine = dot / (distance * task.distances[c]);
       largest = cosine > largest ? cosine : largest;
+      largest = place == static_cast<std::int32_t>(chosen[i]) ? Ints{} + kGone : largest;
     }
     max_cosine = largest;
+    place += static_cast<std::int32_t>(kLanes);
+    const Floats room = __builtin_convertvector(one - largest, Floats);
+    const Floats upper = room * At<const Floats>(task.weight + v * kLanes);
+    At<Floats>(task.upper + v * kLanes) = upper;
+    const Floats lower = upper - At<const Floats>(task.doubt + v * kLanes);
+    threshold = lower > threshold ? lower : threshold;
+  }
+  return LargestLane(threshold);
+}
+
+// The first record whose direction is surely free, or kNoRecord.
+template <int N>
+QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t FindFree(const ChoiceTask<N>& task) {
+  for (std::size_t record = 0; record < task.block_count * kBlock; ++record) {
+    if (task.max_cosine[record] < task.free_below) return record;
+  }
+  return kNoRecord;
+}
+
+template <int N>
+QUENLOFT_TARGET Pause Choose(ChoiceTask<N>& task) {
+  while (task.chosen_count < 3 * N) {
+    const float threshold = Update(task);
+    task.applied_count = task.chosen_count;
+    task.threshold = threshold;
+
+    if (!(task.max_cosine[task.free_record] < task.free_below)) {
+      const std::size_t free_record = FindFree(task);
+      if (free_record == kNoRecord) return Pause::kFewAreFree;
+      task.free_record = static_cast<std::uint32_t>(free_record);
+    }
+
+    const Floats reached = Floats{} + threshold;
+    std::size_t contender = 0;
+    int contender_count = 0;
+    for (std::size_t first = 0; first < task.block_count * kBlock; first += kLanes) {
+      const std::uint32_t lanes = LanesReaching(At<const Floats>(task.upper + first), reached);
+      contender_count += __builtin_popcount(lanes);
+      contender = lanes != 0 ? first + static_cast<std::size_t>(__builtin_ctz(lanes)) : contender;
+    }
+    if (contender_count != 1 || !(threshold > 0.0f)) return Pause::kAmbiguous;
+    task.chosen[task.chosen_count++] = static_cast<std::uint32_t>(contender);
+  }
+  return Pause::kFull;
+}
+
+QUENLOFT_TARGET inline std::size_t FindContenders(const ContenderTask& task) {
+  std::uint32_t* contenders = task.contenders;
+  const Floats reached = Floats{} + task.threshold;
+  for (std::size_t first = 0; first < task.block_count * kBlock; first += kLanes) {
+    const std::uint32_t lanes = LanesReaching(At<const Floats>(task.upper + first), reached);
+    if (lanes == 0) continue;
+    AppendLanes(lanes, static_cast<std::uint32_t>(first), contenders);
+    contenders += __builtin_popcount(lanes);
+  }
+  return static_cast<std::size_t>(contenders - task.contenders);
+}
+
+template <int N>
+QUENLOFT_TARGET void RaiseCosines(const CosineTask<N>& task) {
+  const auto end = static_cast<std::size_t>(task.chosen_count);
+  const std::size_t begin = static_cast<std::size_t>(task.from) / kDoubleLanes * kDoubleLanes;
+  for (std::size_t i = 0; i < task.record_count; ++i) {
+    const std::size_t record = task.records[i];
+    const double* difference = task.difference + record / kBlock * N * kBlock + record % kBlock;
+    const double distance = task.distance[record];
+    Doubles largest = Doubles{} + task.largest[i];
+    for (std::size_t first = begin; first < end; first += kDoubleLanes) {
+      Doubles dot{};
+      for (std::size_t k = 0; k < N; ++k) {
+        dot += At<const Doubles>(task.chosen_difference + k * task.kRow + first) *
+               difference[k * kBlock];
+      }
+      const Doubles cosine = dot / (At<const Doubles>(task.chosen_distance + first) * distance);
+      largest = cosine > largest ? cosine : largest;
+    }
+    task.largest[i] = LargestLane(largest);
   }
 }
 
 template <int N>
-inline constexpr SelectionKernels<N> kKernels = {FindNear<N>, FindDirections<N>, Update<N>,
-                                                 FindContenders<N>, UpdateExact<N>};
+inline constexpr SelectionKernels<N> kKernels = {FindNear<N>, Measure<N>, Choose<N>, FindContenders,
+                                                 RaiseCosines<N>};

@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: MIT
+//
+// The widths of vectors for which selection_kernels_body.h is compiled, and the choice
+// among them.
+
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+#include "solver/selection_kernels.h"
+
+namespace QuenloftSolver {
+
+// Once for each kind of processor, with its number of lanes and what the compilers'
+// vector types have no expression for.
+#define QUENLOFT_TARGET
+namespace baseline {
+inline constexpr std::size_t kLanes = 4;
+using Floats = float __attribute__((vector_size(4 * kLanes)));
+using Ints = std::int32_t __attribute__((vector_size(4 * kLanes)));
+using Doubles = double __attribute__((vector_size(4 * kLanes)));
+
+inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
+#if defined(__x86_64__)
+  return static_cast<std::uint32_t>(_mm_movemask_ps(_mm_cmpge_ps(a, b)));
+#else
+  std::uint32_t bits = 0;
+  for (std::size_t j = 0; j < kLanes; ++j) bits |= std::uint32_t{a[j] >= b[j]} << j;
+  return bits;
+#endif
+}
+// Of 16-bit halves: the sum of the two products in each lane.
+inline Ints PairProducts(const Ints& a, const Ints& b) {
+#if defined(__x86_64__)
+  return reinterpret_cast<Ints>(
+      _mm_madd_epi16(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
+#else
+  return ((a << 16) >> 16) * ((b << 16) >> 16) + (a >> 16) * (b >> 16);
+#endif
+}
+inline Doubles SquareRoots(const Doubles& a) {
+#if defined(__x86_64__)
+  return _mm_sqrt_pd(a);
+#else
+  return Doubles{std::sqrt(a[0]), std::sqrt(a[1])};
+#endif
+}
+inline float LargestLane(const Floats& a) {
+  const float low = a[0] > a[1] ? a[0] : a[1];
+  const float high = a[2] > a[3] ? a[2] : a[3];
+  return low > high ? low : high;
+}
+inline double LargestLane(const Doubles& a) { return a[0] > a[1] ? a[0] : a[1]; }
+inline void AppendLanes(std::uint32_t lanes, std::uint32_t first, std::uint32_t* out) {
+  for (; lanes != 0; lanes &= lanes - 1) {
+    *out++ = first + static_cast<std::uint32_t>(__builtin_ctz(lanes));
+  }
+}
+#include "solver/impl/selection_kernels_body.h"
+}  // namespace baseline
+#undef QUENLOFT_TARGET
+
+#if defined(__x86_64__)
+#define QUENLOFT_TARGET [[gnu::target("avx2,popcnt")]]
+namespace avx2 {
+inline constexpr std::size_t kLanes = 8;
+using Floats = float __attribute__((vector_size(4 * kLanes)));
+using Ints = std::int32_t __attribute__((vector_size(4 * kLanes)));
+using Doubles = double __attribute__((vector_size(4 * kLanes)));
+
+QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
+  return static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GE_OQ)));
+}
+QUENLOFT_TARGET inline Ints PairProducts(const Ints& a, const Ints& b) {
+  return reinterpret_cast<Ints>(
+      _mm256_madd_epi16(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b)));
+}
+QUENLOFT_TARGET inline Doubles SquareRoots(const Doubles& a) { return _mm256_sqrt_pd(a); }
+QUENLOFT_TARGET inline float LargestLane(const Floats& a) {
+  __m128 half = _mm_max_ps(_mm256_castps256_ps128(a), _mm256_extractf128_ps(a, 1));
+  half = _mm_max_ps(half, _mm_movehl_ps(half, half));
+  return _mm_cvtss_f32(_mm_max_ss(half, _mm_movehdup_ps(half)));
+}
+QUENLOFT_TARGET inline double LargestLane(const Doubles& a) {
+  const __m128d half = _mm_max_pd(_mm256_castpd256_pd128(a), _mm256_extractf128_pd(a, 1));
+  return _mm_cvtsd_f64(_mm_max_sd(half, _mm_unpackhi_pd(half, half)));
+}
+QUENLOFT_TARGET inline void AppendLanes(std::uint32_t lanes, std::uint32_t first,
+                                        std::uint32_t* out) {
+  for (; lanes != 0; lanes &= lanes - 1) {
+    *out++ = first + static_cast<std::uint32_t>(__builtin_ctz(lanes));
+  }
+}
+#include "solver/impl/selection_kernels_body.h"
+}  // namespace avx2
+#undef QUENLOFT_TARGET
+
+#define QUENLOFT_TARGET [[gnu::target("avx512f,avx512bw,avx512dq,avx512vl,popcnt")]]
+namespace avx512 {
+inline constexpr std::size_t kLanes = 16;
+using Floats = float __attribute__((vector_size(4 * kLanes)));
+using Ints = std::int32_t __attribute__((vector_size(4 * kLanes)));
+using Doubles = double __attribute__((vector_size(4 * kLanes)));
+
+QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
+  return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ);
+}
+QUENLOFT_TARGET inline Ints PairProducts(const Ints& a, const Ints& b) {
+  return reinterpret_cast<Ints>(
+      _mm512_madd_epi16(reinterpret_cast<__m512i>(a), reinterpret_cast<__m512i>(b)));
+}
+// The masked forms, with every lane set: g++ 12 warns of its own header's unmasked ones.
+QUENLOFT_TARGET inline Doubles SquareRoots(const Doubles& a) {
+  return _mm512_maskz_sqrt_pd(0xff, a);
+}
+QUENLOFT_TARGET inline float LargestLane(const Floats& a) {
+  const __m256* const halves = reinterpret_cast<const __m256*>(&a);
+  const __m256 half = _mm256_max_ps(halves[0], halves[1]);
+  __m128 quarter = _mm_max_ps(_mm256_castps256_ps128(half), _mm256_extractf128_ps(half, 1));
+  quarter = _mm_max_ps(quarter, _mm_movehl_ps(quarter, quarter));
+  return _mm_cvtss_f32(_mm_max_ss(quarter, _mm_movehdup_ps(quarter)));
+}
+QUENLOFT_TARGET inline double LargestLane(const Doubles& a) {
+  const __m256d* const halves = reinterpret_cast<const __m256d*>(&a);
+  const __m256d half = _mm256_max_pd(halves[0], halves[1]);
+  const __m128d quarter = _mm_max_pd(_mm256_castpd256_pd128(half), _mm256_extractf128_pd(half, 1));
+  return _mm_cvtsd_f64(_mm_max_sd(quarter, _mm_unpackhi_pd(quarter, quarter)));
+}
+QUENLOFT_TARGET inline void AppendLanes(std::uint32_t lanes, std::uint32_t first,
+                                        std::uint32_t* out) {
+  const __m512i numbers =
+      _mm512_add_epi32(_mm512_set1_epi32(static_cast<int>(first)),
+                       _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+  _mm512_storeu_si512(out, _mm512_maskz_compress_epi32(static_cast<__mmask16>(lanes), numbers));
+}
+#include "solver/impl/selection_kernels_body.h"
+}  // namespace avx512
+#undef QUENLOFT_TARGET
+#endif
+
+// Lanes of 32 bits that vectors may have.
+inline int LanesAllowed() {
+  const char* lanes = std::getenv("QUENLOFT_LANES");
+  return lanes != nullptr ? std::atoi(lanes) : 16;
+}
+
+template <int N>
+const SelectionKernels<N>* SelectionKernels<N>::Fastest() {
+#if defined(__x86_64__)
+  static const int lanes = LanesAllowed();
+  if (lanes >= 16 && __builtin_cpu_supports("popcnt") && __builtin_cpu_supports("avx512f") &&
+      __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq") &&
+      __builtin_cpu_supports("avx512vl")) {
+    return &avx512::kKernels<N>;
+  }
+  if (lanes >= 8 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt"))
+    return &avx2::kKernels<N>;
+#endif
+  return &baseline::kKernels<N>;
+}
+
+}  // namespace QuenloftSolver

@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+//
+// The vector loops of neighbour selection: what they are given, and what it means. They
+// are compiled for several widths of vectors (impl/selection_kernels_impl.h), of which the
+// processor's is taken at run time; all give the same bits.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "solver/candidate_columns.h"
+#include "solver/constants.h"
+
+namespace QuenloftSolver {
+
+// In place of the number of a record.
+inline constexpr std::size_t kNoRecord = SIZE_MAX;
+
+// Components of unit directions are rounded to multiples of 1 / kUnit, and cosines are
+// sums of products of the multiples: exact, in units of 1 / kUnit^2. Two products of the
+// largest multiples, and by Cauchy and Schwarz every sum of a cosine, fit 32 bits.
+inline constexpr std::int32_t kUnit = 32767;
+inline constexpr std::int32_t kCosineOfOne = kUnit * kUnit;
+
+// In place of the largest cosine of a record that is out: above any cosine.
+inline constexpr std::int32_t kGone = INT32_MAX;
+
+// What a rounded cosine is off at most. Each multiple is off by 1/2, so with the directions
+// a and b the sum is off by (|a|_1 + |b|_1) kUnit / 2 + N / 4, where |a|_1 <= sqrt(N). The
+// rest is for the rounding, in single precision, of what is made of it.
+template <int N>
+constexpr std::int32_t Tolerance() {
+  std::int32_t root = 1;
+  while (root * root < 10000 * N) ++root;  // 100 sqrt(N), rounded up
+  return kUnit / 100 * (root + 1) + N + 2000;
+}
+
+// Weights are kept from below so that no product of theirs is lost to underflow; of one
+// that had to be raised, and of all where products of distances may be lost, the bounds
+// tell nothing.
+inline constexpr float kLeastWeight = 1e-25f;
+inline constexpr double kLeastDistance = 1e-140;
+inline constexpr float kAllDoubt = 1e30f;
+
+// Which candidates p may lie within a radius r of the origin o: those for which
+// p . o - |p|^2 / 2 >= (|o|^2 - r^2) / 2, in single precision with a margin.
+template <int N>
+struct NearTask {
+  const float* blocks;  // see CandidateColumns::RoundedBlocks
+  std::size_t block_count;
+  const float* origin;
+  float least_product;
+  std::uint32_t* near;  // out: numbers of candidates, ascending; kBlock more are spoiled
+};
+
+// Distances, unit directions and weights from differences.
+template <int N>
+struct MeasureTask {
+  std::size_t block_count;
+  double radius;
+  const double* difference;     // in a block, a row of kBlock doubles a coordinate
+  const double* face_distance;  // of the first 2N records, which are the faces
+  double* distance;             // out: kUnset for trials beyond the radius or at distance 0
+  std::int32_t* unit;           // out: in a block, a row of kBlock pairs for two coordinates
+  std::int32_t* max_cosine;     // out: 0, or kGone where not kept
+  float* weight;                // out: least / distance, half of it for faces, 0 where not kept
+  float* doubt;                 // out: what twice the tolerance makes of the weight
+};
+
+struct MeasureResult {
+  std::size_t nearest_trial;  // the first of the nearest, or kNoRecord
+  bool is_trusted;            // whether distances are large enough for bounds to hold
+};
+
+// Choosing on, from the records chosen last, as long as the bounds tell the next.
+//
+// With room = 1 - largest cosine, a record's score is the inverse of its weight times
+// its room, but for a factor common to all; (room + tolerance) * weight, and that less
+// the record's doubt, bound the inverse score.
+template <int N>
+struct ChoiceTask {
+  std::size_t block_count;
+  std::int32_t free_below;  // a largest cosine below this is one of a free direction
+  const std::int32_t* unit;
+  std::int32_t* max_cosine;
+  const float* weight;
+  float* upper;  // out: upper bounds of the inverse scores
+  const float* doubt;
+  std::uint32_t* chosen;
+  int chosen_count;
+  int applied_count;          // of the chosen ones, those that the rest is up to date with
+  std::uint32_t free_record;  // one whose direction was free when last looked at
+  float threshold;            // out: the largest lower bound
+};
+
+// Why the choosing stopped.
+enum class Pause {
+  kFull,        // a table's worth is chosen
+  kAmbiguous,   // the records whose upper bound reaches the threshold must be compared
+  kFewAreFree,  // the same, if there is a free direction at all
+};
+
+// The records whose upper bound reaches the threshold; of those that are out it is negative.
+struct ContenderTask {
+  std::size_t block_count;
+  const float* upper;
+  float threshold;
+  std::uint32_t* contenders;  // out: numbers of records, ascending; kBlock more are spoiled
+};
+
+// Raising some records' largest cosines, in double precision, to those with the records
+// chosen from number `from` on (or some before).
+template <int N>
+struct CosineTask {
+  // Chosen differences stand in a row a coordinate, filled up to a whole block with zeros.
+  static constexpr std::size_t kRow = BlocksFor(3 * N) * kBlock;
+
+  const std::uint32_t* records;
+  std::size_t record_count;
+  const double* difference;  // of all records, as in MeasureTask
+  const double* distance;
+  const double* chosen_difference;
+  const double* chosen_distance;
+  int from;
+  int chosen_count;
+  double* largest;  // in and out, in the order of `records`
+};
+
+template <int N>
+struct SelectionKernels {
+  std::size_t (*find_near)(const NearTask<N>&);
+  MeasureResult (*measure)(const MeasureTask<N>&);
+  Pause (*choose)(ChoiceTask<N>&);
+  std::size_t (*find_contenders)(const ContenderTask&);
+  void (*raise_cosines)(const CosineTask<N>&);
+
+  // For the widest vectors that the processor has, or fewer lanes of 32 bits (4, 8, 16) if
+  // the environment's QUENLOFT_LANES says so.
+  static const SelectionKernels* Fastest();
+};
+
+}  // namespace QuenloftSolver
