@@ -12,6 +12,16 @@ namespace QuenloftSolver {
 
 inline constexpr std::size_t kCacheLine = 64;
 
+// Asks for the cache lines of the `bytes` at `begin`, to be read later.
+inline void FetchLines(const void* begin, std::size_t bytes) {
+  for (std::size_t byte = 0; byte < bytes; byte += kCacheLine) {
+    __builtin_prefetch(static_cast<const char*>(begin) + byte);
+    // g++ takes a function that does nothing else for one without effect, and drops the
+    // calls of it.
+    __asm__ volatile("");
+  }
+}
+
 template <typename T>
 struct CacheLineAllocator {
   using value_type = T;

@@ -34,7 +34,8 @@ class CandidateColumns {
     is_moderate_ = true;
   }
   // `best_index` is the index that a local minimum must have.
-  void Append(std::uint32_t position, const Test<N>& trial, std::int32_t best_index);
+  void Append(std::uint32_t position, const std::array<double, N>& point, const TestValue& value,
+              std::int32_t best_index);
 
   std::size_t Size() const { return size_; }
   std::size_t BlockCount() const { return BlocksFor(size_); }

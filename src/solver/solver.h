@@ -111,6 +111,7 @@ class Solver final : public SolverBase {
   enum class StepKind { kGlobal, kLocal };
   StepKind NextKind();
   Segment SelectCandidate(StepKind kind);
+  void FetchAhead(const CandidateList& list) const;
   double SplittingSlope(const Test<N>& anchor, StepKind kind) const;
   Coordinates PointOn(const Segment& segment, StepKind kind) const;
   bool IsDuplicate(const Coordinates& point, const Segment& segment) const;

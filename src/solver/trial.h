@@ -84,33 +84,27 @@ struct Extent {
   }
 };
 
-template <int N>
-struct Point {
-  Point() { coordinate.fill(kUnset); }
-
-  std::array<double, N> coordinate;  // in [0, 1]
-  std::uint32_t combination = kNone;
-};
-
 // A trial: its point, its outcome, and its neighbourhood, in one record that grows
-// linearly with N. What a step reads of many trials stands before the table, of
-// which it reads few.
+// linearly with N. What a refresh reads of every trial listed stands first, with two
+// dimensions in one cache line; it reads the rest of few.
 template <int N>
-struct Test final : SolverBase::TestBase, Point<N> {
+struct alignas(kCacheLine) Test final : SolverBase::TestBase {
   TestValue GetValue() const override { return value; }
-  const double* Coordinate() const override { return this->coordinate.data(); }
-  std::uint32_t CombinationIndex() const override { return this->combination; }
+  const double* Coordinate() const override { return coordinate.data(); }
+  std::uint32_t CombinationIndex() const override { return combination; }
   double Radius() const override { return radius; }
   const Neighbour* Neighbours() const override { return neighbours.data(); }
 
+  std::uint32_t combination = kNone;
   TestValue value{-1, kUnset};
+  // Of the trial and its chosen neighbours.
+  Extent<N> extent;
+  std::array<double, N> coordinate;  // in [0, 1]
+  // Distance to the farthest chosen neighbour, faces included; 0 when there is none.
+  double radius = kUnbounded;
   // Largest |difference of values| / distance to a chosen neighbour of the same
   // index; 0 when there is none.
   double slope = kUnbounded;
-  // Distance to the farthest chosen neighbour, faces included; 0 when there is none.
-  double radius = kUnbounded;
-  // Of the trial and its chosen neighbours.
-  Extent<N> extent;
   // In the order in which they were chosen.
   std::array<Neighbour, 3 * N> neighbours;
 };

@@ -11,8 +11,8 @@
 namespace QuenloftSolver {
 
 template <int N>
-void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
-                                 std::int32_t best_index) {
+void CandidateColumns<N>::Append(std::uint32_t position, const std::array<double, N>& point,
+                                 const TestValue& value, std::int32_t best_index) {
   const std::size_t slot = size_ % kBlock;
   if (positions_.size() <= size_) {
     const std::size_t room = std::max(4 * kBlock, 2 * positions_.size());
@@ -28,7 +28,7 @@ void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
   double* row = rows_.data() + size_ * N;
   double square = 0.0;
   for (std::size_t k = 0; k < N; ++k) {
-    const double coordinate = trial.coordinate[k];
+    const double coordinate = point[k];
     row[k] = coordinate;
     block[k * kBlock + slot] = static_cast<float>(coordinate);
     square += coordinate * coordinate;
@@ -36,7 +36,7 @@ void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
   }
   block[N * kBlock + slot] = static_cast<float>(0.5 * square);
   rival_values_[size_] =
-      trial.value.index == best_index ? trial.value.value : std::numeric_limits<double>::infinity();
+      value.index == best_index ? value.value : std::numeric_limits<double>::infinity();
   positions_[size_] = position;
   ++size_;
 }

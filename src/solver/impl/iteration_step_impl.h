@@ -66,7 +66,45 @@ typename Solver<N>::Segment Solver<N>::SelectCandidate(StepKind kind) {
   }
   if (best_list == nullptr) throw SearchExhausted();
   const Candidate candidate = best_list->TakeBest();
+  FetchAhead(*best_list);
   return {candidate.position, candidate.test};
+}
+
+// Asks memory for what the steps to come will read, once the store is far larger than
+// the caches.
+//
+// The best segment lies anywhere in the store, so what a step reads around it is cold:
+// in a search of 1e6 trials at N = 2 a fifth of the time went by waiting for a hundred
+// cache lines, one ring of the flood after the other. Prefetching inside the flood comes
+// too late. But what stands behind the best candidate of a list is nearly always what
+// the next steps take from it, unless they take what has just been found, which is warm.
+// So the ends of the third segment from here are fetched now, the neighbours of the ends
+// of the second, which were fetched a step ago, and their neighbours in turn for the
+// first. Nothing is read that counts: the search is the same whatever is guessed. That
+// saves a tenth of those 1e6 trials. From four dimensions on the selection of neighbours
+// leaves nothing to gain.
+template <int N>
+void Solver<N>::FetchAhead(const CandidateList& list) const {
+  constexpr std::size_t kLargeStore = std::size_t{8} << 20;  // bytes
+  const std::size_t size = list.Size();
+  if (N > 3 || tests_.size() < kLargeStore / sizeof(Test<N>) || size < 3) return;
+  const auto for_ends = [&](std::size_t place, auto visit) {
+    visit(list[place].position);
+    if (!IsFace(list[place].test)) visit(static_cast<std::uint32_t>(list[place].test));
+  };
+  const auto fetch = [&](std::uint32_t position, std::size_t bytes) {
+    FetchLines(&rows_[position], sizeof(FloodRow<N>));
+    FetchLines(&tests_[position], bytes);
+  };
+  for_ends(size - 3, [&](std::uint32_t end) { fetch(end, sizeof(Test<N>)); });
+  for_ends(size - 2, [&](std::uint32_t end) {
+    for (const std::uint32_t near : rows_[end].neighbours) fetch(near, sizeof(Test<N>));
+  });
+  for_ends(size - 1, [&](std::uint32_t end) {
+    for (const std::uint32_t near : rows_[end].neighbours) {
+      for (const std::uint32_t far : rows_[near].neighbours) fetch(far, kCacheLine);
+    }
+  });
 }
 
 template <int N>

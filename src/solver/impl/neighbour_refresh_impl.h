@@ -143,7 +143,7 @@ void Solver<N>::GatherCandidates(const std::vector<std::uint32_t>& positions) {
   local_candidates_.clear();
   for (const std::uint32_t position : positions) {
     const Test<N>& trial = tests_[position];
-    columns_.Append(position, trial, best_.index);
+    columns_.Append(position, rows_[position].coordinate, trial.value, best_.index);
     if (trial.flags.load(std::memory_order_relaxed) & SolverBase::TestBase::kLocal) {
       local_candidates_.push_back(position);
     }
