@@ -131,6 +131,17 @@ TEST(SolverAgainstReference, AgreesInLongSearches) {
   CompareSearches<1>(flat, 12000, 3000);
 }
 
+// Towards a corner where coordinates halve without end, until products of distances are
+// lost to underflow.
+TEST(SolverAgainstReference, AgreesWhereDistancesVanish) {
+  SearchCase c;
+  c.dimension = 2;
+  c.bounds = {0.0, 1.0, 0.0, 1.0};
+  c.Add([](const double* x, const std::int32_t*) { return std::cbrt(x[0] + 2.0 * x[1]); });
+  c.parameters.local_vs_global = 1.0;
+  CompareSearches<2>(c, 5000, 500);
+}
+
 // Slopes that overflow, keys that equal the mark for "not computed", and settings
 // that no user would choose: an unusual search, but the same one.
 TEST(SolverAgainstReference, AgreesOnExtremeValuesAndSettings) {
