@@ -6,6 +6,7 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 
 namespace QuenloftSolver {
@@ -101,14 +102,133 @@ void CandidateList::Commit() {
   stale_count_ = going_count;
   if (going_count > 0 || !staged_.empty()) {
     PlaceStaged();
-    const Progress start = DropSurplus();
-    MakeRoom(start.place + std::min(TotalCount(), kListCapacity));
-    const std::size_t end = Rearrange(start);
-    begin_ += start.place;
-    size_ = end - start.place;
+    CommitPlaced();
   }
   stale_count_ = 0;
+}
+
+void CandidateList::CommitPlaced() {
+  const Progress start = DropSurplus();
+  MakeRoom(start.place + std::min(TotalCount(), kListCapacity));
+  const std::size_t end = Rearrange(start);
+  begin_ += start.place;
+  size_ = end - start.place;
   staged_.clear();
+}
+
+void CandidateList::BeginFull() {
+  assert(stale_count_ == 0 && staged_.empty());
+  floor_ = size_ == kListCapacity ? LeastKey() : -std::numeric_limits<double>::infinity();
+  trim_at_ = 2 * kListCapacity;
+}
+
+void CandidateList::GatherReaching(const Candidate& candidate) {
+  if (has_unordered_keys_ || std::isnan(candidate.key)) {
+    EndFull();
+    Offer(candidate, UpdateMode::kFull);
+    return;
+  }
+  const std::size_t number = staged_.empty() ? 0 : staged_.back().number + 1;
+  staged_.push_back({candidate, number, 0});
+  if (staged_.size() == trim_at_) TrimStaged();
+}
+
+void CandidateList::EndFull() {
+  if (staged_.empty()) return;
+  if (!storage_) Allocate();
+  if (staged_.size() > kListCapacity) TrimStaged();
+  PlaceStaged();
+  TakeOutListed();
+  if (PushesOutListedAgain()) {
+    OfferStaged();
+  } else {
+    CommitPlaced();
+  }
+  listed_again_.clear();
+}
+
+// Drops of what is staged all but the best kListCapacity. Those that tie with the last
+// of these, and are older, stay if listed ones do too: which of them are new is not known.
+void CandidateList::TrimStaged() {
+  scratch_.clear();
+  for (const Staged& staged : staged_) scratch_.push_back(staged.candidate.key);
+  const auto last = scratch_.begin() + (kListCapacity - 1);
+  std::nth_element(scratch_.begin(), last, scratch_.end(), std::greater<>());
+  floor_ = *last;
+  const auto tie_count = static_cast<std::size_t>(
+      std::count_if(staged_.begin(), staged_.end(),
+                    [&](const Staged& staged) { return staged.candidate.key == floor_; }));
+  const auto better_count = static_cast<std::size_t>(
+      std::count_if(scratch_.begin(), last, [&](double key) { return key > floor_; }));
+  const std::size_t place = CountBelow(size_ == 0 ? nullptr : Keys(), size_, floor_);
+  const bool is_listed = place < size_ && Keys()[place] == floor_;
+  std::size_t dropped_ties = is_listed ? 0 : better_count + tie_count - kListCapacity;
+  staged_.erase(std::remove_if(staged_.begin(), staged_.end(),
+                               [&](const Staged& staged) {
+                                 if (staged.candidate.key != floor_) {
+                                   return staged.candidate.key < floor_;
+                                 }
+                                 if (dropped_ties == 0) return false;
+                                 --dropped_ties;
+                                 return true;
+                               }),
+                staged_.end());
+  trim_at_ = 2 * std::max(kListCapacity, staged_.size());
+}
+
+// Moves what is listed already from what is staged and placed to `listed_again_`.
+void CandidateList::TakeOutListed() {
+  const double* const keys = Keys();
+  auto out = staged_.begin();
+  for (Staged& staged : staged_) {
+    const double key = staged.candidate.key;
+    std::size_t place = staged.place;
+    while (place > 0 && keys[place - 1] == key &&
+           !(Positions()[place - 1] == staged.candidate.position &&
+             Tests()[place - 1] == staged.candidate.test)) {
+      --place;
+    }
+    if (place > 0 && keys[place - 1] == key) {
+      listed_again_.push_back({staged.candidate, staged.number, place - 1});
+    } else {
+      *out++ = staged;
+    }
+  }
+  staged_.erase(out, staged_.end());
+}
+
+// Whether a listed candidate that was offered again falls out, with the key that is the
+// least in the end.
+bool CandidateList::PushesOutListedAgain() const {
+  if (listed_again_.empty() || TotalCount() <= kListCapacity) return false;
+  const Progress start = DropSurplus();
+  double least = std::numeric_limits<double>::infinity();
+  if (start.place < size_) least = Keys()[start.place];
+  if (start.coming < staged_.size()) {
+    least = std::min(least, staged_[start.coming].candidate.key);
+  }
+  return std::any_of(listed_again_.begin(), listed_again_.end(), [&](const Staged& listed) {
+    return listed.candidate.key == least && listed.place < start.place;
+  });
+}
+
+void CandidateList::OfferStaged() {
+  staged_.insert(staged_.end(), listed_again_.begin(), listed_again_.end());
+  std::sort(staged_.begin(), staged_.end(),
+            [](const Staged& a, const Staged& b) { return a.number < b.number; });
+  for (const Staged& staged : staged_) Offer(staged.candidate, UpdateMode::kFull);
+  staged_.clear();
+}
+
+std::size_t CandidateList::LeastCount() const {
+  const double* const keys = Keys();
+  return static_cast<std::size_t>(std::upper_bound(keys, keys + size_, keys[0]) - keys);
+}
+
+void CandidateList::ForgetLeast() {
+  const std::size_t count = LeastCount();
+  begin_ += count;
+  size_ -= count;
 }
 
 // Passes over what leaves the list at its front: stale entries, and the least ones beyond

@@ -79,6 +79,30 @@ class CandidateList {
   }
   void Commit();
 
+  // An update of every trial in one go: BeginFull, then Gather for every segment, each at
+  // most once, then EndFull.
+  //
+  // The plain way is one offer after the other in full mode: a thousand searches and
+  // moves for an empty list. What is gathered is instead sorted once and merged once, and
+  // what has a thousand better ones is dropped on the way.
+  // The outcome is the same. In what order entries fall out of a full list, and the list
+  // in the end, depends on keys and, among equal ones, on age alone, unless a listed
+  // candidate falls out and is then offered again. That needs an equal least key, and
+  // leaves a trace only if that key is the least in the end; then all that was gathered is
+  // offered one by one.
+  void BeginFull();
+  void Gather(const Candidate& candidate) {
+    is_used_ = true;
+    if (!(candidate.key < floor_)) GatherReaching(candidate);
+  }
+  void EndFull();
+
+  // How many candidates have the least key.
+  std::size_t LeastCount() const;
+  // After BeginFull: takes the candidates with the least key off a full list, where what
+  // comes is known to push them out before any of them is offered again.
+  void ForgetLeast();
+
   // Whether some listed key may be kUnset or NaN, so that every update must mark them.
   bool HasUnorderedKeys() const { return has_unordered_keys_; }
 
@@ -127,7 +151,13 @@ class CandidateList {
   void JudgeStale();
   void StageReaching(const Candidate& candidate);
   bool LetStand(const Candidate& candidate);
+  void GatherReaching(const Candidate& candidate);
+  void TrimStaged();
+  void TakeOutListed();
+  bool PushesOutListedAgain() const;
+  void OfferStaged();
   void PlaceStaged();
+  void CommitPlaced();
   std::size_t TotalCount() const { return size_ - stale_count_ + staged_.size(); }
   Progress DropSurplus() const;
   std::size_t Rearrange(const Progress& start);
@@ -147,6 +177,9 @@ class CandidateList {
   std::size_t stale_count_ = 0;
   double floor_ = 0.0;
   std::vector<Staged> staged_;
+  std::size_t trim_at_ = 0;           // so many staged ones
+  std::vector<Staged> listed_again_;  // offered in a full update; `place` is their own
+  std::vector<double> scratch_;
   std::vector<Stretch> rising_;  // to be moved towards the end
 };
 

@@ -147,6 +147,7 @@ class Solver final : public SolverBase {
   void ListRebuiltIn(const CandidateList& list, const KeyBounds& bounds);
   void CommitLists();
   void UpdateEveryTrial();
+  void ListNeeded();
   template <typename OfferTo>  // void(CandidateList&, const Candidate&)
   void OfferSegments(std::uint32_t position, OfferTo offer);
   std::uint32_t SetCharacteristics(const Test<N>& trial, Neighbour& segment) const;

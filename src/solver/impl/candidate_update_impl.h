@@ -102,69 +102,79 @@ void Solver<N>::CommitLists() {
 // below L: it would be refused, or fall out again. L is the least key of a list that
 // is full already, or else a key that as many trials reach as a list holds.
 //
-// Where searches converge to the last bit, segments that tie with the least key of a
-// full list come by the thousand, each pushing the oldest of its kind out unless it is
-// listed. After twice the capacity of them nothing of the old list is left, so every
-// further one pushes, and only as many of the last as the list holds leave a trace.
+// Where searches converge to the last bit, segments that tie with L come by the thousand,
+// on half of all trials. Each pushes the oldest of its kind out unless it is listed. Of a
+// full list with r entries at L, no more than r can be left in the end, so the last r such
+// trials are enough once these entries are gone. They are after r of them that are not
+// listed, so after the first 2 r, or after the first r if those stand before all that are
+// listed; then the list can do without these entries from the start. At N = 2 and a
+// million trials that is nearly always so.
 class ListDemand {
  public:
-  ListDemand(const CandidateList& list, KeyBounds& bounds) : bounds_(bounds) {
+  ListDemand(CandidateList& list, KeyBounds& bounds) : bounds_(bounds) {
     bounds.Settle();
-    if (list.Size() < kListCapacity) {
-      least_ = bounds.ReachedBy(kListCapacity);
+    if (list.HasUnorderedKeys()) {
+      least_ = -KeyBounds::kUnknown;
       return;
     }
-    least_ = list[0].key;
-    tie_count_ = bounds.CountOf(least_);
+    if (list.Size() < kListCapacity) {
+      least_ = bounds.ReachedBy(kListCapacity);
+      const bool may_be_listed = !list.IsEmpty() && !(list.LeastKey() > least_);
+      ties_begin_ = may_be_listed ? 0 : bounds.BeginOfLast(kListCapacity, least_);
+      return;
+    }
+    least_ = list.LeastKey();
+    const std::size_t count = list.LeastCount();
+    std::uint32_t first_listed = list[0].position;
+    for (std::size_t i = 1; i < count; ++i) {
+      first_listed = std::min(first_listed, list[i].position);
+    }
+    ties_begin_ = bounds.BeginOfLast(count, least_);
+    if (bounds.EndOfFirst(count, least_) <= first_listed) {
+      list.ForgetLeast();
+    } else {
+      first_ties_end_ = bounds.EndOfFirst(2 * count, least_);
+    }
   }
 
-  bool NeedsBlock(std::size_t block) const { return !(bounds_.BlockMaximum(block) < least_); }
-
-  // To be asked of every trial of a needed block once, in order.
-  bool NeedsTrial(std::size_t position) {
-    const double bound = bounds_[position];
-    if (bound != least_ || tie_count_ == 0) return bound >= least_;
-    const std::size_t tie = ties_seen_++;
-    return tie < 2 * kListCapacity || tie + kListCapacity >= tie_count_;
+  bool NeedsGroup(std::size_t group) const {
+    const std::size_t first = group * KeyBounds::kGroupSize * KeyBounds::kBlockSize;
+    return Needs(bounds_.GroupMaximum(group), first,
+                 first + KeyBounds::kGroupSize * KeyBounds::kBlockSize);
+  }
+  bool NeedsBlock(std::size_t block) const {
+    const std::size_t first = block * KeyBounds::kBlockSize;
+    return Needs(bounds_.BlockMaximum(block), first, first + KeyBounds::kBlockSize);
+  }
+  bool NeedsTrial(std::size_t position) const {
+    return Needs(bounds_[position], position, position + 1);
   }
 
  private:
+  // Whether a trial is needed, of those from `first` to before `end`, of best key `bound`.
+  bool Needs(double bound, std::size_t first, std::size_t end) const {
+    return bound > least_ || (bound == least_ && (first < first_ties_end_ || end > ties_begin_));
+  }
+
   const KeyBounds& bounds_;
   double least_;
-  std::size_t tie_count_ = 0;  // of trials, where the list is full
-  std::size_t ties_seen_ = 0;
+  // Trials whose best key is `least_` are needed up to here,
+  std::size_t first_ties_end_ = 0;
+  // and from here on.
+  std::size_t ties_begin_ = 0;
 };
 
-// Offers the segments of every trial to the lists, in store order, or with one class
-// of those trials alone whose segments can leave a trace. When the class slope grew
-// every global key must be computed anew, and all are visited.
+// Offers the segments of every trial whose segments can leave a trace, in store order.
 template <int N>
 void Solver<N>::UpdateEveryTrial() {
-  const auto offer = [](CandidateList& list, const Candidate& candidate) {
-    list.Offer(candidate, UpdateMode::kFull);
-  };
-  const std::uint32_t count = TestCount();
-  if (class_count_ != 1 || class_changed_[0] || global_bounds_.Size() == 0) {
-    for (std::uint32_t p = 0; p < count; ++p) OfferSegments(p, offer);
-    return;
-  }
-  for (KeyBounds* bounds : {&local_bounds_, &global_bounds_}) {
-    for (const Rebuilt& rebuilt : rebuilt_) bounds->Set(rebuilt.position, KeyBounds::kUnknown);
-    bounds->Grow(count);
-  }
-  ListDemand local(local_lists_[0], local_bounds_);
-  ListDemand global(global_lists_[0], global_bounds_);
-  needed_.clear();
-  for (std::uint32_t first = 0; first < count; first += KeyBounds::kBlockSize) {
-    const std::size_t block = first / KeyBounds::kBlockSize;
-    if (!local.NeedsBlock(block) && !global.NeedsBlock(block)) continue;
-    const std::uint32_t end =
-        std::min(count, first + static_cast<std::uint32_t>(KeyBounds::kBlockSize));
-    for (std::uint32_t p = first; p < end; ++p) {
-      const bool is_needed = local.NeedsTrial(p);
-      if (global.NeedsTrial(p) || is_needed) needed_.push_back(p);
+  const auto each_list = [&](auto apply) {
+    for (std::uint32_t c = 0; c < class_count_; ++c) {
+      apply(local_lists_[c]);
+      apply(global_lists_[c]);
     }
-  }
+  };
+  each_list([](CandidateList& list) { list.BeginFull(); });
+  ListNeeded();
   // They stand anywhere in memory.
   constexpr std::size_t kAhead = 8;
   for (std::size_t i = 0; i < needed_.size(); ++i) {
@@ -172,7 +182,40 @@ void Solver<N>::UpdateEveryTrial() {
     for (std::size_t byte = 0; byte < sizeof(ahead); byte += 64) {
       __builtin_prefetch(reinterpret_cast<const char*>(&ahead) + byte);
     }
-    OfferSegments(needed_[i], offer);
+    OfferSegments(needed_[i],
+                  [](CandidateList& list, const Candidate& candidate) { list.Gather(candidate); });
+  }
+  each_list([](CandidateList& list) { list.EndFull(); });
+}
+
+// With several classes, and when the class slope grew so that every global key must be
+// computed anew, all trials are visited.
+template <int N>
+void Solver<N>::ListNeeded() {
+  const std::uint32_t count = TestCount();
+  needed_.clear();
+  if (class_count_ != 1 || class_changed_[0] || global_bounds_.Size() == 0) {
+    for (std::uint32_t p = 0; p < count; ++p) needed_.push_back(p);
+    return;
+  }
+  for (KeyBounds* bounds : {&local_bounds_, &global_bounds_}) {
+    for (const Rebuilt& rebuilt : rebuilt_) bounds->Set(rebuilt.position, KeyBounds::kUnknown);
+    bounds->Grow(count);
+  }
+  const ListDemand local(local_lists_[0], local_bounds_);
+  const ListDemand global(global_lists_[0], global_bounds_);
+  for (std::size_t group = 0; group < local_bounds_.GroupCount(); ++group) {
+    if (!local.NeedsGroup(group) && !global.NeedsGroup(group)) continue;
+    const std::size_t end = local_bounds_.EndOfGroup(group);
+    for (std::size_t block = group * KeyBounds::kGroupSize; block < end; ++block) {
+      if (!local.NeedsBlock(block) && !global.NeedsBlock(block)) continue;
+      const std::size_t end_of_block = local_bounds_.EndOfBlock(block);
+      for (std::size_t p = block * KeyBounds::kBlockSize; p < end_of_block; ++p) {
+        if (local.NeedsTrial(p) || global.NeedsTrial(p)) {
+          needed_.push_back(static_cast<std::uint32_t>(p));
+        }
+      }
+    }
   }
 }
 
