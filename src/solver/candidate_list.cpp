@@ -89,7 +89,7 @@ void CandidateList::StageReaching(const Candidate& candidate) {
   if (has_unordered_keys_) {
     Offer(candidate, UpdateMode::kIncremental);
   } else if (!LetStand(candidate)) {
-    staged_.push_back({candidate, staged_.size(), 0});
+    staged_.push_back({candidate, static_cast<std::uint32_t>(staged_.size()), 0});
   }
 }
 
@@ -128,7 +128,7 @@ void CandidateList::GatherReaching(const Candidate& candidate) {
     Offer(candidate, UpdateMode::kFull);
     return;
   }
-  const std::size_t number = staged_.empty() ? 0 : staged_.back().number + 1;
+  const std::uint32_t number = staged_.empty() ? 0 : staged_.back().number + 1;
   staged_.push_back({candidate, number, 0});
   if (staged_.size() == trim_at_) TrimStaged();
 }
@@ -182,7 +182,7 @@ void CandidateList::TakeOutListed() {
   auto out = staged_.begin();
   for (Staged& staged : staged_) {
     const double key = staged.candidate.key;
-    std::size_t place = staged.place;
+    std::uint32_t place = staged.place;
     while (place > 0 && keys[place - 1] == key &&
            !(Positions()[place - 1] == staged.candidate.position &&
              Tests()[place - 1] == staged.candidate.test)) {
@@ -275,7 +275,7 @@ std::size_t CandidateList::Rearrange(const Progress& start) {
                        (going == stale_count_ || staged_[coming].place <= stale_->places[going]);
     if (comes) {
       pass_until(staged_[coming].place);
-      staged_[coming++].place = out++;
+      staged_[coming++].place = static_cast<std::uint32_t>(out++);
     } else {
       pass_until(stale_->places[going++]);
       ++in;
@@ -394,7 +394,8 @@ void CandidateList::PlaceStaged() {
   for (std::size_t count = size_; count > 0;) {
     const std::size_t half = (count + 1) / 2;
     for (Staged& staged : staged_) {
-      staged.place += half & Mask(keys[staged.place + half - 1] <= staged.candidate.key);
+      staged.place += static_cast<std::uint32_t>(
+          half & Mask(keys[staged.place + half - 1] <= staged.candidate.key));
     }
     count -= half;
   }

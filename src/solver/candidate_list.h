@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -97,6 +98,10 @@ class CandidateList {
   }
   void EndFull();
 
+  // After BeginFull: promises that as many candidates as a list holds reach `key`, listed
+  // or gathered, so that lesser ones may be passed over.
+  void RaiseFloor(double key) { floor_ = std::max(floor_, key); }
+
   // How many candidates have the least key.
   std::size_t LeastCount() const;
   // After BeginFull: takes the candidates with the least key off a full list, where what
@@ -126,8 +131,8 @@ class CandidateList {
   };
   struct Staged {
     Candidate candidate;
-    std::size_t number;  // in the order of offers
-    std::size_t place;   // of the entry before which it comes; then its own
+    std::uint32_t number;  // in the order of offers
+    std::uint32_t place;   // of the entry before which it comes; then its own
   };
   // Of a pass over entries, stale places and staged candidates at once.
   struct Progress {

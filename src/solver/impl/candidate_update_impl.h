@@ -121,6 +121,7 @@ class ListDemand {
       least_ = bounds.ReachedBy(kListCapacity);
       const bool may_be_listed = !list.IsEmpty() && !(list.LeastKey() > least_);
       ties_begin_ = may_be_listed ? 0 : bounds.BeginOfLast(kListCapacity, least_);
+      list.RaiseFloor(least_);
       return;
     }
     least_ = list.LeastKey();
