@@ -32,6 +32,9 @@ class KeyBounds {
   // Makes `count` trials, those added with unknown keys.
   void Grow(std::size_t count);
 
+  // Whether some key is unknown.
+  bool HasUnknown() const { return unknown_count_ > 0; }
+
   // A key that at least `count` trials are known to reach; -infinity when there are
   // fewer.
   double ReachedBy(std::size_t count);

@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
+#include <iterator>
 #include <random>
 #include <vector>
 
@@ -17,6 +19,7 @@
 #include "search_cases.h"
 #include "solver/built_dimensions.h"
 #include "solver/create_solver.h"
+#include "solver/list_demand.h"
 #include "solver/solver.h"
 
 namespace QuenloftSolver {
@@ -234,6 +237,56 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
       if (!stays || random() % 8 == 0) offer_all();
       ASSERT_TRUE(SameLists(list, plain)) << "all, after update " << update;
     }
+  }
+}
+
+// A full list whose least key, 1, many trials share, listed or not, most of them on one
+// segment alone; better ones are listed but for a few. Now and then a key is NaN.
+TEST(ListDemand, PassesOverTrialsThatLeaveNoTrace) {
+  for (std::uint32_t round = 0; round < 600; ++round) {
+    std::mt19937 random(round);
+    const std::uint32_t ties = 1 + random() % 5;
+    const std::uint32_t better = static_cast<std::uint32_t>(kListCapacity) - ties;
+    const std::uint32_t all_better = better + random() % 2 * (random() % ties);
+    const std::uint32_t tied_trials = ties + random() % (4 * ties);
+    std::vector<std::array<double, 2>> keys(3 * kListCapacity / 2, {0.0, -1.0});
+    for (std::uint32_t i = 0; i < all_better + tied_trials; ++i) {
+      keys[i][0] = i < all_better ? 2 + random() % 3 : 1;
+    }
+    std::shuffle(keys.begin(), keys.end(), random);
+    if (round % 3 == 0) keys[random() % keys.size()][1] = 1.0;
+    if (round % 8 == 0) keys[random() % keys.size()][1] = NAN;
+
+    KeyBounds bounds;
+    std::vector<Candidate> listed, tied;
+    for (std::uint32_t p = 0; p < keys.size(); ++p) {
+      const auto [a, b] = keys[p];
+      bounds.Set(p, std::isnan(b) ? b : std::max(a, b));
+      if (a > 1.0 && listed.size() < better) listed.push_back({a, p, 0});
+      if (a == 1.0) tied.push_back({a, p, 0});
+    }
+    std::rotate(tied.begin(), tied.begin() + random() % tied_trials, tied.end());
+    const auto tied_end = tied.begin() + ties + random() % (tied_trials - ties + 1);
+    std::sample(tied.begin(), tied_end, std::back_inserter(listed), ties, random);
+    std::shuffle(listed.begin(), listed.end(), random);
+    std::vector<CandidateList> list(1);
+    std::vector<reference::List> plain(1);
+    for (const Candidate& candidate : listed) {
+      list[0].Offer(candidate, UpdateMode::kFull);
+      plain[0].Offer(candidate, true);
+    }
+    list[0].BeginFull();
+    const ListDemand demand(list[0], bounds);
+    for (std::uint32_t i = 0; i < 2 * keys.size(); ++i) {
+      const Candidate candidate = {keys[i / 2][i % 2], i / 2, static_cast<std::int32_t>(i % 2)};
+      const std::size_t block = candidate.position / KeyBounds::kBlockSize;
+      const bool is_needed = demand.NeedsGroup(block / KeyBounds::kGroupSize) &&
+                             demand.NeedsBlock(block) && demand.NeedsTrial(candidate.position);
+      if (is_needed) list[0].Gather(candidate);
+      plain[0].Offer(candidate, true);
+    }
+    list[0].EndFull();
+    ASSERT_TRUE(SameLists(list, plain)) << "round " << round;
   }
 }
 

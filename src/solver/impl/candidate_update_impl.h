@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "solver/list_demand.h"
 #include "solver/solver.h"
 
 namespace QuenloftSolver {
@@ -96,75 +97,6 @@ void Solver<N>::CommitLists() {
   }
 }
 
-// Which trials one list needs to see in an update of every trial, in store order.
-//
-// A list that will end up full of keys no less than some L keeps no trace of a segment
-// below L: it would be refused, or fall out again. L is the least key of a list that
-// is full already, or else a key that as many trials reach as a list holds.
-//
-// Where searches converge to the last bit, segments that tie with L come by the thousand,
-// on half of all trials. Each pushes the oldest of its kind out unless it is listed. Of a
-// full list with r entries at L, no more than r can be left in the end, so the last r such
-// trials are enough once these entries are gone. They are after r of them that are not
-// listed, so after the first 2 r, or after the first r if those stand before all that are
-// listed; then the list can do without these entries from the start. At N = 2 and a
-// million trials that is nearly always so.
-class ListDemand {
- public:
-  ListDemand(CandidateList& list, KeyBounds& bounds) : bounds_(bounds) {
-    bounds.Settle();
-    if (list.HasUnorderedKeys()) {
-      least_ = -KeyBounds::kUnknown;
-      return;
-    }
-    if (list.Size() < kListCapacity) {
-      least_ = bounds.ReachedBy(kListCapacity);
-      const bool may_be_listed = !list.IsEmpty() && !(list.LeastKey() > least_);
-      ties_begin_ = may_be_listed ? 0 : bounds.BeginOfLast(kListCapacity, least_);
-      list.RaiseFloor(least_);
-      return;
-    }
-    least_ = list.LeastKey();
-    const std::size_t count = list.LeastCount();
-    std::uint32_t first_listed = list[0].position;
-    for (std::size_t i = 1; i < count; ++i) {
-      first_listed = std::min(first_listed, list[i].position);
-    }
-    ties_begin_ = bounds.BeginOfLast(count, least_);
-    if (bounds.EndOfFirst(count, least_) <= first_listed) {
-      list.ForgetLeast();
-    } else {
-      first_ties_end_ = bounds.EndOfFirst(2 * count, least_);
-    }
-  }
-
-  bool NeedsGroup(std::size_t group) const {
-    const std::size_t first = group * KeyBounds::kGroupSize * KeyBounds::kBlockSize;
-    return Needs(bounds_.GroupMaximum(group), first,
-                 first + KeyBounds::kGroupSize * KeyBounds::kBlockSize);
-  }
-  bool NeedsBlock(std::size_t block) const {
-    const std::size_t first = block * KeyBounds::kBlockSize;
-    return Needs(bounds_.BlockMaximum(block), first, first + KeyBounds::kBlockSize);
-  }
-  bool NeedsTrial(std::size_t position) const {
-    return Needs(bounds_[position], position, position + 1);
-  }
-
- private:
-  // Whether a trial is needed, of those from `first` to before `end`, of best key `bound`.
-  bool Needs(double bound, std::size_t first, std::size_t end) const {
-    return bound > least_ || (bound == least_ && (first < first_ties_end_ || end > ties_begin_));
-  }
-
-  const KeyBounds& bounds_;
-  double least_;
-  // Trials whose best key is `least_` are needed up to here,
-  std::size_t first_ties_end_ = 0;
-  // and from here on.
-  std::size_t ties_begin_ = 0;
-};
-
 // Offers the segments of every trial whose segments can leave a trace, in store order.
 template <int N>
 void Solver<N>::UpdateEveryTrial() {
@@ -199,10 +131,12 @@ void Solver<N>::ListNeeded() {
     for (std::uint32_t p = 0; p < count; ++p) needed_.push_back(p);
     return;
   }
-  for (KeyBounds* bounds : {&local_bounds_, &global_bounds_}) {
-    for (const Rebuilt& rebuilt : rebuilt_) bounds->Set(rebuilt.position, KeyBounds::kUnknown);
-    bounds->Grow(count);
+  // Computes their keys; no other can have become unknown.
+  for (const Rebuilt& rebuilt : rebuilt_) {
+    OfferSegments(rebuilt.position, [](CandidateList&, const Candidate&) {});
   }
+  local_bounds_.Grow(count);
+  global_bounds_.Grow(count);
   const ListDemand local(local_lists_[0], local_bounds_);
   const ListDemand global(global_lists_[0], global_bounds_);
   for (std::size_t group = 0; group < local_bounds_.GroupCount(); ++group) {
@@ -238,6 +172,7 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
     offer(local_lists_[c], {segment.local_characteristic, position, segment.test});
     offer(global_lists_[c], {segment.global_characteristic, position, segment.test});
     work_.offers += 2;
+    // With one class a trial's keys are NaN together, as its slopes are.
     if (!(segment.local_characteristic <= best_local)) best_local = segment.local_characteristic;
     if (!(segment.global_characteristic <= best_global)) {
       best_global = segment.global_characteristic;
