@@ -3,6 +3,7 @@
 #include "solver/candidate_list.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstring>
@@ -88,12 +89,13 @@ std::size_t CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t c
 void CandidateList::StageReaching(const Candidate& candidate) {
   if (has_unordered_keys_) {
     Offer(candidate, UpdateMode::kIncremental);
-  } else if (!LetStand(candidate)) {
+  } else {
     staged_.push_back({candidate, static_cast<std::uint32_t>(staged_.size()), 0});
   }
 }
 
 void CandidateList::Commit() {
+  LetStand();
   std::size_t going_count = 0;
   for (std::size_t s = 0; s < stale_count_; ++s) {
     stale_->places[going_count] = stale_->places[s];
@@ -366,39 +368,75 @@ void CandidateList::JudgeStale() {
   }
 }
 
-// Lets the candidate stay if it stands among the stale ones that still may. Of equal
-// keys, those before it can then stay no more, being late; and none can if it is new.
-bool CandidateList::LetStand(const Candidate& candidate) {
+// Takes off what is staged each candidate that stands among the stale ones that still may
+// stay, and lets it stay there. Of equal keys, those before it can then stay no more, being
+// late; and none can if it is new.
+void CandidateList::LetStand() {
+  if (staged_.empty()) return;
   Stale& stale = *stale_;
-  for (std::size_t s = CountBelow(stale.keys, stale_count_, candidate.key);
-       s < stale_count_ && stale.keys[s] == candidate.key; ++s) {
-    if (stale.fates[s] != Fate::kMayStay) continue;
-    const std::size_t place = stale.places[s];
-    if (Positions()[place] == candidate.position && Tests()[place] == candidate.test) {
-      stale.fates[s] = Fate::kStays;
-      return true;
+  PlaceAmong(stale.keys, stale_count_, std::less<>());
+  auto out = staged_.begin();
+  for (Staged& staged : staged_) {
+    const Candidate& candidate = staged.candidate;
+    bool stays = false;
+    for (std::size_t s = staged.place; !stays && s < stale_count_ && stale.keys[s] == candidate.key;
+         ++s) {
+      if (stale.fates[s] != Fate::kMayStay) continue;
+      const std::size_t place = stale.places[s];
+      stays = Positions()[place] == candidate.position && Tests()[place] == candidate.test;
+      stale.fates[s] = stays ? Fate::kStays : Fate::kGoes;
     }
-    stale.fates[s] = Fate::kGoes;
+    *out = staged;
+    out->place = 0;
+    out += stays ? 0 : 1;
   }
-  return false;
+  staged_.erase(out, staged_.end());
+}
+
+// Finds for all that is staged how many of ascending keys come before it, in searches side
+// by side, because each waits for memory at each of its steps.
+template <typename ComesBefore>
+void CandidateList::PlaceAmong(const double* keys, std::size_t count, ComesBefore comes_before) {
+  while (count > 0) {
+    const std::size_t half = (count + 1) / 2;
+    for (Staged& staged : staged_) {
+      staged.place += static_cast<std::uint32_t>(
+          half & Mask(comes_before(keys[staged.place + half - 1], staged.candidate.key)));
+    }
+    count -= half;
+  }
+}
+
+// In ascending order of keys, equal ones as they are: that of numbers.
+void CandidateList::SortStaged() {
+  const std::size_t count = staged_.size();
+  if (count > kRanked) {
+    std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
+      return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
+                                                : a.number < b.number;
+    });
+    return;
+  }
+  // Without branches: each counts how many come before it.
+  std::array<Staged, kRanked> unsorted;
+  std::array<std::size_t, kRanked> ranks;
+  for (std::size_t i = 0; i < count; ++i) {
+    unsorted[i] = staged_[i];
+    std::size_t rank = 0;
+    for (std::size_t j = 0; j < i; ++j) {
+      const bool comes_before = unsorted[i].candidate.key < unsorted[j].candidate.key;
+      ranks[j] += comes_before ? 1 : 0;
+      rank += comes_before ? 0 : 1;
+    }
+    ranks[i] = rank;
+  }
+  for (std::size_t i = 0; i < count; ++i) staged_[ranks[i]] = unsorted[i];
 }
 
 // Behind equal keys, which are older.
 void CandidateList::PlaceStaged() {
-  std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
-    return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
-                                              : a.number < b.number;
-  });
-  // All searches side by side, because each waits for memory at each of its steps.
-  const double* const keys = Keys();
-  for (std::size_t count = size_; count > 0;) {
-    const std::size_t half = (count + 1) / 2;
-    for (Staged& staged : staged_) {
-      staged.place += static_cast<std::uint32_t>(
-          half & Mask(keys[staged.place + half - 1] <= staged.candidate.key));
-    }
-    count -= half;
-  }
+  SortStaged();
+  PlaceAmong(Keys(), size_, std::less_equal<>());
 }
 
 // Moves the fewer, those below or those above.

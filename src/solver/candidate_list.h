@@ -30,9 +30,9 @@ enum class UpdateMode { kFull, kIncremental };
 //   (2) Among equal keys the one offered later stands nearer the end.
 //   (3) No candidate stands twice.
 // Cost: Offer O(log size) to find and one move of the better entries; TakeBest
-// O(1); MarkStale one pass over positions; Stage O(log size); Commit one move of what
-// stands above the least change. Storage is allocated by the first offer that is kept,
-// and never again.
+// O(1); MarkStale one pass over positions; Stage O(1); Commit O(log size) for each staged
+// candidate and one move of what stands above the least change. Storage is allocated by the
+// first offer that is kept, and never again.
 // Threads: none.
 class CandidateList {
  public:
@@ -60,8 +60,8 @@ class CandidateList {
   // rebuilt trials, then Commit. The plain way removes what is stale, which moves the
   // list once, and inserts offers one by one, each of which moves what is better: half
   // of all instructions of a step at N = 2. But most segments of a rebuilt table come
-  // back as they were. So Stage lets a stale candidate stand that is offered with the
-  // same key, and Commit moves each stretch between two real changes once.
+  // back as they were. So Commit lets a stale candidate stand that was staged with the
+  // same key, and moves each stretch between two real changes once.
   // The outcome is that of one offer after the other: a full list loses its least
   // entries whatever the order, and of equal keys only those stand that the offers bring
   // back in the order in which they stand, behind all that was not stale and before all
@@ -72,6 +72,11 @@ class CandidateList {
   // that it must be computed anew. Returns how many candidates stay whatever is offered.
   std::size_t MarkStale(const std::uint32_t* rebuilt, std::size_t count);
 
+  // Whether candidates of a marked trial, of which the best has this key, need be staged.
+  bool AwaitsStaged(double best_key) {
+    is_used_ = true;
+    return best_key >= floor_;
+  }
   // Offers a candidate of a marked trial, to take effect by Commit. The least entry that
   // was not marked is the least that an offer must reach.
   void Stage(const Candidate& candidate) {
@@ -116,6 +121,7 @@ class CandidateList {
   // stands above the least ones need not move when these fall out.
   static constexpr std::size_t kRoom = 2 * kListCapacity;
   static constexpr std::size_t kScanned = 16;  // positions that MarkStale compares at once
+  static constexpr std::size_t kRanked = 24;   // staged candidates sorted by counting
   // Columns: the search for a place reads keys alone, the one for stale entries positions.
   struct Storage {
     double keys[kRoom];
@@ -155,7 +161,10 @@ class CandidateList {
   void MarkUnsetKeys();
   void JudgeStale();
   void StageReaching(const Candidate& candidate);
-  bool LetStand(const Candidate& candidate);
+  void LetStand();
+  template <typename ComesBefore>
+  void PlaceAmong(const double* keys, std::size_t count, ComesBefore comes_before);
+  void SortStaged();
   void GatherReaching(const Candidate& candidate);
   void TrimStaged();
   void TakeOutListed();

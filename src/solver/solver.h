@@ -150,6 +150,7 @@ class Solver final : public SolverBase {
   void ListNeeded();
   template <typename OfferTo>  // void(CandidateList&, const Candidate&)
   void OfferSegments(std::uint32_t position, OfferTo offer);
+  void StageSegments(std::uint32_t position);
   std::uint32_t SetCharacteristics(const Test<N>& trial, Neighbour& segment) const;
 
   // Fixed after construction.

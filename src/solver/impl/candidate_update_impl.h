@@ -22,10 +22,7 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
     CommitLists();
     UpdateEveryTrial();
   } else if (to_rescore_.size() == rebuilt_.size()) {
-    for (const std::uint32_t position : to_rescore_) {
-      OfferSegments(position,
-                    [](CandidateList& list, const Candidate& candidate) { list.Stage(candidate); });
-    }
+    for (const std::uint32_t position : to_rescore_) StageSegments(position);
     CommitLists();
   } else {
     // Some of what is offered may be listed already.
@@ -180,6 +177,71 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
   }
   local_bounds_.Set(position, best_local);
   global_bounds_.Set(position, best_global);
+}
+
+// Stages the segments of a trial whose table was just rebuilt.
+//
+// The plain way is OfferSegments: of each segment it asks what its other end is, whether
+// its characteristics are known, which class has it and whether its keys reach a list,
+// most often in vain. Here they are all unknown, and of the trial's class unless a
+// partner has a higher index. A face, or a partner of a lower index, counts as one of value
+// 0 that weighs nothing, and a list is asked once for the best key of the table. The keys
+// are the plain ones: to subtract 0, to multiply by 1 or by 1/2 is exact.
+template <int N>
+void Solver<N>::StageSegments(std::uint32_t position) {
+  Test<N>& trial = tests_[position];
+  const FloodRow<N>& row = rows_[position];
+  static constexpr double kNothing = 0.0;
+  static constexpr double kWeights[] = {1.0, 0.5};
+  std::array<double, 3 * N> partner_values;
+  std::array<double, 3 * N> weights;
+  bool has_higher_partner = false;
+  std::size_t count = 0;
+  for (; count < 3 * N && trial.neighbours[count].test != kNone; ++count) {
+    const TestValue& value = tests_[row.neighbours[count]].value;
+    bool is_mean = value.index == trial.value.index;
+    is_mean &= !IsFace(trial.neighbours[count].test);
+    has_higher_partner |= value.index > trial.value.index;
+    const double* const counted[] = {&kNothing, &value.value};
+    partner_values[count] = *counted[is_mean];
+    weights[count] = kWeights[is_mean];
+  }
+  if (has_higher_partner) {
+    OfferSegments(position,
+                  [](CandidateList& list, const Candidate& candidate) { list.Stage(candidate); });
+    return;
+  }
+
+  const std::uint32_t c = ClassOf(trial);
+  // The global key and the local one side by side.
+  using Pair = double __attribute__((vector_size(16)));
+  const auto both = [](double x) { return Pair{x, x}; };
+  const Pair slopes = {UsableSlope(slopes_[c]) * parameters_.overestimation,
+                       UsableSlope(trial.slope) * parameters_.overestimation_local};
+  const Pair own_value = both(trial.value.value);
+  Pair best = both(-std::numeric_limits<double>::infinity());
+  auto is_nan = best != best;
+  for (std::size_t i = 0; i < count; ++i) {
+    Neighbour& segment = trial.neighbours[i];
+    const Pair keys =
+        (slopes * both(segment.distance) - own_value - both(partner_values[i])) * both(weights[i]);
+    segment.global_characteristic = keys[0];
+    segment.local_characteristic = keys[1];
+    best = keys > best ? keys : best;
+    is_nan |= keys != keys;
+  }
+  work_.offers += 2 * count;
+  const auto stage = [&](CandidateList& list, double best_key, double Neighbour::*key) {
+    if (count == 0 || !list.AwaitsStaged(best_key)) return;
+    for (std::size_t i = 0; i < count; ++i) {
+      const Neighbour& segment = trial.neighbours[i];
+      list.Stage({segment.*key, position, segment.test});
+    }
+  };
+  stage(local_lists_[c], best[1], &Neighbour::local_characteristic);
+  stage(global_lists_[c], best[0], &Neighbour::global_characteristic);
+  global_bounds_.Set(position, is_nan[0] != 0 ? KeyBounds::kUnknown : best[0]);
+  local_bounds_.Set(position, is_nan[1] != 0 ? KeyBounds::kUnknown : best[1]);
 }
 
 // With m an overestimated slope, d the length of a segment and z the values at its

@@ -118,20 +118,33 @@ void Solver<N>::RefreshNeighbours() {
 }
 
 // The listed trials whose extent holds the newest point, and those that never had a
-// table.
+// table. Which they are cannot be foreseen, so each trial is written down, and kept by
+// counting it.
 template <int N>
 void Solver<N>::ListRebuilt() {
-  const Coordinates& newest = tests_.back().coordinate;
-  rebuilt_.clear();
+  constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
+  const Coordinates newest = tests_.back().coordinate;
+  to_rescore_.resize(changed_.size());
+  std::uint32_t* listed = to_rescore_.data();
+  bool all_rebuilt = true;
   for (const std::uint32_t position : changed_) {
     const Test<N>& trial = tests_[position];
-    if (!trial.extent.IsSet() || trial.extent.Contains(newest)) {
+    bool is_rebuilt = trial.extent.Contains(newest);
+    is_rebuilt |= !trial.extent.IsSet();
+    // Perhaps rebuilt among the initial trials and never listed since.
+    const bool is_changed = (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0;
+    *listed = position;
+    listed += is_rebuilt | is_changed;
+    all_rebuilt &= is_rebuilt | !is_changed;
+  }
+  to_rescore_.resize(static_cast<std::size_t>(listed - to_rescore_.data()));
+
+  rebuilt_.clear();
+  for (const std::uint32_t position : to_rescore_) {
+    const Test<N>& trial = tests_[position];
+    if (all_rebuilt || !trial.extent.IsSet() || trial.extent.Contains(newest)) {
       rebuilt_.push_back({position, trial.radius, false});
       rows_[position].mark = MarkNow(kRebuilt);
-      to_rescore_.push_back(position);
-    } else if (trial.flags.load(std::memory_order_relaxed) & SolverBase::TestBase::kChanged) {
-      // Rebuilt among the initial trials and never listed since.
-      to_rescore_.push_back(position);
     }
   }
   work_.listed += changed_.size();

@@ -35,45 +35,71 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection)
   WriteTable(rebuilt.position, selection);
 }
 
+// Where faces stand in a table, and which partners are of another index, cannot be
+// foreseen. So a face counts as a partner that is the trial itself, which neither widens
+// the extent nor has a slope to it, and faces widen the extent when all trials have. Their
+// order matters only where a trial lies outside the unit box; then it is kept.
 template <int N>
 void Solver<N>::WriteTable(std::uint32_t position, const NeighbourSelection<N>& selection) {
   using Base = SolverBase::TestBase;
   Test<N>& trial = tests_[position];
   FloodRow<N>& row = rows_[position];
-  double radius = 0.0;
-  double slope = 0.0;
-  bool meets_face = false;
-  Extent<N> extent;
-  extent.SetTo(trial.coordinate);
-  const TestValue value = trial.value;
   const int chosen_count = selection.ChosenCount();
+  std::array<std::int32_t, 3 * N> faces;
+  int face_count = 0;
+  double radius = 0.0;
   for (int i = 0; i < chosen_count; ++i) {
     const std::int32_t test = selection.ChosenTest(i);
     const double distance = selection.ChosenDistance(i);
     trial.neighbours[i] = {test, distance, kUnset, kUnset};
     radius = distance > radius ? distance : radius;
-    if (IsFace(test)) {
-      row.neighbours[i] = position;
-      meets_face = true;
-      extent.WidenToFace(test);
-      continue;
-    }
-    row.neighbours[i] = static_cast<std::uint32_t>(test);
-    const Test<N>& other = tests_[static_cast<std::uint32_t>(test)];
-    extent.Widen(other.coordinate);
-    if (other.value.index != value.index) continue;
-    const double steepness = std::fabs(other.value.value - value.value) / distance;
-    slope = steepness > slope ? steepness : slope;
+    row.neighbours[i] = IsFace(test) ? position : static_cast<std::uint32_t>(test);
+    faces[face_count] = test;
+    face_count += IsFace(test);
   }
   for (int i = chosen_count; i < 3 * N && trial.neighbours[i].test != kNone; ++i) {
     trial.neighbours[i] = Neighbour{};
     row.neighbours[i] = position;
   }
-  trial.extent = extent;
+
+  const TestValue value = trial.value;
+  double slope = 0.0;
+  Coordinates minimum = trial.coordinate;
+  Coordinates maximum = trial.coordinate;
+  for (int i = 0; i < chosen_count; ++i) {
+    const Test<N>& other = tests_[row.neighbours[i]];
+    for (int k = 0; k < N; ++k) {
+      minimum[k] = other.coordinate[k] < minimum[k] ? other.coordinate[k] : minimum[k];
+      maximum[k] = other.coordinate[k] > maximum[k] ? other.coordinate[k] : maximum[k];
+    }
+    const double steepness =
+        std::fabs(other.value.value - value.value) / trial.neighbours[i].distance;
+    const double counted = other.value.index == value.index ? steepness : 0.0;
+    slope = counted > slope ? counted : slope;
+  }
+  trial.extent.minimum = minimum;
+  trial.extent.maximum = maximum;
+  bool is_within = true;
+  for (int k = 0; k < N; ++k) {
+    is_within &= minimum[k] >= 0.0;
+    is_within &= maximum[k] <= 1.0;
+  }
+  if (is_within) {
+    for (int f = 0; f < face_count; ++f) trial.extent.WidenToFace(faces[f]);
+  } else {
+    trial.extent.SetTo(trial.coordinate);
+    for (int i = 0; i < chosen_count; ++i) {
+      if (IsFace(trial.neighbours[i].test)) {
+        trial.extent.WidenToFace(trial.neighbours[i].test);
+      } else {
+        trial.extent.Widen(tests_[row.neighbours[i]].coordinate);
+      }
+    }
+  }
   trial.radius = radius;
   trial.slope = slope;
   std::uint32_t flags = Base::kChanged;
-  if (meets_face) flags |= Base::kBoundary;
+  if (face_count > 0) flags |= Base::kBoundary;
   ChangeFlags(trial, {flags, Base::kBoundary});
 }
 
