@@ -69,7 +69,7 @@ COUNTERS = {
     "refreshed": "refreshed",
     "candidates": "candidates looked at",
     "kept": "kept",
-    "rounded_cosines": "cosines, single",
+    "rounded_cosines": "cosines, rounded",
     "cosines": "cosines, double",
     "offers": "offers to lists",
     "entries_visited": "entries visited",

@@ -22,7 +22,7 @@ struct SelectionCounters {
   std::uint64_t candidates = 0;       // looked at
   std::uint64_t kept = 0;             // within the radius
   std::uint64_t cosines = 0;          // computed in double precision
-  std::uint64_t rounded_cosines = 0;  // computed in single precision
+  std::uint64_t rounded_cosines = 0;  // computed of rounded directions
 };
 
 // What a selection needs to know besides the candidates.

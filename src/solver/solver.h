@@ -33,7 +33,7 @@ struct WorkCounters {
   std::uint64_t candidates = 0;       // looked at in selections
   std::uint64_t kept = 0;             // of those, perhaps within the radius
   std::uint64_t cosines = 0;          // computed in double precision
-  std::uint64_t rounded_cosines = 0;  // computed in single precision
+  std::uint64_t rounded_cosines = 0;  // computed of rounded directions
 };
 
 // A deterministic, derivative-free Lipschitz-type search for the global minimum.
