@@ -108,10 +108,7 @@ void Solver<N>::UpdateEveryTrial() {
   // They stand anywhere in memory.
   constexpr std::size_t kAhead = 8;
   for (std::size_t i = 0; i < needed_.size(); ++i) {
-    const Test<N>& ahead = tests_[needed_[std::min(i + kAhead, needed_.size() - 1)]];
-    for (std::size_t byte = 0; byte < sizeof(ahead); byte += 64) {
-      __builtin_prefetch(reinterpret_cast<const char*>(&ahead) + byte);
-    }
+    FetchLines(&tests_[needed_[std::min(i + kAhead, needed_.size() - 1)]], sizeof(Test<N>));
     OfferSegments(needed_[i],
                   [](CandidateList& list, const Candidate& candidate) { list.Gather(candidate); });
   }
