@@ -65,9 +65,10 @@ struct SelectionRules {
 // So the outcome is the plain one, ties included. What it gains is measured in
 // docs/performance.md.
 //
-// Threads: one selection object a thread.
+// Threads: one selection object a thread. They stand in a row, so each has its cache lines,
+// and the ones fetched along with them, to itself.
 template <int N>
-class NeighbourSelection {
+class alignas(2 * kCacheLine) NeighbourSelection {
  public:
   NeighbourSelection();
 
