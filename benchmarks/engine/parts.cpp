@@ -72,6 +72,7 @@ struct Refresh {
     });
     listed.resize(std::clamp<std::size_t>(work.listed / count, 1, count));
     rebuilt_count = std::clamp<std::size_t>(work.refreshed / count, 1, listed.size());
+    columns.Reserve(listed.size());
     for (const std::uint32_t p : listed) {
       const Test<N>& trial = solver->TrialAt(p);
       columns.Append(p, trial.coordinate, trial.value, 0);

@@ -24,7 +24,7 @@ constexpr std::size_t BlocksFor(std::size_t count) { return (count + kBlock - 1)
 //   (1) All trials are of one combination (trials of others are never neighbours).
 //   (2) Candidates stand in the order in which they were appended, which is the
 //       order in which ties between them are resolved.
-// Cost: Append O(N). Allocates only when it outgrows every earlier use.
+// Cost: Append O(N).
 // Threads: any number may read.
 template <int N>
 class CandidateColumns {
@@ -33,6 +33,8 @@ class CandidateColumns {
     size_ = 0;
     is_moderate_ = true;
   }
+  // Allocates what `count` candidates need; Append must not meet more.
+  void Reserve(std::size_t count);
   // `best_index` is the index that a local minimum must have.
   void Append(std::uint32_t position, const std::array<double, N>& point, const TestValue& value,
               std::int32_t best_index);

@@ -121,6 +121,7 @@ class Solver final : public SolverBase {
 
   // neighbour_refresh_impl.h
   struct Rebuilt;
+  struct Worker;
   void ResetChanged();
   void ListForRefresh(std::uint32_t position);
   void ExpandChanged(int whole_rings);
@@ -128,13 +129,15 @@ class Solver final : public SolverBase {
   std::size_t TakeRingWithinExtent(std::size_t ring_begin);
   void RefreshNeighbours();
   void ListRebuilt();
-  void GatherCandidates(const std::vector<std::uint32_t>& positions);
-  void RebuildTables();
+  void RebuildTables(const std::vector<std::uint32_t>& candidates);
+  void ListLocalCandidates(const std::vector<std::uint32_t>& candidates);
+  void GatherCandidates(const std::vector<std::uint32_t>& candidates,
+                        CandidateColumns<N>& columns) const;
   void ResolveLocalMarks();
   bool TakesMark(const Rebuilt& rebuilt, const Test<N>& other) const;
 
   // neighbour_table_impl.h
-  void RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection);
+  void RebuildTable(Rebuilt& rebuilt, Worker& worker);
   void WriteTable(std::uint32_t position, const NeighbourSelection<N>& selection);
   void RaiseSlopes(const Test<N>& trial);
 
@@ -205,15 +208,18 @@ class Solver final : public SolverBase {
   bool IsRebuilt(std::uint32_t position) const { return rows_[position].mark == MarkNow(kRebuilt); }
 
   // Scratch: meaningless between calls.
-  std::vector<std::uint32_t> seen_;  // trials that a ring of the flood meets first
-  CandidateColumns<N> columns_;
-  std::vector<std::uint32_t> local_candidates_;  // gathered trials marked local
+  std::vector<std::uint32_t> seen_;              // trials that a ring of the flood meets first
+  std::vector<std::uint32_t> local_candidates_;  // candidates marked local
   std::vector<std::uint32_t> rebuilt_in_list_;   // perhaps, of the list at hand
   std::vector<std::uint32_t> needed_;            // in an update of every trial
   std::vector<std::int32_t> evaluation_categories_;
-  bool is_timing_ = true;                          // evaluations and loops, see Team
-  double evaluation_nanoseconds_ = 0.0;            // that the last timed evaluation took
-  std::vector<NeighbourSelection<N>> selections_;  // one per thread
+  bool is_timing_ = true;                // evaluations and loops, see Team
+  double evaluation_nanoseconds_ = 0.0;  // that the last timed evaluation took
+  struct Worker {
+    CandidateColumns<N> columns;
+    NeighbourSelection<N> selection;
+  };
+  std::vector<Worker> workers_;  // one per thread
   Team team_;
   std::unique_ptr<LocalFit<N>> local_fit_;
   WorkCounters work_;

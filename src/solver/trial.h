@@ -105,13 +105,17 @@ struct alignas(kCacheLine) Test final : SolverBase::TestBase {
   double Radius() const override { return radius; }
   const Neighbour* Neighbours() const override { return neighbours.data(); }
 
+  // Where a team works on the trials most of the time, what one thread reads of them
+  // all stands apart from what the others write.
+  static constexpr std::size_t kApart = N <= 4 ? alignof(double) : kCacheLine;
+
   std::uint32_t combination = kNone;
-  TestValue value{-1, kUnset};
   // Of the trial and its chosen neighbours.
   Extent<N> extent;
+  alignas(kApart) TestValue value{-1, kUnset};
   std::array<double, N> coordinate;  // in [0, 1]
   // Distance to the farthest chosen neighbour, faces included; 0 when there is none.
-  double radius = kUnbounded;
+  alignas(kApart) double radius = kUnbounded;
   // Largest |difference of values| / distance to a chosen neighbour of the same
   // index; 0 when there is none.
   double slope = kUnbounded;

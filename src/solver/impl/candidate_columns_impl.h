@@ -11,16 +11,19 @@
 namespace QuenloftSolver {
 
 template <int N>
+void CandidateColumns<N>::Reserve(std::size_t count) {
+  if (positions_.size() >= count) return;
+  const std::size_t room = BlocksFor(2 * count) * kBlock;
+  rounded_.resize(room * (N + 1));
+  rows_.resize(room * N);
+  rival_values_.resize(room);
+  positions_.resize(room);
+}
+
+template <int N>
 void CandidateColumns<N>::Append(std::uint32_t position, const std::array<double, N>& point,
                                  const TestValue& value, std::int32_t best_index) {
   const std::size_t slot = size_ % kBlock;
-  if (positions_.size() <= size_) {
-    const std::size_t room = std::max(4 * kBlock, 2 * positions_.size());
-    rounded_.resize(room * (N + 1));
-    rows_.resize(room * N);
-    rival_values_.resize(room);
-    positions_.resize(room);
-  }
   float* block = rounded_.data() + size_ / kBlock * (N + 1) * kBlock;
   if (slot == 0) {
     std::fill_n(block, (N + 1) * kBlock, std::numeric_limits<float>::quiet_NaN());

@@ -42,7 +42,7 @@ void Solver<N>::SizeContainers() {
     }
   }
   changed_.reserve(kReservedListing);
-  if (selections_.empty()) selections_.resize(1);
+  if (workers_.empty()) workers_.resize(1);
 }
 
 template <int N>
@@ -90,10 +90,9 @@ void Solver<N>::LinkInitialTrial(std::uint32_t position) {
   for (std::uint32_t p = tests_[position].combination; p < TestCount(); p += combination_count_) {
     rivals.push_back(p);
   }
-  GatherCandidates(rivals);
   rows_[position].mark = MarkNow(kListed);
   rebuilt_ = {{position, 0.0, false}};
-  RebuildTables();
+  RebuildTables(rivals);
   ResolveLocalMarks();
   UpdateExtremes(tests_[position].value);
   UpdateBest(position);

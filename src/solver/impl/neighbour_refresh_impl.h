@@ -112,8 +112,7 @@ std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
 template <int N>
 void Solver<N>::RefreshNeighbours() {
   ListRebuilt();
-  GatherCandidates(changed_);
-  RebuildTables();
+  RebuildTables(changed_);
   ResolveLocalMarks();
 }
 
@@ -150,44 +149,41 @@ void Solver<N>::ListRebuilt() {
   work_.listed += changed_.size();
 }
 
-template <int N>
-void Solver<N>::GatherCandidates(const std::vector<std::uint32_t>& positions) {
-  columns_.Clear();
-  local_candidates_.clear();
-  for (const std::uint32_t position : positions) {
-    const Test<N>& trial = tests_[position];
-    columns_.Append(position, rows_[position].coordinate, trial.value, best_.index);
-    if (trial.flags.load(std::memory_order_relaxed) & SolverBase::TestBase::kLocal) {
-      local_candidates_.push_back(position);
-    }
-  }
-}
-
 // The parallel loop. An iteration reads of other trials only points, values and marks
 // of this refresh, which nobody writes, and writes its own trial, row and slot; what must be seen
 // in list order is left to the caller's thread. So any number of threads gives the same result.
+// Each thread gathers the candidates for itself: columns that the caller had written would
+// stay in the other threads' caches, to be taken back line by line in the next step.
 template <int N>
-void Solver<N>::RebuildTables() {
+void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
   const auto count = static_cast<std::ptrdiff_t>(rebuilt_.size());
   work_.refreshed += rebuilt_.size();
-  const double work = Team::Work(rebuilt_.size(), columns_.Size(), N);
+  const double work = Team::Work(rebuilt_.size(), candidates.size(), N);
   const int threads = team_.ThreadsFor(work, evaluation_nanoseconds_);
-  if (selections_.size() < static_cast<std::size_t>(threads)) {
-    selections_.resize(static_cast<std::size_t>(threads));
+  if (workers_.size() < static_cast<std::size_t>(threads)) {
+    workers_.resize(static_cast<std::size_t>(threads));
   }
-  for (int worker = 0; worker < threads; ++worker) {
-    selections_[static_cast<std::size_t>(worker)].Reserve(columns_.Size());
+  for (int number = 0; number < threads; ++number) {
+    Worker& worker = workers_[static_cast<std::size_t>(number)];
+    worker.columns.Reserve(candidates.size());
+    worker.selection.Reserve(candidates.size());
   }
+  ListLocalCandidates(candidates);
   using Clock = std::chrono::steady_clock;
   is_timing_ = Team::IsWorthTiming(work);
   const Clock::time_point start = is_timing_ ? Clock::now() : Clock::time_point();
   if (threads == 1) {
-    for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, selections_[0]);
+    GatherCandidates(candidates, workers_[0].columns);
+    for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, workers_[0]);
   } else {
-#pragma omp parallel for schedule(static) num_threads(threads)
-    for (std::ptrdiff_t i = 0; i < count; ++i) {
-      RebuildTable(rebuilt_[static_cast<std::size_t>(i)],
-                   selections_[static_cast<std::size_t>(Team::WorkerNumber())]);
+#pragma omp parallel num_threads(threads)
+    {
+      Worker& worker = workers_[static_cast<std::size_t>(Team::WorkerNumber())];
+      GatherCandidates(candidates, worker.columns);
+#pragma omp for schedule(static)
+      for (std::ptrdiff_t i = 0; i < count; ++i) {
+        RebuildTable(rebuilt_[static_cast<std::size_t>(i)], worker);
+      }
     }
   }
   if (is_timing_) {
@@ -195,6 +191,25 @@ void Solver<N>::RebuildTables() {
     team_.Record(threads, work, elapsed.count());
   }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(tests_[rebuilt.position]);
+}
+
+template <int N>
+void Solver<N>::ListLocalCandidates(const std::vector<std::uint32_t>& candidates) {
+  local_candidates_.clear();
+  for (const std::uint32_t position : candidates) {
+    const std::uint32_t flags = tests_[position].flags.load(std::memory_order_relaxed);
+    if (flags & SolverBase::TestBase::kLocal) local_candidates_.push_back(position);
+  }
+}
+
+template <int N>
+void Solver<N>::GatherCandidates(const std::vector<std::uint32_t>& candidates,
+                                 CandidateColumns<N>& columns) const {
+  columns.Clear();
+  for (const std::uint32_t position : candidates) {
+    const Test<N>& trial = tests_[position];
+    columns.Append(position, trial.coordinate, trial.value, best_.index);
+  }
 }
 
 // A rebuilt trial that is lowest within its radius is a local minimum, until a

@@ -14,12 +14,13 @@ namespace QuenloftSolver {
 // May run on any thread of the team: writes the trial, the slot and the selection,
 // and takes the local mark from unlisted trials, which nobody sets meanwhile.
 template <int N>
-void Solver<N>::RebuildTable(Rebuilt& rebuilt, NeighbourSelection<N>& selection) {
+void Solver<N>::RebuildTable(Rebuilt& rebuilt, Worker& worker) {
   using Base = SolverBase::TestBase;
   Test<N>& trial = tests_[rebuilt.position];
   rebuilt.radius_before = trial.radius;
 
-  selection.Begin(trial, columns_);
+  NeighbourSelection<N>& selection = worker.selection;
+  selection.Begin(trial, worker.columns);
   // Listed ones stand in the columns; so does the trial itself.
   const std::uint32_t listed = MarkNow(kListed);
   for (const std::uint32_t position : rows_[rebuilt.position].neighbours) {

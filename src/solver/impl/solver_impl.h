@@ -70,11 +70,12 @@ TestValue Solver<N>::EvaluateAt(const Coordinates& unit, std::uint32_t combinati
 template <int N>
 WorkCounters Solver<N>::Work() const {
   WorkCounters work = work_;
-  for (const auto& selection : selections_) {
-    work.candidates += selection.counters.candidates;
-    work.kept += selection.counters.kept;
-    work.cosines += selection.counters.cosines;
-    work.rounded_cosines += selection.counters.rounded_cosines;
+  for (const Worker& worker : workers_) {
+    const SelectionCounters& counters = worker.selection.counters;
+    work.candidates += counters.candidates;
+    work.kept += counters.kept;
+    work.cosines += counters.cosines;
+    work.rounded_cosines += counters.rounded_cosines;
   }
   return work;
 }
