@@ -213,7 +213,6 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> rebuilt_in_list_;   // perhaps, of the list at hand
   std::vector<std::uint32_t> needed_;            // in an update of every trial
   std::vector<std::int32_t> evaluation_categories_;
-  bool is_timing_ = true;                // evaluations and loops, see Team
   double evaluation_nanoseconds_ = 0.0;  // that the last timed evaluation took
   struct Worker {
     CandidateColumns<N> columns;

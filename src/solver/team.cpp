@@ -28,28 +28,62 @@ bool WatchForks() {
 
 int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
   constexpr double kMostEvaluation = 20.0;  // times the work
-  if (work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work) return 1;
-  if (loops_to_wait_ > 0) {
-    --loops_to_wait_;
+  work_ = work;
+  is_timing_ = work >= kLeastWork / 2.0;
+  if (work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work) {
+    work_ = 0.0;
     return 1;
   }
+  if (!is_trying_ && steps_to_trial_-- == 0) {
+    is_trying_ = true;
+    steps_tried_ = 0;
+    trial_nanoseconds_ = trial_work_ = 0.0;
+    budget_ = cost_[preferred_] * work * kTrial;
+  }
+  const Form form = is_trying_ ? Other() : preferred_;
+  if (form == kOne) return 1;
   // Forks matter once a team may exist, so watching starts with the first loop for one.
   static const bool is_watching = WatchForks();
-  if (!is_watching || lost_team.load(std::memory_order_relaxed)) return 1;
+  if (!is_watching || lost_team.load(std::memory_order_relaxed)) {
+    work_ = 0.0;
+    return 1;
+  }
   return omp_get_max_threads();
 }
 
-void Team::Record(int threads, double work, double nanoseconds) {
+void Team::Record(double nanoseconds) {
   constexpr double kSmoothing = 0.1;
-  constexpr int kLongestWait = 1024;
-  if (threads == 1) {
-    nanoseconds_per_work_ += kSmoothing * (nanoseconds / work - nanoseconds_per_work_);
-  } else if (nanoseconds > nanoseconds_per_work_ * work) {
-    loops_to_wait_ = next_wait_;
-    next_wait_ = std::min(2 * next_wait_, kLongestWait);
-  } else {
-    next_wait_ = std::max(next_wait_ / 2, 1);
+  constexpr double kMost = 4.0;  // times the usual: an interruption, or an update of every trial
+  if (work_ == 0.0) return;
+  if (is_trying_) {
+    ++steps_tried_;
+    if (steps_tried_ > kUncounted || interval_ > kShortestInterval) budget_ -= nanoseconds;
+    if (steps_tried_ > kUncounted) {
+      trial_nanoseconds_ += nanoseconds;
+      trial_work_ += work_;
+    }
+    if (steps_tried_ == kTrial || budget_ < 0.0) EndTrial();
+    return;
   }
+  double& cost = cost_[preferred_];
+  const double sample = nanoseconds / work_;
+  cost = cost == 0.0 ? sample : cost + kSmoothing * (std::min(sample, kMost * cost) - cost);
+  if (preferred_ == kTogether && cost > cost_[kOne]) {
+    preferred_ = kOne;
+    steps_to_trial_ = interval_;
+  }
+}
+
+void Team::EndTrial() {
+  is_trying_ = false;
+  if (trial_work_ > 0.0) cost_[Other()] = trial_nanoseconds_ / trial_work_;
+  if (steps_tried_ == kTrial && cost_[Other()] < cost_[preferred_]) {
+    preferred_ = Other();
+    interval_ = kShortestInterval;
+  } else {
+    interval_ = std::min(2 * interval_, kLongestInterval);
+  }
+  steps_to_trial_ = interval_;
 }
 
 int Team::WorkerNumber() { return omp_get_thread_num(); }

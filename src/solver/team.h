@@ -5,23 +5,43 @@
 
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstddef>
 
 namespace QuenloftSolver {
 
-// Decides from one loop to the next. Whatever it decides, the result of a loop is the
+class Stopwatch {
+ public:
+  double Nanoseconds() const {
+    return std::chrono::duration<double, std::nano>(Clock::now() - start_).count();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point start_ = Clock::now();
+};
+
+// Decides from one step to the next. Whatever it decides, the result of a step is the
 // same.
 //
 // A loop gets one thread
 //   - when its work is over before a team would have started;
 //   - when the search mostly waits for its function: a team would gain it nothing, and
 //     threads that spin in wait for the next loop would take the core from the function;
-//   - for some time after a team was slower than one thread would have been, as it is
-//     where other processes keep the processors busy: a loop then waits for threads that
-//     are not running;
+//   - while steps with one thread are the faster ones, as they are where other processes
+//     keep the processors busy, or where cores are so far apart that what one has
+//     written costs the others more time than they save;
 //   - in a process forked from one that may have had a team, whose threads the fork did
 //     not copy and whose runtime would wait for them for ever.
 // Else it gets the OpenMP runtime's default.
+//
+// Which is faster is measured, over whole steps, as the caller pays after a loop for what
+// the team has written. Steps differ by much, so their times are taken for equal work,
+// and many in a row with the other number of threads are compared: a trial, the rarer the
+// more often it told the same. Its first steps do not count, as threads may have to be
+// woken, or started (they start on the core of the one that starts them, and take some
+// milliseconds to leave it). It ends when it has cost as much as all its steps should.
 class Team {
  public:
   // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
@@ -30,15 +50,13 @@ class Team {
     return static_cast<double>(tables) * (static_cast<double>(candidates) + 100.0) * dimension;
   }
 
-  // Whether a loop is large enough to tell what one that may get a team would take, so
-  // that it and the evaluations around it are timed: in two dimensions the clock would
-  // cost as much as the evaluation.
-  static bool IsWorthTiming(double work) { return work >= kLeastWork / 2.0; }
-
   // Threads for a loop, when the last evaluation took `evaluation_nanoseconds`.
   int ThreadsFor(double work, double evaluation_nanoseconds);
-  // What the loop then took, if it is worth timing.
-  void Record(int threads, double work, double nanoseconds);
+  // Whether the step after the last call of ThreadsFor is to be timed, and the evaluation
+  // before the next: in two dimensions the clock would cost as much as the evaluation.
+  bool IsTiming() const { return is_timing_; }
+  // What the step with that loop took, if it was timed.
+  void Record(double nanoseconds);
 
   // Number of the calling thread in its team, from 0.
   static int WorkerNumber();
@@ -47,10 +65,32 @@ class Team {
   // Between what a step takes in three dimensions, where a team gains nothing, and in
   // four, where it begins to.
   static constexpr double kLeastWork = 8000.0;
+  // In steps.
+  static constexpr int kFirstInterval = 16;
+  static constexpr int kShortestInterval = 512;
+  static constexpr int kLongestInterval = 8192;
+  static constexpr int kTrial = 40;
+  static constexpr int kUncounted = 4;
 
-  double nanoseconds_per_work_ = 1.0;  // of one thread, as lately measured
-  int loops_to_wait_ = 0;
-  int next_wait_ = 1;
+  enum Form { kOne, kTogether };
+  Form Other() const { return preferred_ == kOne ? kTogether : kOne; }
+  void EndTrial();
+
+  Form preferred_ = kOne;
+  // Nanoseconds per work, as lately measured; of the other form in the last trial.
+  std::array<double, 2> cost_{0.0, 0.0};
+  int steps_to_trial_ = kFirstInterval;
+  int interval_ = kShortestInterval;
+
+  bool is_trying_ = false;
+  int steps_tried_ = 0;
+  double trial_nanoseconds_ = 0.0;  // of the counted steps, as the next
+  double trial_work_ = 0.0;
+  double budget_ = 0.0;  // nanoseconds left
+
+  // The last loop.
+  bool is_timing_ = true;
+  double work_ = 0.0;
 };
 
 }  // namespace QuenloftSolver

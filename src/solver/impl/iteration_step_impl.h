@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cmath>
+#include <optional>
 
 #include "solver/errors.h"
 #include "solver/solver.h"
@@ -157,6 +158,8 @@ template <int N>
 bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   const std::uint32_t position = TestCount() - 1;
   const Test<N>& trial = tests_[position];
+  std::optional<Stopwatch> stopwatch;
+  if (team_.IsTiming()) stopwatch.emplace();
 
   ResetChanged();
   Extent<N>& extent = tests_[position].extent;
@@ -176,6 +179,7 @@ bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   UpdateExtremes(trial.value);
   const bool improved = UpdateBest(position);
   UpdateCandidates(UpdateMode::kIncremental);
+  if (stopwatch) team_.Record(stopwatch->Nanoseconds());
   return improved;
 }
 

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 
 #include "solver/solver.h"
@@ -169,9 +168,6 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
     worker.selection.Reserve(candidates.size());
   }
   ListLocalCandidates(candidates);
-  using Clock = std::chrono::steady_clock;
-  is_timing_ = Team::IsWorthTiming(work);
-  const Clock::time_point start = is_timing_ ? Clock::now() : Clock::time_point();
   if (threads == 1) {
     GatherCandidates(candidates, workers_[0].columns);
     for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, workers_[0]);
@@ -185,10 +181,6 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
         RebuildTable(rebuilt_[static_cast<std::size_t>(i)], worker);
       }
     }
-  }
-  if (is_timing_) {
-    const std::chrono::duration<double, std::nano> elapsed = Clock::now() - start;
-    team_.Record(threads, work, elapsed.count());
   }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(tests_[rebuilt.position]);
 }

@@ -4,7 +4,6 @@
 
 #pragma once
 
-#include <chrono>
 #include <cmath>
 
 #include "solver/evaluation.h"
@@ -59,11 +58,10 @@ TestValue Solver<N>::EvaluateAt(const Coordinates& unit, std::uint32_t combinati
     DecodeCategories(categorical_sizes_, combination, evaluation_categories_.data());
     categories = evaluation_categories_.data();
   }
-  if (!is_timing_) return Evaluate(*functions_, bounded.data(), categories);
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point start = Clock::now();
+  if (!team_.IsTiming()) return Evaluate(*functions_, bounded.data(), categories);
+  const Stopwatch stopwatch;
   const TestValue value = Evaluate(*functions_, bounded.data(), categories);
-  evaluation_nanoseconds_ = std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+  evaluation_nanoseconds_ = stopwatch.Nanoseconds();
   return value;
 }
 
