@@ -43,15 +43,15 @@ inline constexpr float kLeastWeight = 1e-25f;
 inline constexpr double kLeastDistance = 1e-140;
 inline constexpr float kAllDoubt = 1e30f;
 
-// Which candidates p may lie within a radius r of the origin o: those for which
-// p . o - |p|^2 / 2 >= (|o|^2 - r^2) / 2, in single precision with a margin.
+// Which candidates p lie within a radius r of the origin o on the grid: those for which
+// p . o - |p|^2 / 2 >= (|o|^2 - r^2) / 2.
 template <int N>
 struct NearTask {
-  const float* blocks;  // see CandidateColumns::RoundedBlocks
+  const std::int32_t* blocks;  // see CandidateColumns::GridBlocks
   std::size_t block_count;
-  const float* origin;
-  float least_product;
-  std::uint32_t* near;  // out: numbers of candidates, ascending; kBlock more are spoiled
+  const std::int32_t* origin;  // pairs
+  std::int32_t least_product;  // above kNearNothing
+  std::uint32_t* near;         // out: numbers of candidates, ascending; kBlock more are spoiled
 };
 
 // Distances, unit directions and weights from differences.

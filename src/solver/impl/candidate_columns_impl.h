@@ -3,7 +3,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
 #include "solver/candidate_columns.h"
@@ -14,7 +13,7 @@ template <int N>
 void CandidateColumns<N>::Reserve(std::size_t count) {
   if (positions_.size() >= count) return;
   const std::size_t room = BlocksFor(2 * count) * kBlock;
-  rounded_.resize(room * (N + 1));
+  grid_.resize(room * (kPairs + 1));
   rows_.resize(room * N);
   rival_values_.resize(room);
   positions_.resize(room);
@@ -24,20 +23,20 @@ template <int N>
 void CandidateColumns<N>::Append(std::uint32_t position, const std::array<double, N>& point,
                                  const TestValue& value, std::int32_t best_index) {
   const std::size_t slot = size_ % kBlock;
-  float* block = rounded_.data() + size_ / kBlock * (N + 1) * kBlock;
+  std::int32_t* block = grid_.data() + size_ / kBlock * (kPairs + 1) * kBlock;
   if (slot == 0) {
-    std::fill_n(block, (N + 1) * kBlock, std::numeric_limits<float>::quiet_NaN());
+    std::fill_n(block, kPairs * kBlock, 0);
+    std::fill_n(block + kPairs * kBlock, kBlock, kNearNothing);
   }
-  double* row = rows_.data() + size_ * N;
-  double square = 0.0;
-  for (std::size_t k = 0; k < N; ++k) {
-    const double coordinate = point[k];
-    row[k] = coordinate;
-    block[k * kBlock + slot] = static_cast<float>(coordinate);
-    square += coordinate * coordinate;
-    is_moderate_ = is_moderate_ && coordinate >= -1.0 && coordinate <= 2.0;
+  std::copy_n(point.data(), N, rows_.data() + size_ * N);
+  std::int32_t square = 0;
+  for (std::size_t k = 0; k < N; k += 2) {
+    const std::int32_t first = OnGrid<N>(point[k]);
+    const std::int32_t second = k + 1 < N ? OnGrid<N>(point[k + 1]) : 0;
+    block[k / 2 * kBlock + slot] = PairOf(first, second);
+    square += first * first + second * second;
   }
-  block[N * kBlock + slot] = static_cast<float>(0.5 * square);
+  block[kPairs * kBlock + slot] = -(square / 2);
   rival_values_[size_] =
       value.index == best_index ? value.value : std::numeric_limits<double>::infinity();
   positions_[size_] = position;

@@ -97,34 +97,32 @@ void NeighbourSelection<N>::SetDifference(std::size_t record, const double* coor
   for (std::size_t k = 0; k < N; ++k) difference[k * kBlock] = coordinates[k] - origin[k];
 }
 
-// With coordinates in [-1, 2], each of the 2N products and sums of the test in single
-// precision, and each rounded factor, is off by at most 4N * 2^-24; the margin covers
-// all of them. Where the test cannot be used every candidate is measured.
+// Points are no farther from one another when taken into the box, and rounding to the grid
+// moves each of two by sqrt(N) / 2 at most, in multiples. So of a candidate within the
+// radius the distance on the grid is at most the radius and sqrt(N); what else is added is
+// for the rounding in double precision. Nothing in the box is farther than sqrt(N).
 template <int N>
 void NeighbourSelection<N>::PushCommon() {
-  constexpr double kMargin = 4.0 * N * (3.0 * N + 4.0) * 6e-8;
-  std::array<float, N> origin;
-  double square = 0.0;
-  bool is_moderate = common_->IsModerate() && trial_->radius < 1e15;
-  for (std::size_t k = 0; k < N; ++k) {
-    const double coordinate = trial_->coordinate[k];
-    origin[k] = static_cast<float>(coordinate);
-    square += coordinate * coordinate;
-    is_moderate = is_moderate && coordinate >= -1.0 && coordinate <= 2.0;
+  constexpr std::int32_t kRoot = RootAbove(N);
+  const double radius = trial_->radius < kRoot ? trial_->radius : kRoot;
+  const auto reach = static_cast<std::int64_t>(radius * kGrid<N>) + kRoot + 2;
+  std::array<std::int32_t, CandidateColumns<N>::kPairs> origin;
+  std::int32_t square = 0;
+  for (std::size_t k = 0; k < N; k += 2) {
+    const std::int32_t first = OnGrid<N>(trial_->coordinate[k]);
+    const std::int32_t second = k + 1 < N ? OnGrid<N>(trial_->coordinate[k + 1]) : 0;
+    origin[k / 2] = PairOf(first, second);
+    square += first * first + second * second;
   }
-  std::size_t count = common_->Size();
-  if (is_moderate) {
-    NearTask<N> task;
-    task.blocks = common_->RoundedBlocks();
-    task.block_count = common_->BlockCount();
-    task.origin = origin.data();
-    task.least_product =
-        static_cast<float>(0.5 * (square - trial_->radius * trial_->radius) - kMargin);
-    task.near = near_.data();
-    count = kernels_->find_near(task);
-  } else {
-    for (std::size_t i = 0; i < count; ++i) near_[i] = static_cast<std::uint32_t>(i);
-  }
+  const std::int64_t least_product = (square - reach * reach) / 2;
+  NearTask<N> task;
+  task.blocks = common_->GridBlocks();
+  task.block_count = common_->BlockCount();
+  task.origin = origin.data();
+  task.least_product =
+      static_cast<std::int32_t>(std::max<std::int64_t>(least_product, kNearNothing + 1));
+  task.near = near_.data();
+  const std::size_t count = kernels_->find_near(task);
   for (std::size_t i = 0; i < count; ++i) {
     SetDifference(kFaceCount + private_count_ + i, common_->Coordinates(near_[i]));
   }

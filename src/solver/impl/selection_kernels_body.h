@@ -26,18 +26,17 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline Vector& At(Scalar* first) {
 
 template <int N>
 QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
+  constexpr std::size_t kPairs = CandidateColumns<N>::kPairs;
   std::uint32_t* near = task.near;
-  const Floats least_product = Floats{} + task.least_product;
+  const Ints least_product = Ints{} + task.least_product;
   const std::size_t vectors = task.block_count * (kBlock / kLanes);
   for (std::size_t v = 0; v < vectors; ++v) {
-    const float* rows = task.blocks + VectorOffset(v, N + 1, kLanes);
-    Floats product = At<const Floats>(rows) * task.origin[0];
-    for (std::size_t k = 1; k < N; ++k) {
-      product += At<const Floats>(rows + k * kBlock) * task.origin[k];
+    const std::int32_t* rows = task.blocks + VectorOffset(v, kPairs + 1, kLanes);
+    Ints product = At<const Ints>(rows + kPairs * kBlock);
+    for (std::size_t k = 0; k < kPairs; ++k) {
+      product += PairProducts(At<const Ints>(rows + k * kBlock), Ints{} + task.origin[k]);
     }
-    const Floats half_square = At<const Floats>(rows + N * kBlock);
-    // False for the NaN that fills the last block up.
-    const std::uint32_t lanes = LanesReaching(product - half_square, least_product);
+    const std::uint32_t lanes = LanesReaching(product, least_product);
     AppendLanes(lanes, static_cast<std::uint32_t>(v * kLanes), near);
     near += __builtin_popcount(lanes);
   }

@@ -36,6 +36,15 @@ inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
   return bits;
 #endif
 }
+inline std::uint32_t LanesReaching(const Ints& a, const Ints& b) {
+#if defined(__x86_64__)
+  return 0xf ^ static_cast<std::uint32_t>(_mm_movemask_ps(reinterpret_cast<__m128>(b > a)));
+#else
+  std::uint32_t bits = 0;
+  for (std::size_t j = 0; j < kLanes; ++j) bits |= std::uint32_t{a[j] >= b[j]} << j;
+  return bits;
+#endif
+}
 // Of 16-bit halves: the sum of the two products in each lane.
 inline Ints PairProducts(const Ints& a, const Ints& b) {
 #if defined(__x86_64__)
@@ -78,6 +87,9 @@ using Doubles = double __attribute__((vector_size(4 * kLanes)));
 QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
   return static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GE_OQ)));
 }
+QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Ints& a, const Ints& b) {
+  return 0xff ^ static_cast<std::uint32_t>(_mm256_movemask_ps(reinterpret_cast<__m256>(b > a)));
+}
 QUENLOFT_TARGET inline Ints PairProducts(const Ints& a, const Ints& b) {
   return reinterpret_cast<Ints>(
       _mm256_madd_epi16(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b)));
@@ -111,6 +123,9 @@ using Doubles = double __attribute__((vector_size(4 * kLanes)));
 
 QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
   return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ);
+}
+QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Ints& a, const Ints& b) {
+  return _mm512_cmpge_epi32_mask(reinterpret_cast<__m512i>(a), reinterpret_cast<__m512i>(b));
 }
 QUENLOFT_TARGET inline Ints PairProducts(const Ints& a, const Ints& b) {
   return reinterpret_cast<Ints>(
