@@ -27,14 +27,17 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline Vector& At(Scalar* first) {
 template <int N>
 QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
   constexpr std::size_t kPairs = CandidateColumns<N>::kPairs;
+  Ints origin[kPairs];
+  for (std::size_t k = 0; k < kPairs; ++k) origin[k] = Ints{} + task.origin[k];
+  const std::int32_t* const blocks = task.blocks;
   std::uint32_t* near = task.near;
   const Ints least_product = Ints{} + task.least_product;
   const std::size_t vectors = task.block_count * (kBlock / kLanes);
   for (std::size_t v = 0; v < vectors; ++v) {
-    const std::int32_t* rows = task.blocks + VectorOffset(v, kPairs + 1, kLanes);
+    const std::int32_t* rows = blocks + VectorOffset(v, kPairs + 1, kLanes);
     Ints product = At<const Ints>(rows + kPairs * kBlock);
     for (std::size_t k = 0; k < kPairs; ++k) {
-      product += PairProducts(At<const Ints>(rows + k * kBlock), Ints{} + task.origin[k]);
+      product += PairProducts(At<const Ints>(rows + k * kBlock), origin[k]);
     }
     const std::uint32_t lanes = LanesReaching(product, least_product);
     AppendLanes(lanes, static_cast<std::uint32_t>(v * kLanes), near);
