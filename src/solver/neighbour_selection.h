@@ -57,10 +57,9 @@ struct SelectionRules {
 // these are compared in double precision, by the formulas above.
 //
 // In many dimensions those are many: half of all choices at N = 8 are made among
-// candidates that tie to the last bit. So what a score is known to be at least is kept,
-// as it never falls; and of those that tie one after the other is chosen without a look
-// at any other, as long as the choices leave its score as it is. What they mean for the
-// others is brought up in one pass.
+// candidates that tie to the last bit. Of those one after the other is chosen without a
+// look at any other, as long as the choices leave its score as it is, which the rounded
+// directions mostly tell. What they mean for the others is brought up in one pass.
 //
 // So the outcome is the plain one, ties included. What it gains is measured in
 // docs/performance.md.
@@ -102,10 +101,7 @@ class alignas(2 * kCacheLine) NeighbourSelection {
   void PushCommon();
   std::size_t Measure();
   std::size_t FirstRecord(std::size_t nearest_trial, bool face_may_be_first) const;
-  bool ChooseContenders(double spread_cosine);
   bool SomeDirectionIsFree(double spread_cosine);
-  double Score(std::size_t record, double cosine) const;
-  void ScoreContenders(std::size_t begin, std::size_t end, int from);
   std::int32_t TestOf(std::size_t record) const;
 
   const SelectionKernels<N>* kernels_;
@@ -129,14 +125,7 @@ class alignas(2 * kCacheLine) NeighbourSelection {
   AlignedVector<float> doubt_;              // see ChoiceTask, as the next two
   AlignedVector<float> upper_;
   std::vector<std::uint32_t> contenders_;
-  std::vector<double> contender_cosine_;
-
-  AlignedVector<double> known_score_;  // the score is at least this
-
-  // The chosen records in double precision, as far as they were asked for.
-  int exact_count_ = 0;
-  AlignedVector<double> exact_difference_;  // see CosineTask
-  AlignedVector<double> exact_distance_;
+  ContenderTask<N> contender_{};
 
   bool is_trusted_ = true;  // the bounds
   ChoiceTask<N> choice_;

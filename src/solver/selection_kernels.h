@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "solver/aligned.h"
 #include "solver/candidate_columns.h"
 #include "solver/constants.h"
 
@@ -101,30 +102,31 @@ enum class Pause {
   kFewAreFree,  // the same, if there is a free direction at all
 };
 
-// The records whose upper bound reaches the threshold; of those that are out it is negative.
-struct ContenderTask {
-  std::size_t block_count;
-  const float* upper;
-  float threshold;
-  std::uint32_t* contenders;  // out: numbers of records, ascending; kBlock more are spoiled
-};
-
-// Raising some records' largest cosines, in double precision, to those with the records
-// chosen from number `from` on (or some before).
+// Choosing among the records whose upper bounds reach the threshold, in double precision.
 template <int N>
-struct CosineTask {
+struct ContenderTask {
   // Chosen differences stand in a row a coordinate, filled up to a whole block with zeros.
   static constexpr std::size_t kRow = BlocksFor(3 * N) * kBlock;
+  // So many contenders are looked at again when one of them is chosen: one bit each.
+  static constexpr std::size_t kWindow = 64;
 
-  const std::uint32_t* records;
-  std::size_t record_count;
   const double* difference;  // of all records, as in MeasureTask
   const double* distance;
-  const double* chosen_difference;
-  const double* chosen_distance;
-  int from;
-  int chosen_count;
-  double* largest;  // in and out, in the order of `records`
+  double spread_cosine;
+  bool is_trusted;
+  std::uint64_t cosine_count;  // computed in double precision
+  std::uint32_t* contenders;   // scratch, of kBlock more than there are records
+
+  // Of the chosen records, as far as they were asked for.
+  int exact_count;
+  alignas(kCacheLine) double chosen_difference[N * kRow];
+  alignas(kCacheLine) double chosen_distance[kRow];
+
+  // Scratch: of the first contenders.
+  alignas(kCacheLine) std::int32_t unit[(N + 1) / 2 * kWindow];
+  alignas(kCacheLine) std::int32_t max_cosine[kWindow];
+  double cosine[kWindow];
+  std::uint32_t support[kWindow];  // a bit for each coordinate that is not 0; or 0 if unknown
 };
 
 template <int N>
@@ -132,8 +134,7 @@ struct SelectionKernels {
   std::size_t (*find_near)(const NearTask<N>&);
   MeasureResult (*measure)(const MeasureTask<N>&);
   Pause (*choose)(ChoiceTask<N>&);
-  std::size_t (*find_contenders)(const ContenderTask&);
-  void (*raise_cosines)(const CosineTask<N>&);
+  bool (*choose_contenders)(ChoiceTask<N>&, ContenderTask<N>&);
 
   // For the widest vectors that the processor has, or fewer lanes of 32 bits (4, 8, 16) if
   // the environment's QUENLOFT_LANES says so.

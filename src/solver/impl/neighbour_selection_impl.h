@@ -13,8 +13,7 @@ namespace QuenloftSolver {
 template <int N>
 NeighbourSelection<N>::NeighbourSelection() : kernels_(SelectionKernels<N>::Fastest()) {
   Reserve(0);
-  exact_difference_.resize(N * CosineTask<N>::kRow, 0.0);
-  exact_distance_.resize(CosineTask<N>::kRow, 1.0);
+  std::fill_n(contender_.chosen_distance, ContenderTask<N>::kRow, 1.0);
 }
 
 template <int N>
@@ -31,8 +30,6 @@ void NeighbourSelection<N>::Reserve(std::size_t count) {
   doubt_.resize(room);
   upper_.resize(room);
   contenders_.resize(room + kBlock);
-  contender_cosine_.resize(room);
-  known_score_.resize(room);
 }
 
 template <int N>
@@ -69,12 +66,14 @@ void NeighbourSelection<N>::Choose(const SelectionRules& rules) {
   choice_.free_below =
       is_trusted_ && free_below > INT32_MIN ? static_cast<std::int32_t>(free_below) : INT32_MIN;
   choice_.free_record = 0;
+  contender_.spread_cosine = rules.spread_cosine;
   for (;;) {
     const Pause pause = kernels_->choose(choice_);
     if (pause == Pause::kFull) break;
     if (pause == Pause::kFewAreFree && !SomeDirectionIsFree(rules.spread_cosine)) break;
-    if (!ChooseContenders(rules.spread_cosine)) break;
+    if (!kernels_->choose_contenders(choice_, contender_)) break;
   }
+  counters.cosines += contender_.cosine_count;
   counters.rounded_cosines +=
       static_cast<std::uint64_t>(choice_.chosen_count) * (choice_.block_count * kBlock);
 }
@@ -168,10 +167,12 @@ std::size_t NeighbourSelection<N>::Measure() {
   choice_.upper = upper_.data();
   choice_.doubt = doubt_.data();
   choice_.chosen = chosen_.data();
-  exact_count_ = 0;
-  for (std::size_t face = 0; face < kFaceCount; ++face) known_score_[face] = 2.0 * distance_[face];
-  std::copy_n(distance_.data() + kFaceCount, task.block_count * kBlock - kFaceCount,
-              known_score_.data() + kFaceCount);
+  contender_.difference = difference_.data();
+  contender_.distance = distance_.data();
+  contender_.is_trusted = is_trusted_;
+  contender_.contenders = contenders_.data();
+  contender_.exact_count = 0;
+  contender_.cosine_count = 0;
   return result.nearest_trial;
 }
 
@@ -182,59 +183,12 @@ std::size_t NeighbourSelection<N>::FirstRecord(std::size_t nearest_trial,
   if (!face_may_be_first) return nearest_trial;
   std::size_t first = nearest_trial;
   for (std::size_t face = 0; face < 2 * N; ++face) {
-    const double smallest = first == kNoRecord ? kUnset : known_score_[first];
-    if (distance_[face] != kUnset && known_score_[face] < smallest) first = face;
+    const double smallest = first == kNoRecord   ? kUnset
+                            : first < kFaceCount ? 2.0 * distance_[first]
+                                                 : distance_[first];
+    if (distance_[face] != kUnset && 2.0 * distance_[face] < smallest) first = face;
   }
   return first;
-}
-
-// Chooses, among the records whose bounds reach the threshold, the one of the smallest
-// score; of equal ones the first, a trial before a face. Then goes on with those that tie
-// with it: no score ever falls, so one of the smallest whose own is still the same after a
-// choice is the next. False if nothing is left to choose.
-template <int N>
-bool NeighbourSelection<N>::ChooseContenders(double spread_cosine) {
-  ContenderTask task;
-  task.block_count = choice_.block_count;
-  task.upper = upper_.data();
-  task.threshold = choice_.threshold;
-  task.contenders = contenders_.data();
-  std::uint32_t* const begin = contenders_.data();
-  std::uint32_t* end = begin + kernels_->find_contenders(task);
-  if (!(choice_.threshold > 0.0f)) {
-    end = std::remove_if(begin, end, [this](auto record) { return max_cosine_[record] == kGone; });
-  }
-  if (begin == end) return false;
-  std::rotate(begin, std::lower_bound(begin, end, kFaceCount), end);
-
-  // The first one's score tells which others need be looked at.
-  const auto score = [this](std::size_t i) -> double& { return known_score_[contenders_[i]]; };
-  ScoreContenders(0, 1, 0);
-  const double first_score = score(0);
-  end = std::remove_if(begin + 1, end,
-                       [&](std::uint32_t record) { return known_score_[record] > first_score; });
-  const auto count = static_cast<std::size_t>(end - begin);
-  ScoreContenders(1, count, 0);
-  std::size_t best = 0;
-  for (std::size_t i = 1; i < count; ++i) best = score(i) < score(best) ? i : best;
-  const double smallest = score(best);
-  if (smallest == kUnset) return false;
-
-  const int chosen_before = choice_.chosen_count;
-  const auto choose = [this](std::uint32_t record) {
-    chosen_[static_cast<std::size_t>(choice_.chosen_count++)] = record;
-  };
-  choose(begin[best]);
-  for (std::size_t i = best + 1; i < count; ++i) {
-    if (score(i) != smallest) continue;
-    if (choice_.chosen_count == static_cast<int>(kTableSize)) break;
-    ScoreContenders(i, i + 1, chosen_before);
-    if (score(i) != smallest) continue;
-    // Its own direction must be free, or it takes a look at all that remain.
-    if (contender_cosine_[i] > spread_cosine) break;
-    choose(begin[i]);
-  }
-  return true;
 }
 
 template <int N>
@@ -244,51 +198,22 @@ bool NeighbourSelection<N>::SomeDirectionIsFree(double spread_cosine) {
     if (max_cosine_[record] == kGone) continue;
     if (is_trusted_ && max_cosine_[record] > spread_cosine * kCosineOfOne + Tolerance<N>())
       continue;
-    contenders_[0] = static_cast<std::uint32_t>(record);
-    ScoreContenders(0, 1, 0);
-    if (!(contender_cosine_[0] > spread_cosine)) return true;
+    const std::size_t first_difference = record / kBlock * N * kBlock + record % kBlock;
+    double largest = 0.0;
+    for (int i = 0; i < choice_.chosen_count; ++i) {
+      const std::size_t chosen = chosen_[static_cast<std::size_t>(i)];
+      const std::size_t chosen_difference = chosen / kBlock * N * kBlock + chosen % kBlock;
+      double dot = 0.0;
+      for (std::size_t k = 0; k < N; ++k)
+        dot += difference_[first_difference + k * kBlock] *
+               difference_[chosen_difference + k * kBlock];
+      const double cosine = dot / (distance_[chosen] * distance_[record]);
+      largest = cosine > largest ? cosine : largest;
+    }
+    counters.cosines += static_cast<std::uint64_t>(choice_.chosen_count);
+    if (!(largest > spread_cosine)) return true;
   }
   return false;
-}
-
-// kUnset for a record that is out.
-template <int N>
-double NeighbourSelection<N>::Score(std::size_t record, double cosine) const {
-  if (!(cosine < 1.0)) return kUnset;
-  const double score = distance_[record] / (1.0 - cosine);
-  return record < kFaceCount ? 2.0 * score : score;
-}
-
-// Of contenders by number; those scored before with less chosen ones from the first new on.
-template <int N>
-void NeighbourSelection<N>::ScoreContenders(std::size_t begin, std::size_t end, int from) {
-  for (; exact_count_ < choice_.chosen_count; ++exact_count_) {
-    const auto place = static_cast<std::size_t>(exact_count_);
-    const std::size_t record = chosen_[place];
-    const double* chosen = difference_.data() + record / kBlock * N * kBlock + record % kBlock;
-    for (std::size_t k = 0; k < N; ++k) {
-      double* row = exact_difference_.data() + k * CosineTask<N>::kRow;
-      if (place % kBlock == 0) std::fill_n(row + place, kBlock, 0.0);
-      row[place] = chosen[k * kBlock];
-    }
-    exact_distance_[place] = distance_[record];
-  }
-  if (from == 0) std::fill(&contender_cosine_[begin], contender_cosine_.data() + end, 0.0);
-  CosineTask<N> task;
-  task.records = contenders_.data() + begin;
-  task.record_count = end - begin;
-  task.difference = difference_.data();
-  task.distance = distance_.data();
-  task.chosen_difference = exact_difference_.data();
-  task.chosen_distance = exact_distance_.data();
-  task.from = from;
-  task.chosen_count = choice_.chosen_count;
-  task.largest = contender_cosine_.data() + begin;
-  kernels_->raise_cosines(task);
-  for (std::size_t i = begin; i < end; ++i) {
-    known_score_[contenders_[i]] = Score(contenders_[i], contender_cosine_[i]);
-  }
-  counters.cosines += (end - begin) * static_cast<std::uint64_t>(choice_.chosen_count - from);
 }
 
 template <int N>

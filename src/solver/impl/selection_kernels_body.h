@@ -205,40 +205,179 @@ QUENLOFT_TARGET Pause Choose(ChoiceTask<N>& task) {
   return Pause::kFull;
 }
 
-QUENLOFT_TARGET inline std::size_t FindContenders(const ContenderTask& task) {
-  std::uint32_t* contenders = task.contenders;
-  const Floats reached = Floats{} + task.threshold;
-  for (std::size_t first = 0; first < task.block_count * kBlock; first += kLanes) {
-    const std::uint32_t lanes = LanesReaching(At<const Floats>(task.upper + first), reached);
-    if (lanes == 0) continue;
-    AppendLanes(lanes, static_cast<std::uint32_t>(first), contenders);
-    contenders += __builtin_popcount(lanes);
+// The records whose upper bound reaches the threshold, trials before faces.
+template <int N>
+QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t FindContenders(
+    const ChoiceTask<N>& choice, std::uint32_t* contenders) {
+  constexpr std::size_t kFaces = 2 * N;
+  constexpr std::uint32_t kFaceLanes = (1u << kFaces % kLanes) - 1;  // of the first mixed vector
+  const Floats reached = Floats{} + choice.threshold;
+  std::uint32_t* end = contenders;
+  std::uint32_t allowed = ~kFaceLanes;
+  for (std::size_t first = kFaces - kFaces % kLanes; first < choice.block_count * kBlock;
+       first += kLanes) {
+    const std::uint32_t lanes =
+        LanesReaching(At<const Floats>(choice.upper + first), reached) & allowed;
+    AppendLanes(lanes, static_cast<std::uint32_t>(first), end);
+    end += __builtin_popcount(lanes);
+    allowed = ~0u;
   }
-  return static_cast<std::size_t>(contenders - task.contenders);
+  for (std::size_t first = 0; first < kFaces; first += kLanes) {
+    std::uint32_t lanes = LanesReaching(At<const Floats>(choice.upper + first), reached);
+    if (first + kLanes > kFaces) lanes &= kFaceLanes;
+    AppendLanes(lanes, static_cast<std::uint32_t>(first), end);
+    end += __builtin_popcount(lanes);
+  }
+  if (!(choice.threshold > 0.0f)) {  // reached by those that are out, too
+    std::uint32_t* kept = contenders;
+    for (const std::uint32_t* record = contenders; record != end; ++record) {
+      if (choice.max_cosine[*record] != kGone) *kept++ = *record;
+    }
+    end = kept;
+  }
+  return static_cast<std::size_t>(end - contenders);
 }
 
+// Of a record: kUnset when it is out.
 template <int N>
-QUENLOFT_TARGET void RaiseCosines(const CosineTask<N>& task) {
-  const auto end = static_cast<std::size_t>(task.chosen_count);
-  const std::size_t begin = static_cast<std::size_t>(task.from) / kDoubleLanes * kDoubleLanes;
-  for (std::size_t i = 0; i < task.record_count; ++i) {
-    const std::size_t record = task.records[i];
+QUENLOFT_TARGET [[gnu::always_inline]] inline double Score(std::size_t record, double distance,
+                                                           double cosine) {
+  const double score = distance / (1.0 - cosine) * (record < 2 * N ? 2.0 : 1.0);
+  return cosine < 1.0 ? score : kUnset;
+}
+
+// Whether choosing contender `b`, too, leaves contender `i` the score that they share.
+template <int N>
+QUENLOFT_TARGET inline bool KeepsScore(ContenderTask<N>& task, std::size_t i, std::size_t b,
+                                       double score) {
+  const double* row[2];
+  const std::size_t places[2] = {i, b};
+  for (std::size_t j = 0; j < 2; ++j) {
+    const std::size_t record = task.contenders[places[j]];
+    row[j] = task.difference + record / kBlock * N * kBlock + record % kBlock;
+    std::uint32_t& support = task.support[places[j]];
+    if (N < 16 || support != 0) continue;
+    for (std::size_t k = 0; k < N; ++k) {
+      support |= static_cast<std::uint32_t>(row[j][k * kBlock] != 0.0) << k;
+    }
+  }
+  // Without a coordinate in common the cosine is 0, or no number.
+  if (N >= 16 && (task.support[i] & task.support[b]) == 0) return true;
+  double dot = 0.0;
+  for (std::size_t k = 0; k < N; ++k) dot += row[0][k * kBlock] * row[1][k * kBlock];
+  const std::size_t record = task.contenders[i];
+  const double distance = task.distance[record];
+  const double cosine = dot / (task.distance[task.contenders[b]] * distance);
+  ++task.cosine_count;
+  if (!(cosine > task.cosine[i])) return true;
+  task.cosine[i] = cosine;
+  return Score<N>(record, distance, cosine) == score;
+}
+
+// Chooses, among the records whose bounds reach the threshold, the one of the smallest
+// score; of equal ones the first, a trial before a face. Then goes on with those that tie
+// with it: no score ever falls, so the first whose own is still the same after a choice is
+// the next. False if nothing is left to choose.
+//
+// The plain way computes the cosine of each that ties with each newly chosen one, one after
+// the other, as a choice decides which cosines the next needs. Instead a choice is compared
+// with all that still tie at once, by rounded cosines: surely below the largest cosine
+// before, it leaves the score; surely above, it raises it; between, the exact cosine tells.
+template <int N>
+QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& task) {
+  constexpr std::size_t kPairs = (N + 1) / 2;
+  constexpr std::size_t kWindow = ContenderTask<N>::kWindow;
+  constexpr std::size_t kRow = ContenderTask<N>::kRow;
+  for (; task.exact_count < choice.chosen_count; ++task.exact_count) {
+    const auto place = static_cast<std::size_t>(task.exact_count);
+    const std::size_t record = choice.chosen[place];
+    const double* chosen = task.difference + record / kBlock * N * kBlock + record % kBlock;
+    for (std::size_t k = 0; k < N; ++k) {
+      double* row = task.chosen_difference + k * kRow + place;
+      if (place % kBlock == 0) {
+        for (std::size_t j = 0; j < kBlock; ++j) row[j] = 0.0;
+      }
+      *row = chosen[k * kBlock];
+    }
+    task.chosen_distance[place] = task.distance[record];
+  }
+
+  const std::size_t count = FindContenders<N>(choice, task.contenders);
+  const std::size_t window = count < kWindow ? count : kWindow;
+  for (std::size_t i = 0; i < window; ++i) {
+    const std::size_t record = task.contenders[i];
+    const std::int32_t* unit = choice.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+    for (std::size_t k = 0; k < kPairs; ++k) task.unit[k * kWindow + i] = unit[k * kBlock];
+    task.max_cosine[i] = choice.max_cosine[record];
+    task.support[i] = 0;
+  }
+
+  double smallest = kUnset;
+  std::size_t best = kNoRecord;
+  std::uint64_t ties = 0;  // a bit for each of the window that has the smallest score
+  const auto chosen_count = static_cast<std::size_t>(choice.chosen_count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t record = task.contenders[i];
     const double* difference = task.difference + record / kBlock * N * kBlock + record % kBlock;
     const double distance = task.distance[record];
-    Doubles largest = Doubles{} + task.largest[i];
-    for (std::size_t first = begin; first < end; first += kDoubleLanes) {
+    Doubles largest{};
+    for (std::size_t first = 0; first < chosen_count; first += kDoubleLanes) {
       Doubles dot{};
       for (std::size_t k = 0; k < N; ++k) {
-        dot += At<const Doubles>(task.chosen_difference + k * task.kRow + first) *
-               difference[k * kBlock];
+        dot +=
+            At<const Doubles>(task.chosen_difference + k * kRow + first) * difference[k * kBlock];
       }
       const Doubles cosine = dot / (At<const Doubles>(task.chosen_distance + first) * distance);
       largest = cosine > largest ? cosine : largest;
     }
-    task.largest[i] = LargestLane(largest);
+    const double cosine = LargestLane(largest);
+    const double score = Score<N>(record, distance, cosine);
+    if (i < kWindow) task.cosine[i] = cosine;
+    const std::uint64_t bit = i < kWindow ? std::uint64_t{1} << i : 0;
+    ties = score < smallest ? bit : ties | (score == smallest ? bit : 0);
+    best = score < smallest ? i : best;
+    smallest = score < smallest ? score : smallest;
   }
+  task.cosine_count += count * chosen_count;
+  if (best == kNoRecord) return false;
+  choice.chosen[choice.chosen_count++] = task.contenders[best];
+  if (best >= kWindow) return true;
+
+  constexpr std::uint32_t kAllLanes = (1u << kLanes) - 1;
+  constexpr std::int32_t kDoubt = 2 * Tolerance<N>();
+  const Ints least_doubtful = Ints{} + (task.is_trusted ? -kDoubt : INT32_MIN);
+  const Ints least_raised = Ints{} + (task.is_trusted ? 2 * kDoubt : INT32_MAX);
+  for (ties &= ties - 1; ties != 0; ties &= ties - 1) {
+    if (choice.chosen_count == 3 * N) break;
+    Ints direction[kPairs];
+    for (std::size_t k = 0; k < kPairs; ++k) {
+      direction[k] = Ints{} + task.unit[k * kWindow + best];
+    }
+    std::uint64_t kept = 0;
+    std::uint64_t raised = 0;
+    for (std::size_t first = 0; first < window; first += kLanes) {
+      Ints cosine = PairProducts(At<const Ints>(task.unit + first), direction[0]);
+      for (std::size_t k = 1; k < kPairs; ++k) {
+        cosine += PairProducts(At<const Ints>(task.unit + k * kWindow + first), direction[k]);
+      }
+      const Ints rise = cosine - At<const Ints>(task.max_cosine + first);
+      kept |= std::uint64_t{LanesReaching(rise, least_doubtful) ^ kAllLanes} << first;
+      raised |= std::uint64_t{LanesReaching(rise, least_raised)} << first;
+    }
+    for (std::uint64_t open = ties & ~(kept | raised); open != 0; open &= open - 1) {
+      const auto i = static_cast<std::size_t>(__builtin_ctzll(open));
+      if (KeepsScore<N>(task, i, best, smallest)) kept |= std::uint64_t{1} << i;
+    }
+    ties &= kept;
+    if (ties == 0) break;
+    best = static_cast<std::size_t>(__builtin_ctzll(ties));
+    // Its own direction must be free, or it takes a look at all that remain.
+    if (task.cosine[best] > task.spread_cosine) break;
+    choice.chosen[choice.chosen_count++] = task.contenders[best];
+  }
+  return true;
 }
 
 template <int N>
-inline constexpr SelectionKernels<N> kKernels = {FindNear<N>, Measure<N>, Choose<N>, FindContenders,
-                                                 RaiseCosines<N>};
+inline constexpr SelectionKernels<N> kKernels = {FindNear<N>, Measure<N>, Choose<N>,
+                                                 ChooseContenders<N>};
