@@ -97,7 +97,7 @@ class alignas(2 * kCacheLine) NeighbourSelection {
   static constexpr std::size_t kTableSize = 3 * N;
   static constexpr std::size_t kFaceCount = 2 * N;
 
-  void SetDifference(std::size_t record, const double* coordinates);
+  void SetFaces();
   void PushCommon();
   std::size_t Measure();
   std::size_t FirstRecord(std::size_t nearest_trial, bool face_may_be_first) const;
@@ -113,10 +113,12 @@ class alignas(2 * kCacheLine) NeighbourSelection {
   // Records: the faces, then private and common candidates that may lie within the radius,
   // filled up to a whole block.
   std::size_t private_count_ = 0;
-  std::size_t trial_count_ = 0;  // private and common ones
+  std::size_t trial_count_ = 0;   // private and common ones
+  double nearest_face_ = kUnset;  // its distance
   std::array<std::int32_t, kTableSize> private_test_;
   std::array<double, kTableSize> private_rival_value_;
   std::vector<std::uint32_t> near_;         // of the common ones, the numbers in the columns
+  std::vector<const double*> points_;       // of each record
   AlignedVector<double> difference_;        // to the trial, in blocks
   AlignedVector<double> distance_;          // kUnset where not kept
   AlignedVector<std::int32_t> unit_;        // in blocks, see MeasureTask

@@ -55,17 +55,20 @@ struct NearTask {
   std::uint32_t* near;         // out: numbers of candidates, ascending; kBlock more are spoiled
 };
 
-// Distances, unit directions and weights from differences.
+// Differences, distances, unit directions and weights. Of the first 2N records, which are
+// the faces, differences, distances and unit directions are given.
 template <int N>
 struct MeasureTask {
   std::size_t block_count;
+  const double* origin;
   double radius;
-  const double* difference;     // in a block, a row of kBlock doubles a coordinate
-  const double* face_distance;  // of the first 2N records, which are the faces
+  double nearest_face;          // its distance
+  const double* const* points;  // for each record, though not looked at for faces
+  double* difference;           // out: in a block, a row of kBlock doubles a coordinate
   double* distance;             // out: kUnset for trials beyond the radius or at distance 0
   std::int32_t* unit;           // out: in a block, a row of kBlock pairs for two coordinates
   std::int32_t* max_cosine;     // out: 0, or kGone where not kept
-  float* weight;                // out: least / distance, half of it for faces, 0 where not kept
+  float* weight;                // out: least / distance, half of it for faces
   float* doubt;                 // out: what twice the tolerance makes of the weight
 };
 

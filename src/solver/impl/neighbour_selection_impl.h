@@ -22,6 +22,7 @@ void NeighbourSelection<N>::Reserve(std::size_t count) {
   if (distance_.size() >= needed) return;
   const std::size_t room = std::max(needed, 2 * distance_.size());
   near_.resize(room + kBlock);
+  points_.resize(room);
   difference_.resize(room * N);
   distance_.resize(room);
   unit_.resize(room * ((N + 1) / 2));
@@ -37,6 +38,27 @@ void NeighbourSelection<N>::Begin(const Test<N>& trial, const CandidateColumns<N
   trial_ = &trial;
   common_ = &common;
   private_count_ = 0;
+  SetFaces();
+}
+
+// Each differs from the trial on one axis. On the others the rows hold zeros since they
+// were allocated.
+template <int N>
+void NeighbourSelection<N>::SetFaces() {
+  nearest_face_ = kUnset;
+  for (std::size_t face = 0; face < kFaceCount; ++face) {
+    const std::size_t axis = face / 2;
+    const std::size_t block = face / kBlock;
+    const std::size_t lane = face % kBlock;
+    const double difference = static_cast<double>(face % 2) - trial_->coordinate[axis];
+    difference_[(block * N + axis) * kBlock + lane] = difference;
+    const std::int32_t component = difference > 0.0 ? kUnit : -kUnit;
+    unit_[(block * CandidateColumns<N>::kPairs + axis / 2) * kBlock + lane] =
+        axis % 2 == 0 ? PairOf(component, 0) : PairOf(0, component);
+    distance_[face] = difference != 0.0 ? std::fabs(difference) : kUnset;
+    nearest_face_ = std::min(nearest_face_, distance_[face]);
+    points_[face] = trial_->coordinate.data();
+  }
 }
 
 template <int N>
@@ -46,7 +68,7 @@ void NeighbourSelection<N>::AddPrivate(std::uint32_t position, const Test<N>& ca
   private_rival_value_[private_count_] = candidate.value.index == best_index
                                              ? candidate.value.value
                                              : std::numeric_limits<double>::infinity();
-  SetDifference(kFaceCount + private_count_, candidate.coordinate.data());
+  points_[kFaceCount + private_count_] = candidate.coordinate.data();
   ++private_count_;
 }
 
@@ -89,13 +111,6 @@ bool NeighbourSelection<N>::IsLowest(double value) const {
   return true;
 }
 
-template <int N>
-void NeighbourSelection<N>::SetDifference(std::size_t record, const double* coordinates) {
-  double* difference = difference_.data() + record / kBlock * N * kBlock + record % kBlock;
-  const double* origin = trial_->coordinate.data();
-  for (std::size_t k = 0; k < N; ++k) difference[k * kBlock] = coordinates[k] - origin[k];
-}
-
 // Points are no farther from one another when taken into the box, and rounding to the grid
 // moves each of two by sqrt(N) / 2 at most, in multiples. So of a candidate within the
 // radius the distance on the grid is at most the radius and sqrt(N); what else is added is
@@ -122,13 +137,12 @@ void NeighbourSelection<N>::PushCommon() {
       static_cast<std::int32_t>(std::max<std::int64_t>(least_product, kNearNothing + 1));
   task.near = near_.data();
   const std::size_t count = kernels_->find_near(task);
-  for (std::size_t i = 0; i < count; ++i) {
-    SetDifference(kFaceCount + private_count_ + i, common_->Coordinates(near_[i]));
-  }
+  const double** points = points_.data() + kFaceCount + private_count_;
+  for (std::size_t i = 0; i < count; ++i) points[i] = common_->Coordinates(near_[i]);
   trial_count_ = private_count_ + count;
   const std::size_t end = kFaceCount + trial_count_;
   for (std::size_t record = end; record < BlocksFor(end) * kBlock; ++record) {
-    SetDifference(record, trial_->coordinate.data());  // of distance 0, not kept
+    points_[record] = trial_->coordinate.data();  // of distance 0, not kept
   }
   counters.candidates += private_count_ + common_->Size();
   counters.kept += trial_count_;
@@ -137,21 +151,13 @@ void NeighbourSelection<N>::PushCommon() {
 // Returns the nearest trial's record.
 template <int N>
 std::size_t NeighbourSelection<N>::Measure() {
-  std::array<double, kFaceCount> face_distance;
-  const std::array<double, N>& origin = trial_->coordinate;
-  for (std::size_t face = 0; face < kFaceCount; ++face) {
-    const std::size_t axis = face / 2;
-    const double difference = static_cast<double>(face % 2) - origin[axis];
-    for (std::size_t k = 0; k < N; ++k) {
-      difference_[(face / kBlock * N + k) * kBlock + face % kBlock] = k == axis ? difference : 0.0;
-    }
-    face_distance[face] = difference != 0.0 ? std::fabs(difference) : kUnset;
-  }
   MeasureTask<N> task;
   task.block_count = BlocksFor(kFaceCount + trial_count_);
+  task.origin = trial_->coordinate.data();
   task.radius = trial_->radius;
+  task.nearest_face = nearest_face_;
+  task.points = points_.data();
   task.difference = difference_.data();
-  task.face_distance = face_distance.data();
   task.distance = distance_.data();
   task.unit = unit_.data();
   task.max_cosine = max_cosine_.data();

@@ -26,6 +26,7 @@ inline constexpr std::size_t kLanes = 4;
 using Floats = float __attribute__((vector_size(4 * kLanes)));
 using Ints = std::int32_t __attribute__((vector_size(4 * kLanes)));
 using Doubles = double __attribute__((vector_size(4 * kLanes)));
+using HalfInts = std::int32_t __attribute__((vector_size(2 * kLanes)));
 
 inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
 #if defined(__x86_64__)
@@ -61,6 +62,16 @@ inline Doubles SquareRoots(const Doubles& a) {
   return Doubles{std::sqrt(a[0]), std::sqrt(a[1])};
 #endif
 }
+// To the nearest whole numbers.
+inline HalfInts Rounded(const Doubles& a) {
+  return HalfInts{static_cast<std::int32_t>(std::lrint(a[0])),
+                  static_cast<std::int32_t>(std::lrint(a[1]))};
+}
+// Coordinates k and k + 1 of so many points as there are lanes.
+inline void LoadTwo(const double* const* points, std::size_t k, Doubles& first, Doubles& second) {
+  first = Doubles{points[0][k], points[1][k]};
+  second = Doubles{points[0][k + 1], points[1][k + 1]};
+}
 inline float LargestLane(const Floats& a) {
   const float low = a[0] > a[1] ? a[0] : a[1];
   const float high = a[2] > a[3] ? a[2] : a[3];
@@ -83,6 +94,7 @@ inline constexpr std::size_t kLanes = 8;
 using Floats = float __attribute__((vector_size(4 * kLanes)));
 using Ints = std::int32_t __attribute__((vector_size(4 * kLanes)));
 using Doubles = double __attribute__((vector_size(4 * kLanes)));
+using HalfInts = std::int32_t __attribute__((vector_size(2 * kLanes)));
 
 QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
   return static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GE_OQ)));
@@ -95,6 +107,21 @@ QUENLOFT_TARGET inline Ints PairProducts(const Ints& a, const Ints& b) {
       _mm256_madd_epi16(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b)));
 }
 QUENLOFT_TARGET inline Doubles SquareRoots(const Doubles& a) { return _mm256_sqrt_pd(a); }
+QUENLOFT_TARGET inline HalfInts Rounded(const Doubles& a) {
+  return reinterpret_cast<HalfInts>(_mm256_cvtpd_epi32(a));
+}
+QUENLOFT_TARGET [[gnu::always_inline]] inline __m256d TwoOfTwo(const double* first,
+                                                               const double* second) {
+  return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(first)), _mm_loadu_pd(second), 1);
+}
+QUENLOFT_TARGET [[gnu::always_inline]] inline void LoadTwo(const double* const* points,
+                                                           std::size_t k, Doubles& first,
+                                                           Doubles& second) {
+  const __m256d even = TwoOfTwo(points[0] + k, points[2] + k);
+  const __m256d odd = TwoOfTwo(points[1] + k, points[3] + k);
+  first = _mm256_unpacklo_pd(even, odd);
+  second = _mm256_unpackhi_pd(even, odd);
+}
 QUENLOFT_TARGET inline float LargestLane(const Floats& a) {
   __m128 half = _mm_max_ps(_mm256_castps256_ps128(a), _mm256_extractf128_ps(a, 1));
   half = _mm_max_ps(half, _mm_movehl_ps(half, half));
@@ -120,6 +147,7 @@ inline constexpr std::size_t kLanes = 16;
 using Floats = float __attribute__((vector_size(4 * kLanes)));
 using Ints = std::int32_t __attribute__((vector_size(4 * kLanes)));
 using Doubles = double __attribute__((vector_size(4 * kLanes)));
+using HalfInts = std::int32_t __attribute__((vector_size(2 * kLanes)));
 
 QUENLOFT_TARGET inline std::uint32_t LanesReaching(const Floats& a, const Floats& b) {
   return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ);
@@ -134,6 +162,18 @@ QUENLOFT_TARGET inline Ints PairProducts(const Ints& a, const Ints& b) {
 // The masked forms, with every lane set: g++ 12 warns of its own header's unmasked ones.
 QUENLOFT_TARGET inline Doubles SquareRoots(const Doubles& a) {
   return _mm512_maskz_sqrt_pd(0xff, a);
+}
+QUENLOFT_TARGET inline HalfInts Rounded(const Doubles& a) {
+  return reinterpret_cast<HalfInts>(_mm512_maskz_cvtpd_epi32(0xff, a));
+}
+QUENLOFT_TARGET [[gnu::always_inline]] inline void LoadTwo(const double* const* points,
+                                                           std::size_t k, Doubles& first,
+                                                           Doubles& second) {
+  __m256d low_first, low_second, high_first, high_second;
+  avx2::LoadTwo(points, k, low_first, low_second);
+  avx2::LoadTwo(points + 4, k, high_first, high_second);
+  first = _mm512_maskz_insertf64x4(0xff, _mm512_castpd256_pd512(low_first), high_first, 1);
+  second = _mm512_maskz_insertf64x4(0xff, _mm512_castpd256_pd512(low_second), high_second, 1);
 }
 QUENLOFT_TARGET inline float LargestLane(const Floats& a) {
   const __m256* const halves = reinterpret_cast<const __m256*>(&a);
