@@ -200,12 +200,11 @@ class Solver final : public SolverBase {
   };
   std::vector<Rebuilt> rebuilt_;
   // One per trial. A row's mark says what this refresh found of the trial, if it bears
-  // the refresh's number.
+  // the refresh's number: that the flood met it, then that it is listed.
   std::vector<FloodRow<N>> rows_;
-  enum Mark : std::uint32_t { kOutside = 0, kListed = 1, kRebuilt = 2 };
+  enum Mark : std::uint32_t { kMet = 0, kListed = 1 };
   std::uint32_t refresh_number_ = 0;
-  std::uint32_t MarkNow(Mark mark) const { return 4 * refresh_number_ + mark; }
-  bool IsRebuilt(std::uint32_t position) const { return rows_[position].mark == MarkNow(kRebuilt); }
+  std::uint32_t MarkNow(Mark mark) const { return 2 * refresh_number_ + mark; }
 
   // Scratch: meaningless between calls.
   std::vector<std::uint32_t> seen_;              // trials that a ring of the flood meets first
