@@ -21,10 +21,17 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, Worker& worker) {
 
   NeighbourSelection<N>& selection = worker.selection;
   selection.Begin(trial, worker.columns);
-  // Listed ones stand in the columns; so does the trial itself.
+  // Listed ones stand in the columns; so does the trial itself. Which are cannot be foreseen,
+  // so each is written down, and kept by counting it.
   const std::uint32_t listed = MarkNow(kListed);
+  std::array<std::uint32_t, 3 * N> unlisted;
+  std::size_t unlisted_count = 0;
   for (const std::uint32_t position : rows_[rebuilt.position].neighbours) {
-    if (rows_[position].mark >= listed) continue;
+    unlisted[unlisted_count] = position;
+    unlisted_count += rows_[position].mark < listed;
+  }
+  for (std::size_t i = 0; i < unlisted_count; ++i) {
+    const std::uint32_t position = unlisted[i];
     Test<N>& other = tests_[position];
     selection.AddPrivate(position, other, best_.index);
     if ((other.flags.load(std::memory_order_relaxed) & Base::kLocal) && TakesMark(rebuilt, other)) {
