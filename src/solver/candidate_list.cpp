@@ -139,8 +139,10 @@ void CandidateList::EndFull() {
   if (staged_.empty()) return;
   if (!storage_) Allocate();
   if (staged_.size() > kListCapacity) TrimStaged();
-  PlaceStaged();
+  // Most of what comes to a list that was not empty is listed already.
+  PlaceAmong(Keys(), size_, std::less_equal<>());
   TakeOutListed();
+  SortStaged();
   if (PushesOutListedAgain()) {
     OfferStaged();
   } else {
@@ -178,7 +180,7 @@ void CandidateList::TrimStaged() {
   trim_at_ = 2 * std::max(kListCapacity, staged_.size());
 }
 
-// Moves what is listed already from what is staged and placed to `listed_again_`.
+// Moves what is listed already from what is placed to `listed_again_`.
 void CandidateList::TakeOutListed() {
   const double* const keys = Keys();
   auto out = staged_.begin();
