@@ -301,41 +301,15 @@ void CandidateList::Allocate() {
   begin_ = kRoom / 2;
 }
 
-// Compares a block of positions with all that were rebuilt, and looks closer where any
-// is equal: few are. The last block may reach beyond the list.
+// The last block may reach beyond the list.
 void CandidateList::FindStale(const std::uint32_t* rebuilt, std::size_t count) {
-  using Lanes = std::uint32_t __attribute__((vector_size(16)));
-  static_assert(kScanned * sizeof(std::uint32_t) == 4 * sizeof(Lanes));
+  const PositionScan scan = FastestPositionScan();
   const std::uint32_t* const positions = Positions();
   std::uint32_t* const places = stale_->places;
-  const auto load = [](const std::uint32_t* from) {
-    Lanes lanes;
-    std::memcpy(&lanes, from, sizeof(lanes));
-    return lanes;
-  };
   std::size_t found = 0;
   for (std::size_t i = 0; i < size_; i += kScanned) {
-    const Lanes a = load(positions + i);
-    const Lanes b = load(positions + i + 4);
-    const Lanes c = load(positions + i + 8);
-    const Lanes d = load(positions + i + 12);
-    Lanes equal[4] = {};
-    for (std::size_t r = 0; r < count; ++r) {
-      const Lanes position = {rebuilt[r], rebuilt[r], rebuilt[r], rebuilt[r]};
-      equal[0] |= reinterpret_cast<Lanes>(a == position);
-      equal[1] |= reinterpret_cast<Lanes>(b == position);
-      equal[2] |= reinterpret_cast<Lanes>(c == position);
-      equal[3] |= reinterpret_cast<Lanes>(d == position);
-    }
-    const Lanes any = equal[0] | equal[1] | equal[2] | equal[3];
-    std::uint64_t halves[2];
-    std::memcpy(halves, &any, sizeof(any));
-    if ((halves[0] | halves[1]) == 0) continue;
-    std::uint32_t is_equal[kScanned];
-    std::memcpy(is_equal, equal, sizeof(equal));
-    for (std::size_t j = 0; j < kScanned; ++j) {
-      places[found] = static_cast<std::uint32_t>(i + j);
-      found += is_equal[j] & 1;
+    for (std::uint32_t bits = scan(positions + i, rebuilt, count); bits != 0; bits &= bits - 1) {
+      places[found++] = static_cast<std::uint32_t>(i + __builtin_ctz(bits));
     }
   }
   while (found > 0 && places[found - 1] >= size_) --found;

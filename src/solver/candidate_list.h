@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "solver/constants.h"
+#include "solver/position_scan.h"
 
 namespace QuenloftSolver {
 
@@ -120,8 +121,7 @@ class CandidateList {
   // Entries stand in a window of the storage with room on either side, so that what
   // stands above the least ones need not move when these fall out.
   static constexpr std::size_t kRoom = 2 * kListCapacity;
-  static constexpr std::size_t kScanned = 16;  // positions that MarkStale compares at once
-  static constexpr std::size_t kRanked = 24;   // staged candidates sorted by counting
+  static constexpr std::size_t kRanked = 24;  // staged candidates sorted by counting
   // Columns: the search for a place reads keys alone, the one for stale entries positions.
   struct Storage {
     double keys[kRoom];

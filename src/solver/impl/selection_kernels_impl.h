@@ -8,12 +8,12 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
 
+#include "solver/lanes_allowed.h"
 #include "solver/selection_kernels.h"
 
 namespace QuenloftSolver {
@@ -199,12 +199,6 @@ QUENLOFT_TARGET inline void AppendLanes(std::uint32_t lanes, std::uint32_t first
 }  // namespace avx512
 #undef QUENLOFT_TARGET
 #endif
-
-// Lanes of 32 bits that vectors may have.
-inline int LanesAllowed() {
-  const char* lanes = std::getenv("QUENLOFT_LANES");
-  return lanes != nullptr ? std::atoi(lanes) : 16;
-}
 
 template <int N>
 const SelectionKernels<N>* SelectionKernels<N>::Fastest() {
