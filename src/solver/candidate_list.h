@@ -84,6 +84,26 @@ class CandidateList {
     is_used_ = true;
     if (candidate.key >= floor_) StageReaching(candidate);
   }
+  // The same for `count` of them, of which `candidate_at` tells each. Which reach the floor
+  // cannot be foreseen, so each is written down, and kept by counting it.
+  template <typename CandidateAt>  // Candidate(std::size_t)
+  void StageAll(std::size_t count, CandidateAt candidate_at) {
+    if (has_unordered_keys_) {
+      for (std::size_t i = 0; i < count; ++i) Stage(candidate_at(i));
+      return;
+    }
+    is_used_ = true;
+    const double floor = floor_;
+    std::size_t end = staged_.size();
+    staged_.resize(end + count);
+    Staged* const staged = staged_.data();
+    for (std::size_t i = 0; i < count; ++i) {
+      const Candidate candidate = candidate_at(i);
+      staged[end] = {candidate, static_cast<std::uint32_t>(end), 0};
+      end += candidate.key >= floor ? 1 : 0;
+    }
+    staged_.resize(end);
+  }
   void Commit();
 
   // An update of every trial in one go: BeginFull, then Gather for every segment, each at
@@ -136,6 +156,10 @@ class CandidateList {
     Fate fates[kListCapacity];
   };
   struct Staged {
+    Staged() {}  // unset
+    Staged(const Candidate& offered, std::uint32_t its_number, std::uint32_t its_place)
+        : candidate(offered), number(its_number), place(its_place) {}
+
     Candidate candidate;
     std::uint32_t number;  // in the order of offers
     std::uint32_t place;   // of the entry before which it comes; then its own

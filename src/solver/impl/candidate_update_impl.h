@@ -230,10 +230,10 @@ void Solver<N>::StageSegments(std::uint32_t position) {
   work_.offers += 2 * count;
   const auto stage = [&](CandidateList& list, double best_key, double Neighbour::*key) {
     if (count == 0 || !list.AwaitsStaged(best_key)) return;
-    for (std::size_t i = 0; i < count; ++i) {
+    list.StageAll(count, [&](std::size_t i) {
       const Neighbour& segment = trial.neighbours[i];
-      list.Stage({segment.*key, position, segment.test});
-    }
+      return Candidate{segment.*key, position, segment.test};
+    });
   };
   stage(local_lists_[c], best[1], &Neighbour::local_characteristic);
   stage(global_lists_[c], best[0], &Neighbour::global_characteristic);
