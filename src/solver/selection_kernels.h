@@ -124,6 +124,7 @@ struct ContenderTask {
   int exact_count;
   alignas(kCacheLine) double chosen_difference[N * kRow];
   alignas(kCacheLine) double chosen_distance[kRow];
+  alignas(kCacheLine) std::int32_t chosen_unit[(N + 1) / 2 * kRow];
 
   // Scratch: of the first contenders.
   alignas(kCacheLine) std::int32_t unit[(N + 1) / 2 * kWindow];

@@ -305,6 +305,25 @@ QUENLOFT_TARGET inline bool KeepsScore(ContenderTask<N>& task, std::size_t i, st
   return Score<N>(record, distance, cosine) == score;
 }
 
+// Of kLanes chosen records from number `first` on: which may have the largest cosine with a
+// record.
+template <int N>
+QUENLOFT_TARGET [[gnu::always_inline]] inline std::uint32_t CloseLanes(const ChoiceTask<N>& choice,
+                                                                       const ContenderTask<N>& task,
+                                                                       std::size_t record,
+                                                                       std::size_t first) {
+  constexpr std::size_t kPairs = (N + 1) / 2;
+  const std::int32_t* unit = choice.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+  const std::int32_t* chosen = task.chosen_unit + first;
+  Ints cosine = PairProducts(At<const Ints>(chosen), Ints{} + unit[0]);
+  for (std::size_t k = 1; k < kPairs; ++k) {
+    cosine += PairProducts(At<const Ints>(chosen + k * task.kRow), Ints{} + unit[k * kBlock]);
+  }
+  const std::int32_t least =
+      task.is_trusted ? choice.max_cosine[record] - 2 * Tolerance<N>() : INT32_MIN;
+  return LanesReaching(cosine, Ints{} + least);
+}
+
 // Chooses, among the records whose bounds reach the threshold, the one of the smallest
 // score; of equal ones the first, a trial before a face. Then goes on with those that tie
 // with it: no score ever falls, so the first whose own is still the same after a choice is
@@ -319,6 +338,9 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
   constexpr std::size_t kPairs = (N + 1) / 2;
   constexpr std::size_t kWindow = ContenderTask<N>::kWindow;
   constexpr std::size_t kRow = ContenderTask<N>::kRow;
+  // In many dimensions exact cosines are dear, and rounded ones tell which few are needed.
+  constexpr bool kIsFiltered = N >= 12;
+  constexpr std::uint32_t kHalfOfLanes = (1u << kDoubleLanes) - 1;
   for (; task.exact_count < choice.chosen_count; ++task.exact_count) {
     const auto place = static_cast<std::size_t>(task.exact_count);
     const std::size_t record = choice.chosen[place];
@@ -329,6 +351,16 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
         for (std::size_t j = 0; j < kBlock; ++j) row[j] = 0.0;
       }
       *row = chosen[k * kBlock];
+    }
+    if constexpr (kIsFiltered) {
+      const std::int32_t* unit = choice.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+      for (std::size_t k = 0; k < kPairs; ++k) {
+        std::int32_t* row = task.chosen_unit + k * kRow + place;
+        if (place % kBlock == 0) {
+          for (std::size_t j = 0; j < kBlock; ++j) row[j] = 0;
+        }
+        *row = unit[k * kBlock];
+      }
     }
     task.chosen_distance[place] = task.distance[record];
   }
@@ -351,8 +383,14 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
     const std::size_t record = task.contenders[i];
     const double* difference = task.difference + record / kBlock * N * kBlock + record % kBlock;
     const double distance = task.distance[record];
+    std::uint32_t close = 0;
     Doubles largest{};
     for (std::size_t first = 0; first < chosen_count; first += kDoubleLanes) {
+      if constexpr (kIsFiltered) {
+        if (first % kLanes == 0) close = CloseLanes<N>(choice, task, record, first);
+        const std::uint32_t lanes = close >> first % kLanes;
+        if ((lanes & kHalfOfLanes) == 0) continue;
+      }
       Doubles dot{};
       for (std::size_t k = 0; k < N; ++k) {
         dot +=
