@@ -81,6 +81,7 @@ PARTS = {
     "update": "candidate list, update with 36 offers",
     "bounds": "key bounds, 100,000 trials, 16 changes",
     "fit": "local fit, one model",
+    "handover": "a cache line to the other core and back",
 }
 
 

@@ -5,8 +5,10 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "plain_form.h"
@@ -300,6 +302,34 @@ void FitModelPlainly(benchmark::State& state) {
   state.counters["error"] = error;
 }
 
+// ---- The machine
+
+// A cache line to a second thread and back: what threads pay to see each other's writes.
+void HandOver(benchmark::State& state) {
+  struct alignas(2 * kCacheLine) Line {
+    std::atomic<std::uint64_t> number{0};
+  };
+  Line there;
+  Line back;
+  constexpr std::uint64_t kEnd = UINT64_MAX;
+  std::thread partner([&] {
+    for (std::uint64_t seen = 0; seen != kEnd;) {
+      const std::uint64_t number = there.number.load(std::memory_order_acquire);
+      if (number == seen) continue;
+      seen = number;
+      back.number.store(number, std::memory_order_release);
+    }
+  });
+  std::uint64_t number = 0;
+  for (auto _ : state) {
+    there.number.store(++number, std::memory_order_release);
+    while (back.number.load(std::memory_order_acquire) != number) {
+    }
+  }
+  there.number.store(kEnd, std::memory_order_release);
+  partner.join();
+}
+
 // ---- Registration
 
 template <typename Body>
@@ -339,6 +369,7 @@ void RegisterParts(Scale scale) {
   Register("update/engine", UpdateList);
   Register("update/plain", UpdateListPlainly);
   Register("bounds/engine", AskKeyBounds);
+  if (std::thread::hardware_concurrency() > 1) Register("handover/engine", HandOver);
   RegisterFit<2>();
   RegisterFit<4>();
   RegisterFit<8>();
