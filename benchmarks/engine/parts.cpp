@@ -77,7 +77,7 @@ struct Refresh {
     columns.Reserve(listed.size());
     for (const std::uint32_t p : listed) {
       const Test<N>& trial = solver->TrialAt(p);
-      columns.Append(p, trial.coordinate, trial.value, 0);
+      columns.Append(p, trial, 0);
     }
   }
 };

@@ -11,6 +11,7 @@
 
 #include "solver/aligned.h"
 #include "solver/constants.h"
+#include "solver/grid_point.h"
 #include "solver/solver_base.h"
 
 namespace QuenloftSolver {
@@ -114,6 +115,7 @@ struct alignas(kCacheLine) Test final : SolverBase::TestBase {
   Extent<N> extent;
   alignas(kApart) TestValue value{-1, kUnset};
   std::array<double, N> coordinate;  // in [0, 1]
+  GridPoint<N> grid_point;           // of the coordinates
   // Distance to the farthest chosen neighbour, faces included; 0 when there is none.
   alignas(kApart) double radius = kUnbounded;
   // Largest |difference of values| / distance to a chosen neighbour of the same

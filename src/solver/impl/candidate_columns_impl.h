@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <algorithm>
 #include <limits>
 
 #include "solver/candidate_columns.h"
@@ -20,25 +19,21 @@ void CandidateColumns<N>::Reserve(std::size_t count) {
 }
 
 template <int N>
-void CandidateColumns<N>::Append(std::uint32_t position, const std::array<double, N>& point,
-                                 const TestValue& value, std::int32_t best_index) {
+void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
+                                 std::int32_t best_index) {
   const std::size_t slot = size_ % kBlock;
   std::int32_t* block = grid_.data() + size_ / kBlock * (kPairs + 1) * kBlock;
   if (slot == 0) {
-    std::fill_n(block, kPairs * kBlock, 0);
-    std::fill_n(block + kPairs * kBlock, kBlock, kNearNothing);
+    for (std::size_t i = 0; i < kPairs * kBlock; ++i) block[i] = 0;
+    for (std::size_t i = 0; i < kBlock; ++i) block[kPairs * kBlock + i] = kNearNothing;
   }
-  std::copy_n(point.data(), N, rows_.data() + size_ * N);
-  std::int32_t square = 0;
-  for (std::size_t k = 0; k < N; k += 2) {
-    const std::int32_t first = OnGrid<N>(point[k]);
-    const std::int32_t second = k + 1 < N ? OnGrid<N>(point[k + 1]) : 0;
-    block[k / 2 * kBlock + slot] = PairOf(first, second);
-    square += first * first + second * second;
-  }
-  block[kPairs * kBlock + slot] = -(square / 2);
+  const GridPoint<N>& point = trial.grid_point;
+  for (std::size_t k = 0; k < kPairs; ++k) block[k * kBlock + slot] = point.pairs[k];
+  block[kPairs * kBlock + slot] = -point.half_square;
+  double* const row = rows_.data() + size_ * N;
+  for (std::size_t k = 0; k < N; ++k) row[k] = trial.coordinate[k];
   rival_values_[size_] =
-      value.index == best_index ? value.value : std::numeric_limits<double>::infinity();
+      trial.value.index == best_index ? trial.value.value : std::numeric_limits<double>::infinity();
   positions_[size_] = position;
   ++size_;
 }

@@ -76,6 +76,7 @@ void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
   rows_.resize(position + std::size_t{1});
   Test<N>& trial = tests_.emplace_back();
   trial.coordinate = point;
+  trial.grid_point = GridPoint<N>(point);
   trial.combination = combination;
   trial.value = value;
   trial.flags.store(flags, std::memory_order_relaxed);

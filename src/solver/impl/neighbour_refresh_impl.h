@@ -200,8 +200,7 @@ void Solver<N>::GatherCandidates(const std::vector<std::uint32_t>& candidates,
                                  CandidateColumns<N>& columns) const {
   columns.Clear();
   for (const std::uint32_t position : candidates) {
-    const Test<N>& trial = tests_[position];
-    columns.Append(position, trial.coordinate, trial.value, best_.index);
+    columns.Append(position, tests_[position], best_.index);
   }
 }
 

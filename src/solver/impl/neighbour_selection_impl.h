@@ -119,20 +119,13 @@ template <int N>
 void NeighbourSelection<N>::PushCommon() {
   constexpr std::int32_t kRoot = RootAbove(N);
   const double radius = trial_->radius < kRoot ? trial_->radius : kRoot;
-  const auto reach = static_cast<std::int64_t>(radius * kGrid<N>) + kRoot + 2;
-  std::array<std::int32_t, CandidateColumns<N>::kPairs> origin;
-  std::int32_t square = 0;
-  for (std::size_t k = 0; k < N; k += 2) {
-    const std::int32_t first = OnGrid<N>(trial_->coordinate[k]);
-    const std::int32_t second = k + 1 < N ? OnGrid<N>(trial_->coordinate[k + 1]) : 0;
-    origin[k / 2] = PairOf(first, second);
-    square += first * first + second * second;
-  }
-  const std::int64_t least_product = (square - reach * reach) / 2;
+  const auto reach = static_cast<std::int64_t>(radius * GridPoint<N>::kMultiples) + kRoot + 2;
+  const GridPoint<N>& origin = trial_->grid_point;
+  const std::int64_t least_product = origin.half_square - (reach * reach + 1) / 2;
   NearTask<N> task;
   task.blocks = common_->GridBlocks();
   task.block_count = common_->BlockCount();
-  task.origin = origin.data();
+  task.origin = origin.pairs.data();
   task.least_product =
       static_cast<std::int32_t>(std::max<std::int64_t>(least_product, kNearNothing + 1));
   task.near = near_.data();
