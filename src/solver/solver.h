@@ -199,12 +199,12 @@ class Solver final : public SolverBase {
     bool is_lowest;
   };
   std::vector<Rebuilt> rebuilt_;
-  // One per trial. A row's mark says what this refresh found of the trial, if it bears
-  // the refresh's number: that the flood met it, then that it is listed.
+  // One per trial, which bears the number of the last refresh whose flood met it.
   std::vector<FloodRow<N>> rows_;
-  enum Mark : std::uint32_t { kMet = 0, kListed = 1 };
   std::uint32_t refresh_number_ = 0;
-  std::uint32_t MarkNow(Mark mark) const { return 2 * refresh_number_ + mark; }
+  // One bit per trial: whether it is listed. Apart from the rows, and short, as all
+  // threads ask it of every neighbour of the tables that they rebuild.
+  std::vector<std::uint64_t> is_listed_;
 
   // Scratch: meaningless between calls.
   std::vector<std::uint32_t> seen_;              // trials that a ring of the flood meets first

@@ -136,13 +136,14 @@ inline void ChangeFlags(SolverBase::TestBase& trial, FlagChange change) {
   trial.flags.store((flags & ~change.clear) | change.set, std::memory_order_relaxed);
 }
 
-// What the flood of a refresh reads of a trial: it asks the mark of every neighbour of
+// What the flood of a refresh reads of a trial: it asks of every neighbour of
 // every listed trial, and where one is new, its point and its neighbours. Apart from
 // the trials, whose tables take most of the room, and in one cache line up to three
 // dimensions.
 template <int N>
 struct alignas(kCacheLine) FloodRow {
-  std::uint32_t mark = 0;  // see Solver<N>::Mark
+  // The last refresh that met the trial.
+  std::uint32_t met_by = 0;
   // The tests of the trial's table; the trial itself in place of a face and in empty
   // entries, so that none needs to be told apart.
   std::array<std::uint32_t, 3 * N> neighbours;

@@ -37,6 +37,7 @@ void Solver<N>::SizeContainers() {
     try {
       tests_.reserve(room);
       rows_.reserve(room);
+      is_listed_.reserve(room / 64);
       break;
     } catch (const std::bad_alloc&) {
     }
@@ -74,6 +75,7 @@ void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
                             const TestValue& value, std::uint32_t flags) {
   const std::uint32_t position = TestCount();
   rows_.resize(position + std::size_t{1});
+  is_listed_.resize(position / 64 + std::size_t{1});
   Test<N>& trial = tests_.emplace_back();
   trial.coordinate = point;
   trial.grid_point = GridPoint<N>(point);
@@ -91,9 +93,10 @@ void Solver<N>::LinkInitialTrial(std::uint32_t position) {
   for (std::uint32_t p = tests_[position].combination; p < TestCount(); p += combination_count_) {
     rivals.push_back(p);
   }
-  rows_[position].mark = MarkNow(kListed);
+  is_listed_[position / 64] = std::uint64_t{1} << position % 64;
   rebuilt_ = {{position, 0.0, false}};
   RebuildTables(rivals);
+  is_listed_[position / 64] = 0;
   ResolveLocalMarks();
   UpdateExtremes(tests_[position].value);
   UpdateBest(position);

@@ -21,6 +21,7 @@ void Solver<N>::ResetChanged() {
     ChangeFlags(tests_[position], {0, SolverBase::TestBase::kChanged});
   }
   to_rescore_.clear();
+  for (const std::uint32_t position : changed_) is_listed_[position / 64] = 0;
   ++refresh_number_;
   changed_.clear();
   changed_.push_back(TestCount() - 1);
@@ -28,7 +29,7 @@ void Solver<N>::ResetChanged() {
 
 template <int N>
 void Solver<N>::ListForRefresh(std::uint32_t position) {
-  rows_[position].mark = MarkNow(kMet);
+  rows_[position].met_by = refresh_number_;
   changed_.push_back(position);
 }
 
@@ -56,7 +57,7 @@ std::size_t Solver<N>::TakeWholeRing(std::size_t ring_begin) {
         continue;
       }
       const auto position = static_cast<std::uint32_t>(neighbour.test);
-      if (rows_[position].mark >= MarkNow(kMet)) continue;
+      if (rows_[position].met_by == refresh_number_) continue;
       extent.Widen(rows_[position].coordinate);
       ListForRefresh(position);
     }
@@ -79,7 +80,7 @@ template <int N>
 std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
   const std::size_t ring_end = changed_.size();
   FloodRow<N>* rows = rows_.data();
-  const std::uint32_t met = MarkNow(kMet);
+  const std::uint32_t refresh = refresh_number_;
   const std::size_t most = (ring_end - ring_begin) * 3 * N;
   if (seen_.size() < most) seen_.resize(2 * most);
   std::uint32_t* seen = seen_.data();
@@ -87,8 +88,8 @@ std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
   for (std::size_t i = ring_begin; i < ring_end; ++i) {
     for (const std::uint32_t position : rows[changed_[i]].neighbours) {
       seen[seen_count] = position;
-      seen_count += rows[position].mark < met;
-      rows[position].mark = met;
+      seen_count += rows[position].met_by != refresh;
+      rows[position].met_by = refresh;
     }
   }
 
@@ -121,13 +122,12 @@ void Solver<N>::ListRebuilt() {
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
   const Coordinates newest = tests_.back().coordinate;
   const Test<N>* const trials = tests_.data();
-  FloodRow<N>* const rows = rows_.data();
-  const std::uint32_t mark = MarkNow(kListed);
+  std::uint64_t* const is_listed = is_listed_.data();
   to_rescore_.resize(changed_.size());
   std::uint32_t* listed = to_rescore_.data();
   bool all_rebuilt = true;
   for (const std::uint32_t position : changed_) {
-    rows[position].mark = mark;
+    is_listed[position / 64] |= std::uint64_t{1} << position % 64;
     const Test<N>& trial = trials[position];
     bool is_rebuilt = trial.extent.Contains(newest);
     is_rebuilt |= !trial.extent.IsSet();

@@ -23,12 +23,11 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, Worker& worker) {
   selection.Begin(trial, worker.columns);
   // Listed ones stand in the columns; so does the trial itself. Which are cannot be foreseen,
   // so each is written down, and kept by counting it.
-  const std::uint32_t listed = MarkNow(kListed);
   std::array<std::uint32_t, 3 * N> unlisted;
   std::size_t unlisted_count = 0;
   for (const std::uint32_t position : rows_[rebuilt.position].neighbours) {
     unlisted[unlisted_count] = position;
-    unlisted_count += rows_[position].mark < listed;
+    unlisted_count += (~is_listed_[position / 64] >> position % 64) & 1;
   }
   for (std::size_t i = 0; i < unlisted_count; ++i) {
     const std::uint32_t position = unlisted[i];
