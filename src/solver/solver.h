@@ -120,7 +120,20 @@ class Solver final : public SolverBase {
   bool UpdateBest(std::uint32_t position);
 
   // neighbour_refresh_impl.h
-  struct Rebuilt;
+  // A table that is rebuilt, and what the caller's thread must know of it: the trial
+  // itself may stand in the cache of the thread that rebuilt it.
+  struct Rebuilt {
+    std::uint32_t position = 0;
+    std::uint32_t trial_class = 0;
+    double radius_before = 0.0;
+    double slope = 0.0;
+    // The best keys of its segments, unless these are yet to be computed.
+    double best_local = 0.0;
+    double best_global = 0.0;
+    std::uint32_t segment_count = 0;
+    bool has_keys = false;
+    bool is_lowest = false;
+  };
   struct Worker;
   void ResetChanged();
   void ListForRefresh(std::uint32_t position);
@@ -139,7 +152,7 @@ class Solver final : public SolverBase {
   // neighbour_table_impl.h
   void RebuildTable(Rebuilt& rebuilt, Worker& worker);
   void WriteTable(std::uint32_t position, const NeighbourSelection<N>& selection);
-  void RaiseSlopes(const Test<N>& trial);
+  void RaiseSlopes(const Rebuilt& rebuilt);
 
   // local_refinement_impl.h: Fit, and
   bool ListFitData(std::uint32_t position);
@@ -153,7 +166,9 @@ class Solver final : public SolverBase {
   void ListNeeded();
   template <typename OfferTo>  // void(CandidateList&, const Candidate&)
   void OfferSegments(std::uint32_t position, OfferTo offer);
-  void StageSegments(std::uint32_t position);
+  void SetKeys(Rebuilt& rebuilt);
+  void ForgetKeys(Rebuilt& rebuilt);
+  void StageSegments(const Rebuilt& rebuilt);
   std::uint32_t SetCharacteristics(const Test<N>& trial, Neighbour& segment) const;
 
   // Fixed after construction.
@@ -193,11 +208,6 @@ class Solver final : public SolverBase {
   // Of those, the ones whose `kChanged` flag is set, in list order.
   std::vector<std::uint32_t> to_rescore_;
   // Of those, the ones whose tables this refresh rebuilds, in list order.
-  struct Rebuilt {
-    std::uint32_t position;
-    double radius_before;
-    bool is_lowest;
-  };
   std::vector<Rebuilt> rebuilt_;
   // One per trial, which bears the number of the last refresh whose flood met it.
   std::vector<FloodRow<N>> rows_;

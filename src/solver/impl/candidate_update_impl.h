@@ -22,7 +22,7 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
     CommitLists();
     UpdateEveryTrial();
   } else if (to_rescore_.size() == rebuilt_.size()) {
-    for (const std::uint32_t position : to_rescore_) StageSegments(position);
+    for (const Rebuilt& rebuilt : rebuilt_) StageSegments(rebuilt);
     CommitLists();
   } else {
     // Some of what is offered may be listed already.
@@ -176,7 +176,7 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
   global_bounds_.Set(position, best_global);
 }
 
-// Stages the segments of a trial whose table was just rebuilt.
+// Computes the keys of a table that was just rebuilt. May run on any thread of the team.
 //
 // The plain way is OfferSegments: of each segment it asks what its other end is, whether
 // its characteristics are known, which class has it and whether its keys reach a list,
@@ -185,9 +185,9 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
 // 0 that weighs nothing, and a list is asked once for the best key of the table. The keys
 // are the plain ones: to subtract 0, to multiply by 1 or by 1/2 is exact.
 template <int N>
-void Solver<N>::StageSegments(std::uint32_t position) {
-  Test<N>& trial = tests_[position];
-  const FloodRow<N>& row = rows_[position];
+void Solver<N>::SetKeys(Rebuilt& rebuilt) {
+  Test<N>& trial = tests_[rebuilt.position];
+  const FloodRow<N>& row = rows_[rebuilt.position];
   static constexpr double kNothing = 0.0;
   static constexpr double kWeights[] = {1.0, 0.5};
   std::array<double, 3 * N> partner_values;
@@ -203,17 +203,14 @@ void Solver<N>::StageSegments(std::uint32_t position) {
     partner_values[count] = *counted[is_mean];
     weights[count] = kWeights[is_mean];
   }
-  if (has_higher_partner) {
-    OfferSegments(position,
-                  [](CandidateList& list, const Candidate& candidate) { list.Stage(candidate); });
-    return;
-  }
+  rebuilt.segment_count = static_cast<std::uint32_t>(count);
+  rebuilt.has_keys = !has_higher_partner;
+  if (has_higher_partner) return;
 
-  const std::uint32_t c = ClassOf(trial);
   // The global key and the local one side by side.
   using Pair = double __attribute__((vector_size(16)));
   const auto both = [](double x) { return Pair{x, x}; };
-  const Pair slopes = {UsableSlope(slopes_[c]) * parameters_.overestimation,
+  const Pair slopes = {UsableSlope(slopes_[rebuilt.trial_class]) * parameters_.overestimation,
                        UsableSlope(trial.slope) * parameters_.overestimation_local};
   const Pair own_value = both(trial.value.value);
   Pair best = both(-std::numeric_limits<double>::infinity());
@@ -227,18 +224,40 @@ void Solver<N>::StageSegments(std::uint32_t position) {
     best = keys > best ? keys : best;
     is_nan |= keys != keys;
   }
-  work_.offers += 2 * count;
+  rebuilt.best_global = is_nan[0] != 0 ? KeyBounds::kUnknown : best[0];
+  rebuilt.best_local = is_nan[1] != 0 ? KeyBounds::kUnknown : best[1];
+}
+
+template <int N>
+void Solver<N>::ForgetKeys(Rebuilt& rebuilt) {
+  rebuilt.has_keys = false;
+  for (Neighbour& segment : tests_[rebuilt.position].neighbours) {
+    segment.global_characteristic = kUnset;
+    segment.local_characteristic = kUnset;
+  }
+}
+
+// Stages the segments of a trial whose table was just rebuilt.
+template <int N>
+void Solver<N>::StageSegments(const Rebuilt& rebuilt) {
+  if (!rebuilt.has_keys) {
+    OfferSegments(rebuilt.position,
+                  [](CandidateList& list, const Candidate& candidate) { list.Stage(candidate); });
+    return;
+  }
+  work_.offers += 2u * rebuilt.segment_count;
   const auto stage = [&](CandidateList& list, double best_key, double Neighbour::*key) {
-    if (count == 0 || !list.AwaitsStaged(best_key)) return;
-    list.StageAll(count, [&](std::size_t i) {
+    if (rebuilt.segment_count == 0 || !list.AwaitsStaged(best_key)) return;
+    const Test<N>& trial = tests_[rebuilt.position];
+    list.StageAll(rebuilt.segment_count, [&](std::size_t i) {
       const Neighbour& segment = trial.neighbours[i];
-      return Candidate{segment.*key, position, segment.test};
+      return Candidate{segment.*key, rebuilt.position, segment.test};
     });
   };
-  stage(local_lists_[c], best[1], &Neighbour::local_characteristic);
-  stage(global_lists_[c], best[0], &Neighbour::global_characteristic);
-  global_bounds_.Set(position, is_nan[0] != 0 ? KeyBounds::kUnknown : best[0]);
-  local_bounds_.Set(position, is_nan[1] != 0 ? KeyBounds::kUnknown : best[1]);
+  stage(local_lists_[rebuilt.trial_class], rebuilt.best_local, &Neighbour::local_characteristic);
+  stage(global_lists_[rebuilt.trial_class], rebuilt.best_global, &Neighbour::global_characteristic);
+  global_bounds_.Set(rebuilt.position, rebuilt.best_global);
+  local_bounds_.Set(rebuilt.position, rebuilt.best_local);
 }
 
 // With m an overestimated slope, d the length of a segment and z the values at its

@@ -94,8 +94,9 @@ void Solver<N>::LinkInitialTrial(std::uint32_t position) {
     rivals.push_back(p);
   }
   is_listed_[position / 64] = std::uint64_t{1} << position % 64;
-  rebuilt_ = {{position, 0.0, false}};
+  rebuilt_ = {{position}};
   RebuildTables(rivals);
+  ForgetKeys(rebuilt_[0]);  // slopes are yet to be known
   is_listed_[position / 64] = 0;
   ResolveLocalMarks();
   UpdateExtremes(tests_[position].value);

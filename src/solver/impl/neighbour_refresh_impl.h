@@ -143,7 +143,7 @@ void Solver<N>::ListRebuilt() {
   for (const std::uint32_t position : to_rescore_) {
     const Test<N>& trial = tests_[position];
     if (all_rebuilt || !trial.extent.IsSet() || trial.extent.Contains(newest)) {
-      rebuilt_.push_back({position, trial.radius, false});
+      rebuilt_.push_back({position});
     }
   }
   work_.listed += changed_.size();
@@ -183,7 +183,10 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
       }
     }
   }
-  for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(tests_[rebuilt.position]);
+  for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(rebuilt);
+  if (slopes_changed_) {
+    for (Rebuilt& rebuilt : rebuilt_) ForgetKeys(rebuilt);
+  }
 }
 
 template <int N>
@@ -221,12 +224,11 @@ void Solver<N>::ResolveLocalMarks() {
     }
   }
   for (std::size_t i = 0; i < rebuilt_.size(); ++i) {
-    Test<N>& trial = tests_[rebuilt_[i].position];
     bool is_local = rebuilt_[i].is_lowest;
     for (std::size_t later = i + 1; is_local && later < rebuilt_.size(); ++later) {
-      is_local = !TakesMark(rebuilt_[later], trial);
+      is_local = !TakesMark(rebuilt_[later], tests_[rebuilt_[i].position]);
     }
-    ChangeFlags(trial, {is_local ? kLocal : 0, kLocal});
+    if (is_local) ChangeFlags(tests_[rebuilt_[i].position], {kLocal, 0});
   }
 }
 

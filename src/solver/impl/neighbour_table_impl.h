@@ -40,6 +40,9 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, Worker& worker) {
   selection.Choose({spread_cosine_, tests_.size() <= combination_count_});
   rebuilt.is_lowest = trial.value.index == best_.index && selection.IsLowest(trial.value.value);
   WriteTable(rebuilt.position, selection);
+  rebuilt.trial_class = ClassOf(trial);
+  rebuilt.slope = trial.slope;
+  SetKeys(rebuilt);
 }
 
 // Where faces stand in a table, and which partners are of another index, cannot be
@@ -107,17 +110,17 @@ void Solver<N>::WriteTable(std::uint32_t position, const NeighbourSelection<N>& 
   trial.slope = slope;
   std::uint32_t flags = Base::kChanged;
   if (face_count > 0) flags |= Base::kBoundary;
-  ChangeFlags(trial, {flags, Base::kBoundary});
+  ChangeFlags(trial, {flags, Base::kBoundary | Base::kLocal});
 }
 
 template <int N>
-void Solver<N>::RaiseSlopes(const Test<N>& trial) {
-  const std::uint32_t c = ClassOf(trial);
-  if (!(trial.slope > slopes_[c])) return;
-  slopes_[c] = trial.slope;
+void Solver<N>::RaiseSlopes(const Rebuilt& rebuilt) {
+  const std::uint32_t c = rebuilt.trial_class;
+  if (!(rebuilt.slope > slopes_[c])) return;
+  slopes_[c] = rebuilt.slope;
   class_changed_[c] = 1;
   slopes_changed_ = true;
-  if (trial.slope > max_slope_) max_slope_ = trial.slope;
+  if (rebuilt.slope > max_slope_) max_slope_ = rebuilt.slope;
 }
 
 }  // namespace QuenloftSolver
