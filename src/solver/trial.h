@@ -108,7 +108,7 @@ struct alignas(kCacheLine) Test final : SolverBase::TestBase {
 
   // Where a team works on the trials most of the time, what one thread reads of them
   // all stands apart from what the others write.
-  static constexpr std::size_t kApart = N <= 4 ? alignof(double) : kCacheLine;
+  static constexpr std::size_t kApart = N <= 3 ? alignof(double) : kCacheLine;
 
   std::uint32_t combination = kNone;
   // Of the trial and its chosen neighbours.
