@@ -143,6 +143,7 @@ class Solver final : public SolverBase {
   void RefreshNeighbours();
   void ListRebuilt();
   void RebuildTables(const std::vector<std::uint32_t>& candidates);
+  void FetchToWrite(const Rebuilt& rebuilt, std::size_t bytes) const;
   void ListLocalCandidates(const std::vector<std::uint32_t>& candidates);
   void GatherCandidates(const std::vector<std::uint32_t>& candidates,
                         CandidateColumns<N>& columns) const;

@@ -149,11 +149,15 @@ void Solver<N>::ListRebuilt() {
   work_.listed += changed_.size();
 }
 
-// The parallel loop. An iteration reads of other trials only points, values and marks
-// of this refresh, which nobody writes, and writes its own trial, row and slot; what must be seen
-// in list order is left to the caller's thread. So any number of threads gives the same result.
-// Each thread gathers the candidates for itself: columns that the caller had written would
-// stay in the other threads' caches, to be taken back line by line in the next step.
+// The parallel loop. An iteration reads of other trials only points, values and whether
+// they are listed, which nobody writes, and writes its own trial, row and slot; what must be
+// seen in list order is left to the caller's thread. So any number of threads gives the same
+// result.
+//
+// What one core has written another must wait for, line by line: half a microsecond each
+// where they share no cache. So each thread gathers the candidates for itself, tables are
+// asked for before they are written, and the caller's thread asks for those that others have
+// rebuilt all at once; of most it needs only what their slots tell.
 template <int N>
 void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
   const auto count = static_cast<std::ptrdiff_t>(rebuilt_.size());
@@ -179,14 +183,25 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
       GatherCandidates(candidates, worker.columns);
 #pragma omp for schedule(static)
       for (std::ptrdiff_t i = 0; i < count; ++i) {
-        RebuildTable(rebuilt_[static_cast<std::size_t>(i)], worker);
+        const auto slot = static_cast<std::size_t>(i);
+        if (i + 1 < count) FetchToWrite(rebuilt_[slot + 1], sizeof(Test<N>));
+        RebuildTable(rebuilt_[slot], worker);
       }
     }
+    constexpr std::size_t kFlagsAndExtent = sizeof(SolverBase::TestBase) + sizeof(Extent<N>);
+    for (const Rebuilt& rebuilt : rebuilt_) FetchToWrite(rebuilt, kFlagsAndExtent);
   }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(rebuilt);
   if (slopes_changed_) {
     for (Rebuilt& rebuilt : rebuilt_) ForgetKeys(rebuilt);
   }
+}
+
+// The row, and the first `bytes` of the trial.
+template <int N>
+void Solver<N>::FetchToWrite(const Rebuilt& rebuilt, std::size_t bytes) const {
+  FetchLinesToWrite(&tests_[rebuilt.position], bytes);
+  FetchLinesToWrite(&rows_[rebuilt.position], sizeof(FloodRow<N>));
 }
 
 template <int N>
