@@ -52,7 +52,8 @@ int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
 }
 
 void Team::Record(double nanoseconds) {
-  constexpr double kSmoothing = 0.1;
+  constexpr double kSmoothing = 0.05;
+  constexpr double kSuspicious = 1.25;  // times what steps took with one thread
   constexpr double kMost = 4.0;  // times the usual: an interruption, or an update of every trial
   if (work_ == 0.0) return;
   if (is_trying_) {
@@ -68,10 +69,7 @@ void Team::Record(double nanoseconds) {
   double& cost = cost_[preferred_];
   const double sample = nanoseconds / work_;
   cost = cost == 0.0 ? sample : cost + kSmoothing * (std::min(sample, kMost * cost) - cost);
-  if (preferred_ == kTogether && cost > cost_[kOne]) {
-    preferred_ = kOne;
-    steps_to_trial_ = interval_;
-  }
+  if (preferred_ == kTogether && cost > kSuspicious * cost_[kOne]) steps_to_trial_ = 0;
 }
 
 void Team::EndTrial() {

@@ -64,10 +64,10 @@ class Team {
  private:
   // Between what a step takes in three dimensions, where a team gains nothing, and in
   // four, where it begins to.
-  static constexpr double kLeastWork = 8000.0;
+  static constexpr double kLeastWork = 6000.0;
   // In steps.
   static constexpr int kFirstInterval = 16;
-  static constexpr int kShortestInterval = 512;
+  static constexpr int kShortestInterval = 256;
   static constexpr int kLongestInterval = 8192;
   static constexpr int kTrial = 40;
   static constexpr int kUncounted = 4;
