@@ -15,6 +15,7 @@ namespace QuenloftSolver {
 
 namespace {
 
+std::atomic<bool> has_started{false};
 std::atomic<bool> lost_team{false};
 
 bool WatchForks() {
@@ -38,7 +39,7 @@ int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
     is_trying_ = true;
     steps_tried_ = 0;
     trial_nanoseconds_ = trial_work_ = 0.0;
-    budget_ = cost_[preferred_] * work * kTrial;
+    budget_ = cost_[preferred_] * work * kTrial + (has_started.exchange(true) ? kWake : kStart);
   }
   const Form form = is_trying_ ? Other() : preferred_;
   if (form == kOne) return 1;
@@ -58,7 +59,7 @@ void Team::Record(double nanoseconds) {
   if (work_ == 0.0) return;
   if (is_trying_) {
     ++steps_tried_;
-    if (steps_tried_ > kUncounted || interval_ > kShortestInterval) budget_ -= nanoseconds;
+    budget_ -= nanoseconds;
     if (steps_tried_ > kUncounted) {
       trial_nanoseconds_ += nanoseconds;
       trial_work_ += work_;

@@ -39,9 +39,10 @@ class Stopwatch {
 // Which is faster is measured, over whole steps, as the caller pays after a loop for what
 // the team has written. Steps differ by much, so their times are taken for equal work,
 // and many in a row with the other number of threads are compared: a trial, the rarer the
-// more often it told the same. Its first steps do not count, as threads may have to be
+// more often it told the same. Its first steps do not tell, as threads may have to be
 // woken, or started (they start on the core of the one that starts them, and take some
-// milliseconds to leave it). It ends when it has cost as much as all its steps should.
+// milliseconds to leave it). It ends when it has taken as long as all its steps should, and
+// a little for that.
 class Team {
  public:
   // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
@@ -71,6 +72,9 @@ class Team {
   static constexpr int kLongestInterval = 8192;
   static constexpr int kTrial = 40;
   static constexpr int kUncounted = 4;
+  // In nanoseconds: what waking threads may take, and starting them.
+  static constexpr double kWake = 1e6;
+  static constexpr double kStart = 2e7;
 
   enum Form { kOne, kTogether };
   Form Other() const { return preferred_ == kOne ? kTogether : kOne; }
