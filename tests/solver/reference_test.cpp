@@ -145,6 +145,16 @@ TEST(SolverAgainstReference, AgreesWhereDistancesVanish) {
   CompareSearches<2>(c, 5000, 500);
 }
 
+// Where one category's initial trials say nothing of slopes, and the next one's do.
+TEST(SolverAgainstReference, AgreesWhereACategoryIsFlat) {
+  SearchCase c;
+  c.dimension = 2;
+  c.bounds = {0.0, 1.0, 0.0, 1.0};
+  c.categories = {2};
+  c.Add([](const double* x, const std::int32_t* k) { return k[0] == 0 ? 9.0 : 5.0 * x[0] + x[1]; });
+  CompareSearches<2>(c, 60);
+}
+
 // Slopes that overflow, keys that equal the mark for "not computed", and settings
 // that no user would choose: an unusual search, but the same one.
 TEST(SolverAgainstReference, AgreesOnExtremeValuesAndSettings) {

@@ -36,7 +36,7 @@ QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
     const std::int32_t* rows = blocks + VectorOffset(v, kPairs + 1, kLanes);
     Ints product = At<const Ints>(rows + kPairs * kBlock);
     for (std::size_t k = 0; k < kPairs; ++k) {
-      product += PairProducts(At<const Ints>(rows + k * kBlock), origin[k]);
+      product = AddPairProducts(product, At<const Ints>(rows + k * kBlock), origin[k]);
     }
     const std::uint32_t lanes = LanesReaching(product, least_product);
     AppendLanes(lanes, static_cast<std::uint32_t>(v * kLanes), near);
@@ -175,7 +175,7 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline float Update(const ChoiceTask<N>& 
     const std::int32_t* unit = task.unit + VectorOffset(v, kPairs, kLanes);
     Ints cosine = PairProducts(At<const Ints>(unit), direction[0]);
     for (std::size_t k = 1; k < kPairs; ++k) {
-      cosine += PairProducts(At<const Ints>(unit + k * kBlock), direction[k]);
+      cosine = AddPairProducts(cosine, At<const Ints>(unit + k * kBlock), direction[k]);
     }
     Ints& max_cosine = At<Ints>(task.max_cosine + v * kLanes);
     Ints largest = cosine > max_cosine ? cosine : max_cosine;
@@ -184,7 +184,8 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline float Update(const ChoiceTask<N>& 
       const std::int32_t* other = direction_of(chosen[i]);
       cosine = PairProducts(At<const Ints>(unit), Ints{} + other[0]);
       for (std::size_t k = 1; k < kPairs; ++k) {
-        cosine += PairProducts(At<const Ints>(unit + k * kBlock), Ints{} + other[k * kBlock]);
+        cosine =
+            AddPairProducts(cosine, At<const Ints>(unit + k * kBlock), Ints{} + other[k * kBlock]);
       }
       largest = cosine > largest ? cosine : largest;
       largest = place == static_cast<std::int32_t>(chosen[i]) ? Ints{} + kGone : largest;
@@ -317,7 +318,8 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline std::uint32_t CloseLanes(const Cho
   const std::int32_t* chosen = task.chosen_unit + first;
   Ints cosine = PairProducts(At<const Ints>(chosen), Ints{} + unit[0]);
   for (std::size_t k = 1; k < kPairs; ++k) {
-    cosine += PairProducts(At<const Ints>(chosen + k * task.kRow), Ints{} + unit[k * kBlock]);
+    cosine =
+        AddPairProducts(cosine, At<const Ints>(chosen + k * task.kRow), Ints{} + unit[k * kBlock]);
   }
   const std::int32_t least =
       task.is_trusted ? choice.max_cosine[record] - 2 * Tolerance<N>() : INT32_MIN;
@@ -427,7 +429,8 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
     for (std::size_t first = 0; first < window; first += kLanes) {
       Ints cosine = PairProducts(At<const Ints>(task.unit + first), direction[0]);
       for (std::size_t k = 1; k < kPairs; ++k) {
-        cosine += PairProducts(At<const Ints>(task.unit + k * kWindow + first), direction[k]);
+        cosine =
+            AddPairProducts(cosine, At<const Ints>(task.unit + k * kWindow + first), direction[k]);
       }
       const Ints rise = cosine - At<const Ints>(task.max_cosine + first);
       kept |= std::uint64_t{LanesReaching(rise, least_doubtful) ^ kAllLanes} << first;
