@@ -33,6 +33,7 @@ double NthLargest(std::size_t n, std::vector<double>& values) {
 void KeyBounds::Set(std::uint32_t position, double key) {
   if (std::isnan(key)) key = kUnknown;
   Grow(position + std::size_t{1});
+  if (keys_[position] == key) return;
   if (keys_[position] == kUnknown) --unknown_count_;
   if (key == kUnknown) ++unknown_count_;
   keys_[position] = key;

@@ -32,6 +32,11 @@ class KeyBounds {
   // Makes `count` trials, those added with unknown keys.
   void Grow(std::size_t count);
 
+  // Asks memory for a trial's key, to be read or set later.
+  void Fetch(std::uint32_t position) const {
+    if (position < keys_.size()) __builtin_prefetch(&keys_[position]);
+  }
+
   // Whether some key is unknown.
   bool HasUnknown() const { return unknown_count_ > 0; }
 

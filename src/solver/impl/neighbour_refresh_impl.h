@@ -144,6 +144,8 @@ void Solver<N>::ListRebuilt() {
     const Test<N>& trial = tests_[position];
     if (all_rebuilt || !trial.extent.IsSet() || trial.extent.Contains(newest)) {
       rebuilt_.push_back({position});
+      local_bounds_.Fetch(position);
+      global_bounds_.Fetch(position);
     }
   }
   work_.listed += changed_.size();
