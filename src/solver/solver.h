@@ -143,7 +143,8 @@ class Solver final : public SolverBase {
   void RefreshNeighbours();
   void ListRebuilt();
   void RebuildTables(const std::vector<std::uint32_t>& candidates);
-  void FetchToWrite(const Rebuilt& rebuilt, std::size_t bytes) const;
+  void FetchTable(std::uint32_t position) const;
+  void FetchBack(std::uint32_t position) const;
   void ListLocalCandidates(const std::vector<std::uint32_t>& candidates);
   void GatherCandidates(const std::vector<std::uint32_t>& candidates,
                         CandidateColumns<N>& columns) const;

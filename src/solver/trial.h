@@ -96,8 +96,9 @@ struct Extent {
 };
 
 // A trial: its point, its outcome, and its neighbourhood, in one record that grows
-// linearly with N. What a refresh reads of every trial listed stands first, with two
-// dimensions in one cache line; it reads the rest of few.
+// linearly with N. What a step asks of trials stands in the order of how many are asked:
+// with two dimensions the first cache line has all that is asked of a neighbour, the next
+// one all that is asked of a trial listed.
 template <int N>
 struct alignas(kCacheLine) Test final : SolverBase::TestBase {
   TestValue GetValue() const override { return value; }
@@ -111,13 +112,13 @@ struct alignas(kCacheLine) Test final : SolverBase::TestBase {
   static constexpr std::size_t kApart = N <= 3 ? alignof(double) : kCacheLine;
 
   std::uint32_t combination = kNone;
-  // Of the trial and its chosen neighbours.
-  Extent<N> extent;
   alignas(kApart) TestValue value{-1, kUnset};
   std::array<double, N> coordinate;  // in [0, 1]
   GridPoint<N> grid_point;           // of the coordinates
+  // Of the trial and its chosen neighbours.
+  alignas(kApart) Extent<N> extent;
   // Distance to the farthest chosen neighbour, faces included; 0 when there is none.
-  alignas(kApart) double radius = kUnbounded;
+  double radius = kUnbounded;
   // Largest |difference of values| / distance to a chosen neighbour of the same
   // index; 0 when there is none.
   double slope = kUnbounded;

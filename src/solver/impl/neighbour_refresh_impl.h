@@ -186,12 +186,11 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
 #pragma omp for schedule(static)
       for (std::ptrdiff_t i = 0; i < count; ++i) {
         const auto slot = static_cast<std::size_t>(i);
-        if (i + 1 < count) FetchToWrite(rebuilt_[slot + 1], sizeof(Test<N>));
+        if (i + 1 < count) FetchTable(rebuilt_[slot + 1].position);
         RebuildTable(rebuilt_[slot], worker);
       }
     }
-    constexpr std::size_t kFlagsAndExtent = sizeof(SolverBase::TestBase) + sizeof(Extent<N>);
-    for (const Rebuilt& rebuilt : rebuilt_) FetchToWrite(rebuilt, kFlagsAndExtent);
+    for (const Rebuilt& rebuilt : rebuilt_) FetchBack(rebuilt.position);
   }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(rebuilt);
   if (slopes_changed_) {
@@ -199,11 +198,20 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
   }
 }
 
-// The row, and the first `bytes` of the trial.
+// Asks for what the rebuilding of a table writes.
 template <int N>
-void Solver<N>::FetchToWrite(const Rebuilt& rebuilt, std::size_t bytes) const {
-  FetchLinesToWrite(&tests_[rebuilt.position], bytes);
-  FetchLinesToWrite(&rows_[rebuilt.position], sizeof(FloodRow<N>));
+void Solver<N>::FetchTable(std::uint32_t position) const {
+  FetchLinesToWrite(&tests_[position], sizeof(Test<N>));
+  FetchLinesToWrite(&rows_[position], sizeof(FloodRow<N>));
+}
+
+// Asks for what later steps need of a trial even if they do not rebuild its table.
+template <int N>
+void Solver<N>::FetchBack(std::uint32_t position) const {
+  const Test<N>& trial = tests_[position];
+  FetchLinesToWrite(&trial, sizeof(SolverBase::TestBase));
+  FetchLinesToWrite(&trial.extent, sizeof(trial.extent));
+  FetchLinesToWrite(&rows_[position], sizeof(FloodRow<N>));
 }
 
 template <int N>
