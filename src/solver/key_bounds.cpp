@@ -62,10 +62,7 @@ void KeyBounds::Settle() {
   constexpr std::size_t kAhead = 16;
   const std::size_t count = changed_blocks_.size();
   for (std::size_t i = 0; i < count; ++i) {
-    const double* const ahead =
-        keys_.data() + changed_blocks_[std::min(i + kAhead, count - 1)] * kBlockSize;
-    __builtin_prefetch(ahead);
-    __builtin_prefetch(ahead + kBlockSize / 2);
+    FetchBlock(changed_blocks_[std::min(i + kAhead, count - 1)]);
     const std::size_t block = changed_blocks_[i];
     const std::size_t begin = block * kBlockSize;
     block_maximum_[block] = MaximumOf(keys_.data() + begin, EndOfBlock(block) - begin);

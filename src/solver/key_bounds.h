@@ -11,6 +11,8 @@
 #include <limits>
 #include <vector>
 
+#include "solver/aligned.h"
+
 namespace QuenloftSolver {
 
 // Trials stand in blocks with a common maximum, and blocks in groups with one: of a
@@ -32,9 +34,12 @@ class KeyBounds {
   // Makes `count` trials, those added with unknown keys.
   void Grow(std::size_t count);
 
-  // Asks memory for a trial's key, to be read or set later.
+  // Ask memory for a trial's key, or for those of a block, to be read or set later.
   void Fetch(std::uint32_t position) const {
-    if (position < keys_.size()) __builtin_prefetch(&keys_[position]);
+    if (position < keys_.size()) FetchLines(&keys_[position], sizeof(double));
+  }
+  void FetchBlock(std::size_t block) const {
+    FetchLines(&keys_[block * kBlockSize], kBlockSize * sizeof(double));
   }
 
   // Whether some key is unknown.

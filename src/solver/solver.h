@@ -222,7 +222,8 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> seen_;              // trials that a ring of the flood meets first
   std::vector<std::uint32_t> local_candidates_;  // candidates marked local
   std::vector<std::uint32_t> rebuilt_in_list_;   // perhaps, of the list at hand
-  std::vector<std::uint32_t> needed_;            // in an update of every trial
+  std::vector<std::uint32_t> needed_blocks_;     // in an update of every trial, as the next
+  std::vector<std::uint32_t> needed_;
   std::vector<std::int32_t> evaluation_categories_;
   double evaluation_nanoseconds_ = 0.0;  // that the last timed evaluation took
   struct Worker {

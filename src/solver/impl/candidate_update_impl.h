@@ -133,16 +133,27 @@ void Solver<N>::ListNeeded() {
   global_bounds_.Grow(count);
   const ListDemand local(local_lists_[0], local_bounds_);
   const ListDemand global(global_lists_[0], global_bounds_);
+  needed_blocks_.clear();
   for (std::size_t group = 0; group < local_bounds_.GroupCount(); ++group) {
     if (!local.NeedsGroup(group) && !global.NeedsGroup(group)) continue;
     const std::size_t end = local_bounds_.EndOfGroup(group);
     for (std::size_t block = group * KeyBounds::kGroupSize; block < end; ++block) {
-      if (!local.NeedsBlock(block) && !global.NeedsBlock(block)) continue;
-      const std::size_t end_of_block = local_bounds_.EndOfBlock(block);
-      for (std::size_t p = block * KeyBounds::kBlockSize; p < end_of_block; ++p) {
-        if (local.NeedsTrial(p) || global.NeedsTrial(p)) {
-          needed_.push_back(static_cast<std::uint32_t>(p));
-        }
+      if (local.NeedsBlock(block) || global.NeedsBlock(block)) {
+        needed_blocks_.push_back(static_cast<std::uint32_t>(block));
+      }
+    }
+  }
+  // Their keys stand anywhere in memory.
+  constexpr std::size_t kAhead = 16;
+  for (std::size_t i = 0; i < needed_blocks_.size(); ++i) {
+    const std::size_t ahead = needed_blocks_[std::min(i + kAhead, needed_blocks_.size() - 1)];
+    local_bounds_.FetchBlock(ahead);
+    global_bounds_.FetchBlock(ahead);
+    const std::size_t begin = needed_blocks_[i] * KeyBounds::kBlockSize;
+    const std::size_t end = local_bounds_.EndOfBlock(needed_blocks_[i]);
+    for (std::size_t p = begin; p < end; ++p) {
+      if (local.NeedsTrial(p) || global.NeedsTrial(p)) {
+        needed_.push_back(static_cast<std::uint32_t>(p));
       }
     }
   }
