@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <random>
 #include <string>
 #include <thread>
@@ -13,6 +14,7 @@
 
 #include "plain_form.h"
 #include "registration.h"
+#include "solver/aligned.h"
 #include "solver/built_dimensions.h"
 #include "solver/candidate_list.h"
 #include "solver/create_solver.h"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A vector whose elements start on a cache line, as the vector loops like it.
+// Cache lines: vectors whose elements start on one, as the vector loops like it, and asking
+// for lines ahead.
 
 #pragma once
 
@@ -27,7 +28,7 @@ inline void FetchLinesToWrite(const void* begin, std::size_t bytes) {
   for (std::size_t byte = 0; byte < bytes; byte += kCacheLine) {
     const char* const line = static_cast<const char*>(begin) + byte;
 #if defined(__x86_64__)
-    // Compilers use it only for processors named to them; others do nothing at it.
+    // Compilers emit it only for processors named to them. One that lacks it does nothing.
     __asm__ volatile("prefetchw %0" : : "m"(*line));
 #else
     __builtin_prefetch(line, 1);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The trials that every neighbour selection of one refresh looks at, gathered once
-// so that each selection reads them in a row.
+// The trials that every neighbour selection of one refresh looks at, gathered once by each
+// thread so that each of its selections reads them in a row.
 
 #pragma once
 
@@ -19,6 +19,11 @@ namespace QuenloftSolver {
 inline constexpr std::size_t kBlock = 16;
 
 constexpr std::size_t BlocksFor(std::size_t count) { return (count + kBlock - 1) / kBlock; }
+
+// Where candidate `i` stands, in blocks of `row_count` rows of kBlock.
+[[gnu::always_inline]] constexpr std::size_t OffsetOf(std::size_t i, std::size_t row_count) {
+  return i / kBlock * row_count * kBlock + i % kBlock;
+}
 
 // In place of minus half a squared length: less than minus half of any squared distance.
 inline constexpr std::int32_t kNearNothing = INT32_MIN;

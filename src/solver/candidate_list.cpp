@@ -66,6 +66,10 @@ void CandidateList::Clear() {
 }
 
 std::size_t CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
+  // What an update that ran out of memory has left.
+  staged_.clear();
+  listed_again_.clear();
+  rising_.clear();
   stale_count_ = 0;
   floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
   if (size_ == 0) return 0;

@@ -39,16 +39,16 @@ void KeyBounds::Set(std::uint32_t position, double key) {
   keys_[position] = key;
   const std::size_t block = position / kBlockSize;
   if (block_changed_[block]) return;
-  block_changed_[block] = 1;
   changed_blocks_.push_back(static_cast<std::uint32_t>(block));
+  block_changed_[block] = 1;
 }
 
 void KeyBounds::Grow(std::size_t count) {
   while (keys_.size() < count) {
     const std::size_t block = keys_.size() / kBlockSize;
     if (block == block_maximum_.size()) {
+      block_changed_.push_back(0);  // first: where memory runs out, one too many does no harm
       block_maximum_.push_back(kUnknown);
-      block_changed_.push_back(0);
     }
     block_maximum_[block] = kUnknown;
     groups_changed_ = true;

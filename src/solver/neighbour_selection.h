@@ -20,8 +20,8 @@ namespace QuenloftSolver {
 // Counts of the work done, so that a gain in speed can be explained.
 struct SelectionCounters {
   std::uint64_t candidates = 0;       // looked at
-  std::uint64_t kept = 0;             // within the radius
-  std::uint64_t cosines = 0;          // computed in double precision
+  std::uint64_t kept = 0;             // perhaps within the radius
+  std::uint64_t cosines = 0;          // asked for in double precision, see ContenderTask
   std::uint64_t rounded_cosines = 0;  // computed of rounded directions
 };
 
@@ -71,8 +71,7 @@ class alignas(2 * kCacheLine) NeighbourSelection {
  public:
   NeighbourSelection();
 
-  // Starts on `trial`, which must stay unchanged until Choose returns, against
-  // `common`, which several workers may share.
+  // Starts on `trial` against `common`; both must stay unchanged until Choose returns.
   void Begin(const Test<N>& trial, const CandidateColumns<N>& common);
   // Adds a candidate that stands before the common ones; 3N at most. It must stay
   // unchanged until Choose returns.
@@ -130,7 +129,7 @@ class alignas(2 * kCacheLine) NeighbourSelection {
   ContenderTask<N> contender_{};
 
   bool is_trusted_ = true;  // the bounds
-  ChoiceTask<N> choice_;
+  ChoiceTask<N> choice_{};
   std::array<std::uint32_t, kTableSize> chosen_;
 };
 

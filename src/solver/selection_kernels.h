@@ -32,8 +32,7 @@ inline constexpr std::int32_t kGone = INT32_MAX;
 // rest is for the rounding, in single precision, of what is made of it.
 template <int N>
 constexpr std::int32_t Tolerance() {
-  std::int32_t root = 1;
-  while (root * root < 10000 * N) ++root;  // 100 sqrt(N), rounded up
+  constexpr std::int32_t root = RootAbove(10000 * N);  // of 100 sqrt(N)
   return kUnit / 100 * (root + 1) + N + 2000;
 }
 
@@ -117,17 +116,17 @@ struct ContenderTask {
   const double* distance;
   double spread_cosine;
   bool is_trusted;
-  std::uint64_t cosine_count;  // computed in double precision
+  std::uint64_t cosine_count;  // asked for; from N = 12 on, rounded ones spare most
   std::uint32_t* contenders;   // scratch, of kBlock more than there are records
 
   // Of the chosen records, as far as they were asked for.
   int exact_count;
   alignas(kCacheLine) double chosen_difference[N * kRow];
   alignas(kCacheLine) double chosen_distance[kRow];
-  alignas(kCacheLine) std::int32_t chosen_unit[(N + 1) / 2 * kRow];
+  alignas(kCacheLine) std::int32_t chosen_unit[GridPoint<N>::kPairs * kRow];
 
   // Scratch: of the first contenders.
-  alignas(kCacheLine) std::int32_t unit[(N + 1) / 2 * kWindow];
+  alignas(kCacheLine) std::int32_t unit[GridPoint<N>::kPairs * kWindow];
   alignas(kCacheLine) std::int32_t max_cosine[kWindow];
   double cosine[kWindow];
   std::uint32_t support[kWindow];  // a bit for each coordinate that is not 0; or 0 if unknown

@@ -32,7 +32,7 @@ struct WorkCounters {
   std::uint64_t entries_visited = 0;  // list entries looked at to find stale ones
   std::uint64_t candidates = 0;       // looked at in selections
   std::uint64_t kept = 0;             // of those, perhaps within the radius
-  std::uint64_t cosines = 0;          // computed in double precision
+  std::uint64_t cosines = 0;          // asked for in double precision, see ContenderTask
   std::uint64_t rounded_cosines = 0;  // computed of rounded directions
 };
 

@@ -61,7 +61,7 @@ class SolverBase {
       kLocal = 1,          // lowest of its index and combination within its radius
       kFromLocalStep = 2,  // placed by a local step
       kExcluded = 4,       // listed for the refresh that the newest trial caused (Solver<N>
-                           // holds this bit as a stamp, apart from the trials)
+                           // holds this bit apart from the trials)
       kChanged = 8,        // its neighbour table was rebuilt by that refresh
       kBoundary = 16,      // a face of the box is among its neighbours
       kFromFit = 32,       // placed by a local fit

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <new>
-#include <stdexcept>
 
 #include "solver/solver.h"
 
@@ -69,7 +68,7 @@ void Solver<N>::AppendInEveryCombination(const Coordinates& point) {
 }
 
 // Stores a trial without a neighbourhood. Where memory runs out the store is as
-// before, but for a row too many, which the next trial takes.
+// before, but for a row, and perhaps a word of bits, too many, which the next trials take.
 template <int N>
 void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
                             const TestValue& value, std::uint32_t flags) {

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include <algorithm>
+#include <memory>
 
 #include "solver/solver.h"
 

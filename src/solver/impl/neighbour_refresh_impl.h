@@ -5,16 +5,17 @@
 
 #pragma once
 
-#include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 
 #include "solver/solver.h"
 #include "solver/team.h"
 
 namespace QuenloftSolver {
 
-// Starts a new refresh with the newest trial on its list. A new number unlists all
-// others at once.
+// Starts a new refresh with the newest trial on its list. A new number makes all trials
+// unmet at once; the newest needs no mark, as no table has it yet.
 template <int N>
 void Solver<N>::ResetChanged() {
   for (const std::uint32_t position : to_rescore_) {
@@ -94,14 +95,12 @@ std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
   }
 
   const Extent<N> extent = tests_.back().extent;
-  const bool is_unbounded = !extent.IsSet();
   changed_.resize(ring_end + seen_count);
   std::uint32_t* listed = changed_.data() + ring_end;
   for (std::size_t i = 0; i < seen_count; ++i) {
     const std::uint32_t position = seen[i];
-    const bool is_within = extent.Contains(rows[position].coordinate);
     *listed = position;
-    listed += is_unbounded | is_within;
+    listed += extent.Contains(rows[position].coordinate);
   }
   changed_.resize(static_cast<std::size_t>(listed - changed_.data()));
   return ring_end;
@@ -114,9 +113,10 @@ void Solver<N>::RefreshNeighbours() {
   ResolveLocalMarks();
 }
 
-// Marks the listed trials, and lists of them those whose extent holds the newest point,
-// and those that never had a table. Which they are cannot be foreseen, so each trial is written
-// down, and kept by counting it.
+// Marks the listed trials. Of them rebuilt_ gets those whose extent holds the newest point
+// and those that never had a table, to_rescore_ these and those that were rebuilt among the
+// initial trials and never listed since. Which they are cannot be foreseen, so each trial is
+// written down, and kept by counting it.
 template <int N>
 void Solver<N>::ListRebuilt() {
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
@@ -126,12 +126,15 @@ void Solver<N>::ListRebuilt() {
   to_rescore_.resize(changed_.size());
   std::uint32_t* listed = to_rescore_.data();
   bool all_rebuilt = true;
+  const auto needs_table = [&newest](const Test<N>& trial) {
+    bool needs = trial.extent.Contains(newest);
+    needs |= !trial.extent.IsSet();
+    return needs;
+  };
   for (const std::uint32_t position : changed_) {
     is_listed[position / 64] |= std::uint64_t{1} << position % 64;
     const Test<N>& trial = trials[position];
-    bool is_rebuilt = trial.extent.Contains(newest);
-    is_rebuilt |= !trial.extent.IsSet();
-    // Perhaps rebuilt among the initial trials and never listed since.
+    const bool is_rebuilt = needs_table(trial);
     const bool is_changed = (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0;
     *listed = position;
     listed += is_rebuilt | is_changed;
@@ -141,8 +144,7 @@ void Solver<N>::ListRebuilt() {
 
   rebuilt_.clear();
   for (const std::uint32_t position : to_rescore_) {
-    const Test<N>& trial = tests_[position];
-    if (all_rebuilt || !trial.extent.IsSet() || trial.extent.Contains(newest)) {
+    if (all_rebuilt || needs_table(trials[position])) {
       rebuilt_.push_back({position});
       local_bounds_.Fetch(position);
       global_bounds_.Fetch(position);
@@ -151,10 +153,11 @@ void Solver<N>::ListRebuilt() {
   work_.listed += changed_.size();
 }
 
-// The parallel loop. An iteration reads of other trials only points, values and whether
-// they are listed, which nobody writes, and writes its own trial, row and slot; what must be
-// seen in list order is left to the caller's thread. So any number of threads gives the same
-// result.
+// The parallel loop. An iteration reads of other trials only points and values, which nobody
+// writes, and whether they are listed; it writes its own trial, row and slot. And it takes
+// the local mark from trials that are not listed, which no thread sets meanwhile, so in
+// whatever order. What must be seen in list order is left to the caller's thread. So any
+// number of threads gives the same result. Nothing in it may allocate or throw.
 //
 // What one core has written another must wait for, line by line: half a microsecond each
 // where they share no cache. So each thread gathers the candidates for itself, tables are

@@ -19,13 +19,14 @@ NeighbourSelection<N>::NeighbourSelection() : kernels_(SelectionKernels<N>::Fast
 template <int N>
 void NeighbourSelection<N>::Reserve(std::size_t count) {
   const std::size_t needed = BlocksFor(kFaceCount + kTableSize + count) * kBlock;
-  if (distance_.size() >= needed) return;
-  const std::size_t room = std::max(needed, 2 * distance_.size());
+  // The last to be resized: where memory runs out the next call begins anew.
+  if (contenders_.size() >= needed + kBlock) return;
+  const std::size_t room = std::max(needed, 2 * contenders_.size());
   near_.resize(room + kBlock);
   points_.resize(room);
   difference_.resize(room * N);
   distance_.resize(room);
-  unit_.resize(room * ((N + 1) / 2));
+  unit_.resize(room * GridPoint<N>::kPairs);
   max_cosine_.resize(room);
   weight_.resize(room);
   doubt_.resize(room);
@@ -53,7 +54,7 @@ void NeighbourSelection<N>::SetFaces() {
     const double difference = static_cast<double>(face % 2) - trial_->coordinate[axis];
     difference_[(block * N + axis) * kBlock + lane] = difference;
     const std::int32_t component = difference > 0.0 ? kUnit : -kUnit;
-    unit_[(block * CandidateColumns<N>::kPairs + axis / 2) * kBlock + lane] =
+    unit_[(block * GridPoint<N>::kPairs + axis / 2) * kBlock + lane] =
         axis % 2 == 0 ? PairOf(component, 0) : PairOf(0, component);
     distance_[face] = difference != 0.0 ? std::fabs(difference) : kUnset;
     nearest_face_ = std::min(nearest_face_, distance_[face]);
@@ -197,11 +198,11 @@ bool NeighbourSelection<N>::SomeDirectionIsFree(double spread_cosine) {
     if (max_cosine_[record] == kGone) continue;
     if (is_trusted_ && max_cosine_[record] > spread_cosine * kCosineOfOne + Tolerance<N>())
       continue;
-    const std::size_t first_difference = record / kBlock * N * kBlock + record % kBlock;
+    const std::size_t first_difference = OffsetOf(record, N);
     double largest = 0.0;
     for (int i = 0; i < choice_.chosen_count; ++i) {
       const std::size_t chosen = chosen_[static_cast<std::size_t>(i)];
-      const std::size_t chosen_difference = chosen / kBlock * N * kBlock + chosen % kBlock;
+      const std::size_t chosen_difference = OffsetOf(chosen, N);
       double dot = 0.0;
       for (std::size_t k = 0; k < N; ++k)
         dot += difference_[first_difference + k * kBlock] *

@@ -5,14 +5,15 @@
 
 #pragma once
 
+#include <array>
 #include <cmath>
 
 #include "solver/solver.h"
 
 namespace QuenloftSolver {
 
-// May run on any thread of the team: writes the trial, the slot and the selection,
-// and takes the local mark from unlisted trials, which nobody sets meanwhile.
+// May run on any thread of the team: writes the trial, its row, the slot and the worker's
+// selection, and takes the local mark from unlisted trials, which nobody sets meanwhile.
 template <int N>
 void Solver<N>::RebuildTable(Rebuilt& rebuilt, Worker& worker) {
   using Base = SolverBase::TestBase;

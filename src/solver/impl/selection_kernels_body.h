@@ -2,21 +2,13 @@
 //
 // The vector loops of neighbour selection. No include guard: selection_kernels_impl.h
 // includes it once for each kind of processor, in a namespace of its own that defines
-// the number of lanes, kLanes, vectors of so many floats or half as many doubles, and
-// the operations that the compilers' vector types lack, with QUENLOFT_TARGET naming the
-// instructions to use. (Inlining one body into a function for each target would not
-// do: the compiler splits wide vectors before it inlines.)
+// the number of lanes, kLanes, vectors of so many floats or integers, of half as many doubles
+// or integers, and the operations that the compilers' vector types lack, with
+// QUENLOFT_TARGET naming the instructions to use. (Inlining one body into a function for each
+// target would not do: the compiler splits wide vectors before it inlines.)
 
 using HalfFloats = float __attribute__((vector_size(2 * kLanes)));
 inline constexpr std::size_t kDoubleLanes = kLanes / 2;
-
-// Vectors of `lanes` of which a block has kBlock / lanes: where the rows of vector `v`
-// stand, in blocks of `row_count` rows of kBlock.
-QUENLOFT_TARGET [[gnu::always_inline]] inline std::size_t VectorOffset(std::size_t v,
-                                                                       std::size_t row_count,
-                                                                       std::size_t lanes) {
-  return v * lanes / kBlock * row_count * kBlock + v * lanes % kBlock;
-}
 
 template <typename Vector, typename Scalar>
 QUENLOFT_TARGET [[gnu::always_inline]] inline Vector& At(Scalar* first) {
@@ -25,7 +17,7 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline Vector& At(Scalar* first) {
 
 template <int N>
 QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
-  constexpr std::size_t kPairs = CandidateColumns<N>::kPairs;
+  constexpr std::size_t kPairs = GridPoint<N>::kPairs;
   Ints origin[kPairs];
   for (std::size_t k = 0; k < kPairs; ++k) origin[k] = Ints{} + task.origin[k];
   const std::int32_t* const blocks = task.blocks;
@@ -33,7 +25,7 @@ QUENLOFT_TARGET std::size_t FindNear(const NearTask<N>& task) {
   const Ints least_product = Ints{} + task.least_product;
   const std::size_t vectors = task.block_count * (kBlock / kLanes);
   for (std::size_t v = 0; v < vectors; ++v) {
-    const std::int32_t* rows = blocks + VectorOffset(v, kPairs + 1, kLanes);
+    const std::int32_t* rows = blocks + OffsetOf(v * kLanes, kPairs + 1);
     Ints product = At<const Ints>(rows + kPairs * kBlock);
     for (std::size_t k = 0; k < kPairs; ++k) {
       product = AddPairProducts(product, At<const Ints>(rows + k * kBlock), origin[k]);
@@ -84,7 +76,7 @@ QUENLOFT_TARGET MeasureResult Measure(const MeasureTask<N>& task) {
   Doubles nearest{};
   for (std::size_t v = kFaceVectors; v < vectors; ++v) {
     const bool is_shared = kIsOneShared && v == kFaceVectors;
-    double* difference = task.difference + VectorOffset(v, N, kDoubleLanes);
+    double* difference = task.difference + OffsetOf(v * kDoubleLanes, N);
     Doubles square{};
     for (std::size_t k = 0; k < N; k += 2) {
       Doubles d{};
@@ -137,8 +129,8 @@ QUENLOFT_TARGET MeasureResult Measure(const MeasureTask<N>& task) {
     const Doubles max_cosine = is_kept ? Doubles{} : Doubles{} + static_cast<double>(kGone);
     At<HalfInts>(task.max_cosine + first) = __builtin_convertvector(max_cosine, HalfInts);
     if (v < kFaceVectors) continue;
-    const double* difference = task.difference + VectorOffset(v, N, kDoubleLanes);
-    std::int32_t* pairs = task.unit + VectorOffset(v, (N + 1) / 2, kDoubleLanes);
+    const double* difference = task.difference + OffsetOf(v * kDoubleLanes, N);
+    std::int32_t* pairs = task.unit + OffsetOf(v * kDoubleLanes, GridPoint<N>::kPairs);
     for (std::size_t k = 0; k < N; k += 2) {
       HalfInts pair = Rounded(At<const Doubles>(difference + k * kBlock) * inverse) & 0xffff;
       if (k + 1 < N) {
@@ -156,11 +148,11 @@ QUENLOFT_TARGET MeasureResult Measure(const MeasureTask<N>& task) {
 // wait for the store.)
 template <int N>
 QUENLOFT_TARGET [[gnu::always_inline]] inline float Update(const ChoiceTask<N>& task) {
-  constexpr std::size_t kPairs = (N + 1) / 2;
+  constexpr std::size_t kPairs = GridPoint<N>::kPairs;
   const std::uint32_t* chosen = task.chosen + task.applied_count;
   const int count = task.chosen_count - task.applied_count;
   const auto direction_of = [&task](std::size_t record) {
-    return task.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+    return task.unit + OffsetOf(record, kPairs);
   };
   const std::int32_t* first = direction_of(chosen[0]);
   Ints direction[kPairs];
@@ -172,7 +164,7 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline float Update(const ChoiceTask<N>& 
   Floats threshold = Floats{} - kAllDoubt;
   const std::size_t vectors = task.block_count * (kBlock / kLanes);
   for (std::size_t v = 0; v < vectors; ++v) {
-    const std::int32_t* unit = task.unit + VectorOffset(v, kPairs, kLanes);
+    const std::int32_t* unit = task.unit + OffsetOf(v * kLanes, kPairs);
     Ints cosine = PairProducts(At<const Ints>(unit), direction[0]);
     for (std::size_t k = 1; k < kPairs; ++k) {
       cosine = AddPairProducts(cosine, At<const Ints>(unit + k * kBlock), direction[k]);
@@ -286,7 +278,7 @@ QUENLOFT_TARGET inline bool KeepsScore(ContenderTask<N>& task, std::size_t i, st
   const std::size_t places[2] = {i, b};
   for (std::size_t j = 0; j < 2; ++j) {
     const std::size_t record = task.contenders[places[j]];
-    row[j] = task.difference + record / kBlock * N * kBlock + record % kBlock;
+    row[j] = task.difference + OffsetOf(record, N);
     std::uint32_t& support = task.support[places[j]];
     if (N < 16 || support != 0) continue;
     for (std::size_t k = 0; k < N; ++k) {
@@ -313,8 +305,8 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline std::uint32_t CloseLanes(const Cho
                                                                        const ContenderTask<N>& task,
                                                                        std::size_t record,
                                                                        std::size_t first) {
-  constexpr std::size_t kPairs = (N + 1) / 2;
-  const std::int32_t* unit = choice.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+  constexpr std::size_t kPairs = GridPoint<N>::kPairs;
+  const std::int32_t* unit = choice.unit + OffsetOf(record, kPairs);
   const std::int32_t* chosen = task.chosen_unit + first;
   Ints cosine = PairProducts(At<const Ints>(chosen), Ints{} + unit[0]);
   for (std::size_t k = 1; k < kPairs; ++k) {
@@ -337,7 +329,7 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline std::uint32_t CloseLanes(const Cho
 // before, it leaves the score; surely above, it raises it; between, the exact cosine tells.
 template <int N>
 QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& task) {
-  constexpr std::size_t kPairs = (N + 1) / 2;
+  constexpr std::size_t kPairs = GridPoint<N>::kPairs;
   constexpr std::size_t kWindow = ContenderTask<N>::kWindow;
   constexpr std::size_t kRow = ContenderTask<N>::kRow;
   // In many dimensions exact cosines are dear, and rounded ones tell which few are needed.
@@ -346,7 +338,7 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
   for (; task.exact_count < choice.chosen_count; ++task.exact_count) {
     const auto place = static_cast<std::size_t>(task.exact_count);
     const std::size_t record = choice.chosen[place];
-    const double* chosen = task.difference + record / kBlock * N * kBlock + record % kBlock;
+    const double* chosen = task.difference + OffsetOf(record, N);
     for (std::size_t k = 0; k < N; ++k) {
       double* row = task.chosen_difference + k * kRow + place;
       if (place % kBlock == 0) {
@@ -355,7 +347,7 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
       *row = chosen[k * kBlock];
     }
     if constexpr (kIsFiltered) {
-      const std::int32_t* unit = choice.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+      const std::int32_t* unit = choice.unit + OffsetOf(record, kPairs);
       for (std::size_t k = 0; k < kPairs; ++k) {
         std::int32_t* row = task.chosen_unit + k * kRow + place;
         if (place % kBlock == 0) {
@@ -371,7 +363,7 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
   const std::size_t window = count < kWindow ? count : kWindow;
   for (std::size_t i = 0; i < window; ++i) {
     const std::size_t record = task.contenders[i];
-    const std::int32_t* unit = choice.unit + record / kBlock * kPairs * kBlock + record % kBlock;
+    const std::int32_t* unit = choice.unit + OffsetOf(record, kPairs);
     for (std::size_t k = 0; k < kPairs; ++k) task.unit[k * kWindow + i] = unit[k * kBlock];
     task.max_cosine[i] = choice.max_cosine[record];
     task.support[i] = 0;
@@ -383,7 +375,7 @@ QUENLOFT_TARGET bool ChooseContenders(ChoiceTask<N>& choice, ContenderTask<N>& t
   const auto chosen_count = static_cast<std::size_t>(choice.chosen_count);
   for (std::size_t i = 0; i < count; ++i) {
     const std::size_t record = task.contenders[i];
-    const double* difference = task.difference + record / kBlock * N * kBlock + record % kBlock;
+    const double* difference = task.difference + OffsetOf(record, N);
     const double distance = task.distance[record];
     std::uint32_t close = 0;
     Doubles largest{};
