@@ -15,8 +15,8 @@ namespace QuenloftSolver {
 
 namespace {
 
-std::atomic<bool> has_started{false};
 std::atomic<bool> lost_team{false};
+thread_local bool has_team = false;
 
 bool WatchForks() {
 #if defined(__unix__) || defined(__APPLE__)
@@ -25,31 +25,42 @@ bool WatchForks() {
   return true;
 }
 
+// False if the calling thread has one.
+bool StartTeam() {
+  // Forks matter once a team may exist.
+  static const bool is_watching = WatchForks();
+  if (!is_watching || has_team) return false;
+  has_team = true;
+  std::atomic<int> threads{0};  // or the compiler might leave out the region
+#pragma omp parallel
+  threads.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
 }  // namespace
 
 int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
   constexpr double kMostEvaluation = 20.0;  // times the work
+  const int most = omp_get_max_threads();
   work_ = work;
-  is_timing_ = work >= kLeastWork / 2.0;
-  if (work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work) {
+  is_timing_ = most > 1 && work >= kLeastWork / 2.0;
+  if (most == 1 || work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work ||
+      lost_team.load(std::memory_order_relaxed)) {
     work_ = 0.0;
     return 1;
   }
   if (!is_trying_ && steps_to_trial_-- == 0) {
-    is_trying_ = true;
-    steps_tried_ = 0;
-    trial_nanoseconds_ = trial_work_ = 0.0;
-    budget_ = cost_[preferred_] * work * kTrial + (has_started.exchange(true) ? kWake : kStart);
+    if (StartTeam()) {
+      steps_to_trial_ = interval_;
+    } else {
+      is_trying_ = true;
+      steps_tried_ = 0;
+      trial_nanoseconds_ = trial_work_ = 0.0;
+      budget_ = cost_[preferred_] * work * kTrial + kWake;
+    }
   }
   const Form form = is_trying_ ? Other() : preferred_;
-  if (form == kOne) return 1;
-  // Forks matter once a team may exist, so watching starts with the first loop for one.
-  static const bool is_watching = WatchForks();
-  if (!is_watching || lost_team.load(std::memory_order_relaxed)) {
-    work_ = 0.0;
-    return 1;
-  }
-  return omp_get_max_threads();
+  return form == kOne ? 1 : most;
 }
 
 void Team::Record(double nanoseconds) {

@@ -40,9 +40,9 @@ class Stopwatch {
 // the team has written. Steps differ by much, so their times are taken for equal work,
 // and many in a row with the other number of threads are compared: a trial, the rarer the
 // more often it told the same. Its first steps do not tell, as threads may have to be
-// woken, or started (they start on the core of the one that starts them, and take some
-// milliseconds to leave it). It ends when it has taken as long as all its steps should, and
-// a little for that.
+// woken. It ends when it has taken as long as all its steps should, and a little for that.
+// Threads are started well before the first: they start on the core of the one that starts
+// them, and take some milliseconds to leave it.
 class Team {
  public:
   // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
@@ -72,9 +72,7 @@ class Team {
   static constexpr int kLongestInterval = 8192;
   static constexpr int kTrial = 40;
   static constexpr int kUncounted = 4;
-  // In nanoseconds: what waking threads may take, and starting them.
-  static constexpr double kWake = 1e6;
-  static constexpr double kStart = 2e7;
+  static constexpr double kWake = 1e6;  // nanoseconds that it may take
 
   enum Form { kOne, kTogether };
   Form Other() const { return preferred_ == kOne ? kTogether : kOne; }
