@@ -143,7 +143,7 @@ def parse_report(report: dict[str, Any]) -> list[Run]:
         if entry.get("run_type") == "aggregate":
             continue
         scale = scales[entry["time_unit"]]
-        name = re.sub(r"/(iterations|repeats):\d+", "", entry["run_name"])
+        name = re.sub(r"/(iterations|repeats|min_time):[\d.]+", "", entry["run_name"])
         counters = {k: float(v) for k, v in entry.items() if isinstance(v, (int, float))}
         runs.append(Run(name, entry["cpu_time"] * scale, entry["real_time"] * scale, counters))
     return runs

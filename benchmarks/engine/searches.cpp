@@ -83,22 +83,32 @@ void Search(benchmark::State& state, std::uint32_t trials, int threads) {
 }
 
 template <typename Body>
-void Register(const std::string& name, Body body) {
-  benchmark::RegisterBenchmark(name.c_str(), body)->Iterations(1)->Unit(benchmark::kMillisecond);
+benchmark::internal::Benchmark* Register(const std::string& name, Body body) {
+  return benchmark::RegisterBenchmark(name.c_str(), body)->Unit(benchmark::kMillisecond);
 }
 
+// The forms of the engine search again and again for `seconds`, as the first search of a
+// process also pays for its memory and its threads; the plain form searches once.
 template <int N>
-void RegisterSize(std::uint32_t trials, bool with_all_forms = true) {
+void RegisterSize(std::uint32_t trials, double seconds, bool with_all_forms = true) {
   if constexpr (IsBuilt(N)) {
     const std::string name =
         "search/N:" + std::to_string(N) + "/trials:" + std::to_string(trials) + "/";
     for (const int threads : {1, 2}) {
       if (threads > 1 && !with_all_forms) continue;
-      Register(name + "engine/threads:" + std::to_string(threads),
-               [=](benchmark::State& state) { Search<N>(state, trials, threads); });
+      auto* const form =
+          Register(name + "engine/threads:" + std::to_string(threads),
+                   [=](benchmark::State& state) { Search<N>(state, trials, threads); });
+      if (seconds > 0.0) {
+        form->MinTime(seconds);
+      } else {
+        form->Iterations(1);
+      }
     }
     if (!with_all_forms) return;
-    Register(name + "plain", [=](benchmark::State& state) { SearchPlainly<N>(state, trials); });
+    Register(name + "plain", [=](benchmark::State& state) {
+      SearchPlainly<N>(state, trials);
+    })->Iterations(1);
   }
 }
 
@@ -106,18 +116,20 @@ void RegisterSize(std::uint32_t trials, bool with_all_forms = true) {
 
 void RegisterSearches(Scale scale) {
   if (scale == Scale::kLarge) {
-    RegisterSize<2>(1000000, false);
+    RegisterSize<2>(1000000, 0.0, false);
     return;
   }
-  const std::uint32_t divisor = scale == Scale::kQuick ? 20 : 1;
-  RegisterSize<2>(10000 / divisor);
-  RegisterSize<2>(100000 / divisor);
-  RegisterSize<3>(5000 / divisor);
-  RegisterSize<4>(5000 / divisor);
-  RegisterSize<8>(3000 / divisor);
+  const bool is_quick = scale == Scale::kQuick;
+  const std::uint32_t divisor = is_quick ? 20 : 1;
+  const double seconds = is_quick ? 0.0 : 0.5;
+  RegisterSize<2>(10000 / divisor, seconds);
+  RegisterSize<2>(100000 / divisor, seconds);
+  RegisterSize<3>(5000 / divisor, seconds);
+  RegisterSize<4>(5000 / divisor, seconds);
+  RegisterSize<8>(3000 / divisor, seconds);
   // Quick ones go a little beyond the initial cross of 2 N + 1 trials.
-  RegisterSize<16>(scale == Scale::kQuick ? 60 : 1000);
-  RegisterSize<32>(scale == Scale::kQuick ? 80 : 1000);
+  RegisterSize<16>(is_quick ? 60 : 1000, seconds);
+  RegisterSize<32>(is_quick ? 80 : 1000, seconds);
 }
 
 }  // namespace QuenloftSolver
