@@ -442,12 +442,12 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
     )
     parser.add_argument("--large", action="store_true", help="search with a million trials as well")
     parser.add_argument("--markdown", type=Path, metavar="FILE", help="rewrite the section there")
-    parser.add_argument("--repeats", type=int, default=5, help="rounds, at most (default: 5)")
+    parser.add_argument("--repeats", type=int, default=3, help="rounds, at most (default: 3)")
     parser.add_argument(
         "--minutes",
         type=float,
-        default=7.0,
-        help="start nothing more than the first round that would go on for longer (default: 7)",
+        default=11.0,
+        help="start nothing more than the first round that would go on for longer (default: 11)",
     )
     parser.add_argument(
         "--dimensions",
