@@ -87,8 +87,9 @@ benchmark::internal::Benchmark* Register(const std::string& name, Body body) {
   return benchmark::RegisterBenchmark(name.c_str(), body)->Unit(benchmark::kMillisecond);
 }
 
-// The forms of the engine search again and again for `seconds`, as the first search of a
-// process also pays for its memory and its threads; the plain form searches once.
+// The forms of the engine search again and again for `seconds`, or once where that is 0: the
+// first search of a process also pays for its memory and its threads. The plain form searches
+// once.
 template <int N>
 void RegisterSize(std::uint32_t trials, double seconds, bool with_all_forms = true) {
   if constexpr (IsBuilt(N)) {

@@ -48,7 +48,6 @@ class CandidateColumns {
 
   // On the grid: blocks of kBlock candidates, in a block a row for each of the pairs and one
   // for minus half the squared length. The last block is filled up with what is near nothing.
-  static constexpr std::size_t kPairs = GridPoint<N>::kPairs;
   const std::int32_t* GridBlocks() const { return grid_.data(); }
 
   // N doubles.
@@ -58,6 +57,8 @@ class CandidateColumns {
   double RivalValue(std::size_t i) const { return rival_values_[i]; }
 
  private:
+  static constexpr std::size_t kPairs = GridPoint<N>::kPairs;
+
   std::size_t size_ = 0;
   AlignedVector<std::int32_t> grid_;
   AlignedVector<double> rows_;

@@ -28,8 +28,8 @@ bool WatchForks() {
 // False if the calling thread has one.
 bool StartTeam() {
   // Forks matter once a team may exist.
-  static const bool is_watching = WatchForks();
-  if (!is_watching || has_team) return false;
+  [[maybe_unused]] static const bool is_watching = WatchForks();
+  if (has_team) return false;
   has_team = true;
   std::atomic<int> threads{0};  // or the compiler might leave out the region
 #pragma omp parallel

@@ -97,8 +97,8 @@ struct Extent {
 
 // A trial: its point, its outcome, and its neighbourhood, in one record that grows
 // linearly with N. What a step asks of trials stands in the order of how many are asked:
-// with two dimensions the first cache line has all that is asked of a neighbour, the next
-// one all that is asked of a trial listed.
+// with two dimensions the first cache line has all that is asked of a neighbour, it and the
+// next all that is asked of a trial listed.
 template <int N>
 struct alignas(kCacheLine) Test final : SolverBase::TestBase {
   TestValue GetValue() const override { return value; }
@@ -137,8 +137,8 @@ inline void ChangeFlags(SolverBase::TestBase& trial, FlagChange change) {
   trial.flags.store((flags & ~change.clear) | change.set, std::memory_order_relaxed);
 }
 
-// What the flood of a refresh reads of a trial: it asks of every neighbour of
-// every listed trial, and where one is new, its point and its neighbours. Apart from
+// What the flood of a refresh reads of a trial: of every neighbour of every listed trial
+// whether it was met before, and where one is new its point and its neighbours. Apart from
 // the trials, whose tables take most of the room, and in one cache line up to three
 // dimensions.
 template <int N>

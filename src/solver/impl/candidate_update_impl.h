@@ -191,11 +191,10 @@ void Solver<N>::OfferSegments(std::uint32_t position, OfferTo offer) {
 // Computes the keys of a table that was just rebuilt. May run on any thread of the team.
 //
 // The plain way is OfferSegments: of each segment it asks what its other end is, whether
-// its characteristics are known, which class has it and whether its keys reach a list,
-// most often in vain. Here they are all unknown, and of the trial's class unless a
-// partner has a higher index. A face, or a partner of a lower index, counts as one of value
-// 0 that weighs nothing, and a list is asked once for the best key of the table. The keys
-// are the plain ones: to subtract 0, to multiply by 1 or by 1/2 is exact.
+// its characteristics are known, and which class has it. Here they are all unknown, and of
+// the trial's class unless a partner has a higher index; then they are left to the plain
+// way. A face, or a partner of a lower index, counts as one of value 0 that weighs nothing.
+// The keys are the plain ones: to subtract 0, to multiply by 1 or by 1/2 is exact.
 template <int N>
 void Solver<N>::SetKeys(Rebuilt& rebuilt) {
   Test<N>& trial = tests_[rebuilt.position];
@@ -249,7 +248,8 @@ void Solver<N>::ForgetKeys(Rebuilt& rebuilt) {
   }
 }
 
-// Stages the segments of a trial whose table was just rebuilt.
+// Stages the segments of a table that was just rebuilt. Most reach no list, so a list is
+// asked once for the best key of them, and the table is looked at where that does.
 template <int N>
 void Solver<N>::StageSegments(const Rebuilt& rebuilt) {
   if (!rebuilt.has_keys) {

@@ -196,7 +196,7 @@ void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
     for (const Rebuilt& rebuilt : rebuilt_) FetchBack(rebuilt.position);
   }
   for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(rebuilt);
-  if (slopes_changed_) {
+  if (slopes_changed_) {  // the keys were computed with the slopes before
     for (Rebuilt& rebuilt : rebuilt_) ForgetKeys(rebuilt);
   }
 }
