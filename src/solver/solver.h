@@ -121,8 +121,8 @@ class Solver final : public SolverBase {
 
   // neighbour_refresh_impl.h
   // A table that is rebuilt, and what the caller's thread must know of it: the trial
-  // itself may stand in the cache of the thread that rebuilt it.
-  struct Rebuilt {
+  // itself may stand in the cache of the thread that rebuilt it. On a line of its own.
+  struct alignas(kCacheLine) Rebuilt {
     std::uint32_t position = 0;
     std::uint32_t trial_class = 0;
     double radius_before = 0.0;
@@ -133,6 +133,7 @@ class Solver final : public SolverBase {
     std::uint32_t segment_count = 0;
     bool has_keys = false;
     bool is_lowest = false;
+    int is_claimed = 0;  // 1 once a thread of the team has taken it on
   };
   struct Worker;
   void ResetChanged();
@@ -143,6 +144,8 @@ class Solver final : public SolverBase {
   void RefreshNeighbours();
   void ListRebuilt();
   void RebuildTables(const std::vector<std::uint32_t>& candidates);
+  template <typename Rebuild>  // void(std::size_t slot, std::size_t next)
+  void ShareTables(std::size_t number, std::size_t threads, Rebuild rebuild);
   void FetchTable(std::uint32_t position) const;
   void FetchBack(std::uint32_t position) const;
   void ListLocalCandidates(const std::vector<std::uint32_t>& candidates);
