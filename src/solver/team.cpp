@@ -49,10 +49,10 @@ int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
     work_ = 0.0;
     return 1;
   }
-  if (!is_trying_ && steps_to_trial_-- == 0) {
-    if (StartTeam()) {
-      steps_to_trial_ = interval_;
-    } else {
+  if (!is_trying_) {
+    if (steps_to_trial_ > 0) --steps_to_trial_;
+    if (steps_to_trial_ == 0 && StartTeam()) start_ = kStart;
+    if (steps_to_trial_ == 0 && start_ <= 0.0) {
       is_trying_ = true;
       steps_tried_ = 0;
       trial_nanoseconds_ = trial_work_ = 0.0;
@@ -65,20 +65,24 @@ int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
 
 void Team::Record(double nanoseconds) {
   constexpr double kSmoothing = 0.05;
+  constexpr double kClearly = 1.1;      // times what steps usually take
   constexpr double kSuspicious = 1.25;  // times what steps took with one thread
   constexpr double kMost = 4.0;  // times the usual: an interruption, or an update of every trial
   if (work_ == 0.0) return;
+  double& cost = cost_[preferred_];
+  const double usual = cost * work_;
   if (is_trying_) {
     ++steps_tried_;
     budget_ -= nanoseconds;
     if (steps_tried_ > kUncounted) {
-      trial_nanoseconds_ += nanoseconds;
+      trial_nanoseconds_ += std::min(nanoseconds, kMost * usual);
       trial_work_ += work_;
     }
-    if (steps_tried_ == kTrial || budget_ < 0.0) EndTrial();
+    const bool is_clear = steps_tried_ >= kShortestTrial && IsTrialWorse(kClearly);
+    if (steps_tried_ == kTrial || budget_ < 0.0 || is_clear) EndTrial();
     return;
   }
-  double& cost = cost_[preferred_];
+  start_ -= nanoseconds;
   const double sample = nanoseconds / work_;
   cost = cost == 0.0 ? sample : cost + kSmoothing * (std::min(sample, kMost * cost) - cost);
   if (preferred_ == kTogether && cost > kSuspicious * cost_[kOne]) steps_to_trial_ = 0;
@@ -87,7 +91,7 @@ void Team::Record(double nanoseconds) {
 void Team::EndTrial() {
   is_trying_ = false;
   if (trial_work_ > 0.0) cost_[Other()] = trial_nanoseconds_ / trial_work_;
-  if (steps_tried_ == kTrial && cost_[Other()] < cost_[preferred_]) {
+  if (steps_tried_ == kTrial && !IsTrialWorse(1.0)) {
     preferred_ = Other();
     interval_ = kShortestInterval;
   } else {

@@ -40,9 +40,10 @@ class Stopwatch {
 // the team has written. Steps differ by much, so their times are taken for equal work,
 // and many in a row with the other number of threads are compared: a trial, the rarer the
 // more often it told the same. Its first steps do not tell, as threads may have to be
-// woken. It ends when it has taken as long as all its steps should, and a little for that.
-// Threads are started well before the first: they start on the core of the one that starts
-// them, and take some milliseconds to leave it.
+// woken. It ends early when it is clear that they are no better, and when it has taken as
+// long as all its steps should, and a little for threads to wake. Threads are started well
+// before the first: they start on the core of the one that starts them, and take some
+// milliseconds to leave it.
 class Team {
  public:
   // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
@@ -71,11 +72,18 @@ class Team {
   static constexpr int kShortestInterval = 256;
   static constexpr int kLongestInterval = 8192;
   static constexpr int kTrial = 40;
+  static constexpr int kShortestTrial = 16;
   static constexpr int kUncounted = 4;
-  static constexpr double kWake = 1e6;  // nanoseconds that it may take
+  // In nanoseconds: what threads may take to start, and to wake.
+  static constexpr double kStart = 4e6;
+  static constexpr double kWake = 1e6;
 
   enum Form { kOne, kTogether };
   Form Other() const { return preferred_ == kOne ? kTogether : kOne; }
+  // Whether the steps counted in a trial took more than `times` what steps usually take.
+  bool IsTrialWorse(double times) const {
+    return trial_nanoseconds_ > times * cost_[preferred_] * trial_work_;
+  }
   void EndTrial();
 
   Form preferred_ = kOne;
@@ -83,6 +91,7 @@ class Team {
   std::array<double, 2> cost_{0.0, 0.0};
   int steps_to_trial_ = kFirstInterval;
   int interval_ = kShortestInterval;
+  double start_ = 0.0;  // nanoseconds until started threads may be tried
 
   bool is_trying_ = false;
   int steps_tried_ = 0;
