@@ -20,6 +20,7 @@
 #include "solver/solver_base.h"
 #include "solver/team.h"
 #include "solver/trial.h"
+#include "solver/trial_bits.h"
 
 namespace QuenloftSolver {
 
@@ -189,6 +190,7 @@ class Solver final : public SolverBase {
 
   // The trials and what is known of them together.
   std::vector<Test<N>> tests_;
+  std::uint32_t initial_count_ = 0;  // of them, those that were there before the first step
   std::uint32_t best_position_ = 0;
   TestValue best_{-1, kUnset};
   std::vector<double> index_max_;  // one per index
@@ -217,9 +219,11 @@ class Solver final : public SolverBase {
   // One per trial, which bears the number of the last refresh whose flood met it.
   std::vector<FloodRow<N>> rows_;
   std::uint32_t refresh_number_ = 0;
-  // One bit per trial: whether it is listed. Apart from the rows, and short, as all
-  // threads ask it of every neighbour of the tables that they rebuild.
-  std::vector<std::uint64_t> is_listed_;
+  // Whether a trial is listed, and whether it may be marked local: of one that is, the bit is
+  // set. Apart from rows and flags, and short, as all threads ask it of every neighbour of the
+  // tables that they rebuild.
+  TrialBits is_listed_;
+  TrialBits may_be_local_;
 
   // Scratch: meaningless between calls.
   std::vector<std::uint32_t> seen_;              // trials that a ring of the flood meets first

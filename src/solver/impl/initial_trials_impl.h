@@ -19,6 +19,7 @@ void Solver<N>::Initialize() {
   for (std::uint32_t position = 0; position < TestCount(); ++position) {
     LinkInitialTrial(position);
   }
+  initial_count_ = TestCount();
   UpdateCandidates(UpdateMode::kFull);
 }
 
@@ -36,7 +37,8 @@ void Solver<N>::SizeContainers() {
     try {
       tests_.reserve(room);
       rows_.reserve(room);
-      is_listed_.reserve(room / 64);
+      is_listed_.Reserve(room);
+      may_be_local_.Reserve(room);
       break;
     } catch (const std::bad_alloc&) {
     }
@@ -68,13 +70,14 @@ void Solver<N>::AppendInEveryCombination(const Coordinates& point) {
 }
 
 // Stores a trial without a neighbourhood. Where memory runs out the store is as
-// before, but for a row, and perhaps a word of bits, too many, which the next trials take.
+// before, but for a row, and perhaps words of bits, too many, which the next trials take.
 template <int N>
 void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
                             const TestValue& value, std::uint32_t flags) {
   const std::uint32_t position = TestCount();
   rows_.resize(position + std::size_t{1});
-  is_listed_.resize(position / 64 + std::size_t{1});
+  is_listed_.Resize(position + std::size_t{1});
+  may_be_local_.Resize(position + std::size_t{1});
   Test<N>& trial = tests_.emplace_back();
   trial.coordinate = point;
   trial.grid_point = GridPoint<N>(point);
@@ -92,11 +95,11 @@ void Solver<N>::LinkInitialTrial(std::uint32_t position) {
   for (std::uint32_t p = tests_[position].combination; p < TestCount(); p += combination_count_) {
     rivals.push_back(p);
   }
-  is_listed_[position / 64] = std::uint64_t{1} << position % 64;
+  is_listed_.Set(position);
   rebuilt_ = {{position}};
   RebuildTables(rivals);
   ForgetKeys(rebuilt_[0]);  // slopes are yet to be known
-  is_listed_[position / 64] = 0;
+  is_listed_.ClearAround(position);
   ResolveLocalMarks();
   UpdateExtremes(tests_[position].value);
   UpdateBest(position);

@@ -23,7 +23,7 @@ void Solver<N>::ResetChanged() {
     ChangeFlags(tests_[position], {0, SolverBase::TestBase::kChanged});
   }
   to_rescore_.clear();
-  for (const std::uint32_t position : changed_) is_listed_[position / 64] = 0;
+  for (const std::uint32_t position : changed_) is_listed_.ClearAround(position);
   ++refresh_number_;
   changed_.clear();
   changed_.push_back(TestCount() - 1);
@@ -116,14 +116,15 @@ void Solver<N>::RefreshNeighbours() {
 
 // Marks the listed trials. Of them rebuilt_ gets those whose extent holds the newest point
 // and those that never had a table, to_rescore_ these and those that were rebuilt among the
-// initial trials and never listed since. Which they are cannot be foreseen, so each trial is
-// written down, and kept by counting it.
+// initial trials and never listed since. Nobody else is flagged as changed by now, so nobody
+// else's flags are looked at, which another core may have written. Which they are cannot be
+// foreseen, so each trial is written down, and kept by counting it.
 template <int N>
 void Solver<N>::ListRebuilt() {
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
   const Coordinates newest = tests_.back().coordinate;
   const Test<N>* const trials = tests_.data();
-  std::uint64_t* const is_listed = is_listed_.data();
+  const std::uint32_t initial_count = initial_count_;
   to_rescore_.resize(changed_.size());
   std::uint32_t* listed = to_rescore_.data();
   bool all_rebuilt = true;
@@ -133,10 +134,11 @@ void Solver<N>::ListRebuilt() {
     return needs;
   };
   for (const std::uint32_t position : changed_) {
-    is_listed[position / 64] |= std::uint64_t{1} << position % 64;
+    is_listed_.Set(position);
     const Test<N>& trial = trials[position];
     const bool is_rebuilt = needs_table(trial);
-    const bool is_changed = (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0;
+    const bool is_changed =
+        position < initial_count && (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0;
     *listed = position;
     listed += is_rebuilt | is_changed;
     all_rebuilt &= is_rebuilt | !is_changed;
@@ -155,10 +157,11 @@ void Solver<N>::ListRebuilt() {
 }
 
 // The parallel loop. An iteration reads of other trials only points and values, which nobody
-// writes, and whether they are listed; it writes its own trial, row and slot. And it takes
-// the local mark from trials that are not listed, which no thread sets meanwhile, so in
-// whatever order. What must be seen in list order is left to the caller's thread. So any
-// number of threads gives the same result. Nothing in it may allocate or throw.
+// writes, and bits that tell which are listed and which may be marked local; it writes its own
+// trial, row and slot. And it takes the local mark from trials that are not listed, which no
+// thread sets meanwhile, so in whatever order. What must be seen in list order is left to the
+// caller's thread. So any number of threads gives the same result. Nothing in it may allocate
+// or throw.
 //
 // What one core has written another must wait for, line by line: half a microsecond each
 // where they share no cache. So each thread gathers the candidates for itself, tables are
@@ -249,12 +252,18 @@ void Solver<N>::FetchBack(std::uint32_t position) const {
   FetchLinesToWrite(&rows_[position], sizeof(FloodRow<N>));
 }
 
+// Clears bits left over from marks that were taken, on the way.
 template <int N>
 void Solver<N>::ListLocalCandidates(const std::vector<std::uint32_t>& candidates) {
   local_candidates_.clear();
   for (const std::uint32_t position : candidates) {
+    if (!may_be_local_[position]) continue;
     const std::uint32_t flags = tests_[position].flags.load(std::memory_order_relaxed);
-    if (flags & SolverBase::TestBase::kLocal) local_candidates_.push_back(position);
+    if (flags & SolverBase::TestBase::kLocal) {
+      local_candidates_.push_back(position);
+    } else {
+      may_be_local_.Clear(position);
+    }
   }
 }
 
@@ -288,7 +297,10 @@ void Solver<N>::ResolveLocalMarks() {
     for (std::size_t later = i + 1; is_local && later < rebuilt_.size(); ++later) {
       is_local = !TakesMark(rebuilt_[later], tests_[rebuilt_[i].position]);
     }
-    if (is_local) ChangeFlags(tests_[rebuilt_[i].position], {kLocal, 0});
+    if (is_local) {
+      ChangeFlags(tests_[rebuilt_[i].position], {kLocal, 0});
+      may_be_local_.Set(rebuilt_[i].position);
+    }
   }
 }
 

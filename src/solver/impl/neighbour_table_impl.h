@@ -28,13 +28,14 @@ void Solver<N>::RebuildTable(Rebuilt& rebuilt, Worker& worker) {
   std::size_t unlisted_count = 0;
   for (const std::uint32_t position : rows_[rebuilt.position].neighbours) {
     unlisted[unlisted_count] = position;
-    unlisted_count += (~is_listed_[position / 64] >> position % 64) & 1;
+    unlisted_count += !is_listed_[position];
   }
   for (std::size_t i = 0; i < unlisted_count; ++i) {
     const std::uint32_t position = unlisted[i];
     Test<N>& other = tests_[position];
     selection.AddPrivate(position, other, best_.index);
-    if ((other.flags.load(std::memory_order_relaxed) & Base::kLocal) && TakesMark(rebuilt, other)) {
+    if (may_be_local_[position] && (other.flags.load(std::memory_order_relaxed) & Base::kLocal) &&
+        TakesMark(rebuilt, other)) {
       other.flags.fetch_and(~Base::kLocal, std::memory_order_relaxed);
     }
   }
