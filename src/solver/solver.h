@@ -138,6 +138,13 @@ class Solver final : public SolverBase {
   };
   struct Worker;
   void ResetChanged();
+  std::uint32_t& MetBy(std::uint32_t position) {
+    if constexpr (kMarksStandInRows<N>) {
+      return rows_[position].met_by;
+    } else {
+      return marks_[position].met_by;
+    }
+  }
   void ListForRefresh(std::uint32_t position);
   void ExpandChanged(int whole_rings);
   std::size_t TakeWholeRing(std::size_t ring_begin);
@@ -216,8 +223,9 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> to_rescore_;
   // Of those, the ones whose tables this refresh rebuilds, in list order.
   std::vector<Rebuilt> rebuilt_;
-  // One per trial, which bears the number of the last refresh whose flood met it.
+  // One per trial.
   std::vector<FloodRow<N>> rows_;
+  std::vector<FloodMark> marks_;  // unless the rows have them
   std::uint32_t refresh_number_ = 0;
   // Whether a trial is listed, and whether it may be marked local: of one that is, the bit is
   // set. Apart from rows and flags, and short, as all threads ask it of every neighbour of the

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <type_traits>
 
 #include "solver/aligned.h"
 #include "solver/constants.h"
@@ -140,11 +141,18 @@ inline void ChangeFlags(SolverBase::TestBase& trial, FlagChange change) {
 // What the flood of a refresh reads of a trial: of every neighbour of every listed trial
 // whether it was met before, and where one is new its point and its neighbours. Apart from
 // the trials, whose tables take most of the room, and in one cache line up to three
-// dimensions.
-template <int N>
-struct alignas(kCacheLine) FloodRow {
+// dimensions. With more dimensions most neighbours were met before, so the rest of their rows
+// is not needed; there the marks stand in a column of their own, which no other thread reads.
+struct FloodMark {
   // The last refresh that met the trial.
   std::uint32_t met_by = 0;
+};
+struct NoFloodMark {};
+template <int N>
+inline constexpr bool kMarksStandInRows = N <= 3;
+template <int N>
+struct alignas(kCacheLine) FloodRow
+    : std::conditional_t<kMarksStandInRows<N>, FloodMark, NoFloodMark> {
   // The tests of the trial's table; the trial itself in place of a face and in empty
   // entries, so that none needs to be told apart.
   std::array<std::uint32_t, 3 * N> neighbours;

@@ -37,6 +37,7 @@ void Solver<N>::SizeContainers() {
     try {
       tests_.reserve(room);
       rows_.reserve(room);
+      if (!kMarksStandInRows<N>) marks_.reserve(room);
       is_listed_.Reserve(room);
       may_be_local_.Reserve(room);
       break;
@@ -70,12 +71,14 @@ void Solver<N>::AppendInEveryCombination(const Coordinates& point) {
 }
 
 // Stores a trial without a neighbourhood. Where memory runs out the store is as
-// before, but for a row, and perhaps words of bits, too many, which the next trials take.
+// before, but for a row, and perhaps a mark and words of bits, too many, which the next trials
+// take.
 template <int N>
 void Solver<N>::AppendTrial(const Coordinates& point, std::uint32_t combination,
                             const TestValue& value, std::uint32_t flags) {
   const std::uint32_t position = TestCount();
   rows_.resize(position + std::size_t{1});
+  if (!kMarksStandInRows<N>) marks_.resize(position + std::size_t{1});
   is_listed_.Resize(position + std::size_t{1});
   may_be_local_.Resize(position + std::size_t{1});
   Test<N>& trial = tests_.emplace_back();

@@ -31,7 +31,7 @@ void Solver<N>::ResetChanged() {
 
 template <int N>
 void Solver<N>::ListForRefresh(std::uint32_t position) {
-  rows_[position].met_by = refresh_number_;
+  MetBy(position) = refresh_number_;
   changed_.push_back(position);
 }
 
@@ -59,7 +59,7 @@ std::size_t Solver<N>::TakeWholeRing(std::size_t ring_begin) {
         continue;
       }
       const auto position = static_cast<std::uint32_t>(neighbour.test);
-      if (rows_[position].met_by == refresh_number_) continue;
+      if (MetBy(position) == refresh_number_) continue;
       extent.Widen(rows_[position].coordinate);
       ListForRefresh(position);
     }
@@ -90,8 +90,8 @@ std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
   for (std::size_t i = ring_begin; i < ring_end; ++i) {
     for (const std::uint32_t position : rows[changed_[i]].neighbours) {
       seen[seen_count] = position;
-      seen_count += rows[position].met_by != refresh;
-      rows[position].met_by = refresh;
+      seen_count += MetBy(position) != refresh;
+      MetBy(position) = refresh;
     }
   }
 
