@@ -62,17 +62,17 @@ Candidate CandidateList::TakeBest() {
 
 void CandidateList::Clear() {
   size_ = 0;
-  stale_count_ = 0;
+  MarkStale(nullptr, 0);
 }
 
-std::size_t CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
+void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
   // What an update that ran out of memory has left.
   staged_.clear();
   listed_again_.clear();
   rising_.clear();
   stale_count_ = 0;
   floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
-  if (size_ == 0) return 0;
+  if (size_ == 0) return;
   if (count > 0) FindStale(rebuilt, count);
   if (has_unordered_keys_) {
     // Too rare for more than the plain way.
@@ -80,14 +80,13 @@ std::size_t CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t c
     std::fill_n(stale_->fates, stale_count_, Fate::kGoes);
     Commit();
     floor_ = -std::numeric_limits<double>::infinity();
-    return size_;
+    return;
   }
   JudgeStale();
-  if (stale_count_ == size_) return 0;
+  if (stale_count_ == size_) return;
   std::size_t front = 0;
   while (front < stale_count_ && stale_->places[front] == front) ++front;
   floor_ = Keys()[front];
-  return size_ - stale_count_;
 }
 
 void CandidateList::StageReaching(const Candidate& candidate) {

@@ -70,8 +70,10 @@ class CandidateList {
   // of a step against writing the list anew, which was far cheaper than the plain way.
   //
   // Marks the candidates of the `count` trials at `rebuilt`, and those whose key says
-  // that it must be computed anew. Returns how many candidates stay whatever is offered.
-  std::size_t MarkStale(const std::uint32_t* rebuilt, std::size_t count);
+  // that it must be computed anew.
+  void MarkStale(const std::uint32_t* rebuilt, std::size_t count);
+  // How many candidates stay whatever is offered.
+  std::size_t StayingCount() const { return size_ - stale_count_; }
 
   // Whether candidates of a marked trial, of which the best has this key, need be staged.
   bool AwaitsStaged(double best_key) {

@@ -151,7 +151,9 @@ class Solver final : public SolverBase {
   std::size_t TakeRingWithinExtent(std::size_t ring_begin);
   void RefreshNeighbours();
   void ListRebuilt();
+  void ReserveWorkers(int threads, std::size_t candidates);
   void RebuildTables(const std::vector<std::uint32_t>& candidates);
+  void RebuildInTeam(int threads);
   template <typename Rebuild>  // void(std::size_t slot, std::size_t next)
   void ShareTables(std::size_t number, std::size_t threads, Rebuild rebuild);
   void FetchTable(std::uint32_t position) const;
@@ -172,7 +174,8 @@ class Solver final : public SolverBase {
 
   // candidate_update_impl.h
   void UpdateCandidates(UpdateMode mode);
-  UpdateMode MarkStaleCandidates(UpdateMode mode);
+  void MarkStaleCandidates();
+  bool LosesList();
   void ListRebuiltIn(const CandidateList& list, const KeyBounds& bounds);
   void CommitLists();
   void UpdateEveryTrial();
@@ -223,6 +226,9 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> to_rescore_;
   // Of those, the ones whose tables this refresh rebuilds, in list order.
   std::vector<Rebuilt> rebuilt_;
+  // Their positions alone, as a team writes on the lines of the others.
+  std::vector<std::uint32_t> rebuilt_positions_;
+  double rebuilt_share_ = 1.0;  // of the listed trials, as lately
   // One per trial.
   std::vector<FloodRow<N>> rows_;
   std::vector<FloodMark> marks_;  // unless the rows have them

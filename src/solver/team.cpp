@@ -39,16 +39,14 @@ bool StartTeam() {
 
 }  // namespace
 
-int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
+int Team::ThreadsFor(double expected_work, double evaluation_nanoseconds) {
   constexpr double kMostEvaluation = 20.0;  // times the work
   const int most = omp_get_max_threads();
-  work_ = work;
-  is_timing_ = most > 1 && work >= kLeastWork / 2.0;
-  if (most == 1 || work < kLeastWork || evaluation_nanoseconds > kMostEvaluation * work ||
-      lost_team.load(std::memory_order_relaxed)) {
-    work_ = 0.0;
-    return 1;
-  }
+  is_timing_ = most > 1 && expected_work >= kLeastWork / 2.0;
+  had_choice_ = most > 1 && expected_work >= kLeastWork &&
+                evaluation_nanoseconds <= kMostEvaluation * expected_work &&
+                !lost_team.load(std::memory_order_relaxed);
+  if (!had_choice_) return 1;
   if (!is_trying_) {
     if (steps_to_trial_ > 0) --steps_to_trial_;
     if (steps_to_trial_ == 0 && StartTeam()) start_ = kStart;
@@ -56,34 +54,34 @@ int Team::ThreadsFor(double work, double evaluation_nanoseconds) {
       is_trying_ = true;
       steps_tried_ = 0;
       trial_nanoseconds_ = trial_work_ = 0.0;
-      budget_ = cost_[preferred_] * work * kTrial + kWake;
+      budget_ = cost_[preferred_] * expected_work * kTrial + kWake;
     }
   }
   const Form form = is_trying_ ? Other() : preferred_;
   return form == kOne ? 1 : most;
 }
 
-void Team::Record(double nanoseconds) {
+void Team::Record(double work, double nanoseconds) {
   constexpr double kSmoothing = 0.05;
   constexpr double kClearly = 1.1;      // times what steps usually take
   constexpr double kSuspicious = 1.25;  // times what steps took with one thread
   constexpr double kMost = 4.0;  // times the usual: an interruption, or an update of every trial
-  if (work_ == 0.0) return;
+  if (!had_choice_ || work < kLeastWork) return;
   double& cost = cost_[preferred_];
-  const double usual = cost * work_;
+  const double usual = cost * work;
   if (is_trying_) {
     ++steps_tried_;
     budget_ -= nanoseconds;
     if (steps_tried_ > kUncounted) {
       trial_nanoseconds_ += std::min(nanoseconds, kMost * usual);
-      trial_work_ += work_;
+      trial_work_ += work;
     }
     const bool is_clear = steps_tried_ >= kShortestTrial && IsTrialWorse(kClearly);
     if (steps_tried_ == kTrial || budget_ < 0.0 || is_clear) EndTrial();
     return;
   }
   start_ -= nanoseconds;
-  const double sample = nanoseconds / work_;
+  const double sample = nanoseconds / work;
   cost = cost == 0.0 ? sample : cost + kSmoothing * (std::min(sample, kMost * cost) - cost);
   if (preferred_ == kTogether && cost > kSuspicious * cost_[kOne]) steps_to_trial_ = 0;
 }

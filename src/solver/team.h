@@ -6,10 +6,40 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <thread>
+
+#include "solver/aligned.h"
 
 namespace QuenloftSolver {
+
+// Raised by the thread that called a team, awaited by the others: what was written before is
+// seen by those.
+class alignas(kCacheLine) Signal {
+ public:
+  void Raise() { is_raised_.store(true, std::memory_order_release); }
+  void Await() const {
+    constexpr int kSpins = 2000;  // some ten microseconds, then others may have the core
+    for (int spin = 0; !is_raised_.load(std::memory_order_acquire); ++spin) {
+      if (spin < kSpins) {
+        Pause();
+      } else {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  static void Pause() {
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+  }
+
+  std::atomic<bool> is_raised_{false};
+};
 
 class Stopwatch {
  public:
@@ -48,17 +78,18 @@ class Team {
  public:
   // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
   // nanoseconds that it takes one thread.
-  static double Work(std::size_t tables, std::size_t candidates, int dimension) {
-    return static_cast<double>(tables) * (static_cast<double>(candidates) + 100.0) * dimension;
+  static double Work(double tables, std::size_t candidates, int dimension) {
+    return tables * (static_cast<double>(candidates) + 100.0) * dimension;
   }
 
-  // Threads for a loop, when the last evaluation took `evaluation_nanoseconds`.
-  int ThreadsFor(double work, double evaluation_nanoseconds);
+  // Threads for a loop of about this work, when the last evaluation took
+  // `evaluation_nanoseconds`.
+  int ThreadsFor(double expected_work, double evaluation_nanoseconds);
   // Whether the step after the last call of ThreadsFor is to be timed, and the evaluation
   // before the next: in two dimensions the clock would cost as much as the evaluation.
   bool IsTiming() const { return is_timing_; }
-  // What the step with that loop took, if it was timed.
-  void Record(double nanoseconds);
+  // The work of the last loop, and what the step with it took, if it was timed.
+  void Record(double work, double nanoseconds);
 
   // Number of the calling thread in its team, from 0.
   static int WorkerNumber();
@@ -101,7 +132,7 @@ class Team {
 
   // The last loop.
   bool is_timing_ = true;
-  double work_ = 0.0;
+  bool had_choice_ = false;
 };
 
 }  // namespace QuenloftSolver

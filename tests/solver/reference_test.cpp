@@ -225,7 +225,8 @@ TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
         const std::uint32_t p = random() % c.trials;
         if (std::find(rebuilt.begin(), rebuilt.end(), p) == rebuilt.end()) rebuilt.push_back(p);
       }
-      const bool stays = list[0].MarkStale(rebuilt.data(), rebuilt.size()) > 0;
+      list[0].MarkStale(rebuilt.data(), rebuilt.size());
+      const bool stays = list[0].StayingCount() > 0;
       auto& entries = plain[0].entries;
       entries.erase(std::remove_if(entries.begin(), entries.end(),
                                    [&](const Candidate& entry) {

@@ -30,7 +30,7 @@ Outcome Simulate(double work, double evaluation_nanoseconds, TeamCost team_cost)
     const bool is_team = team.ThreadsFor(work, evaluation_nanoseconds) > 1;
     // Some steps take far longer, whoever makes them.
     const double cost = (is_team ? team_cost(step) : 1.0) * (step % 100 == 99 ? 8.0 : 1.0);
-    if (team.IsTiming()) team.Record(cost * work);
+    if (team.IsTiming()) team.Record(work, cost * work);
     outcome.team_share += is_team ? 1.0 / kSteps : 0.0;
     if (step >= kSteps * 9 / 10) outcome.late_team_share += is_team ? 10.0 / kSteps : 0.0;
     outcome.cost += cost / (1.07 * kSteps);

@@ -17,7 +17,7 @@ namespace QuenloftSolver {
 
 template <int N>
 void Solver<N>::UpdateCandidates(UpdateMode mode) {
-  mode = MarkStaleCandidates(mode);
+  if (LosesList()) mode = UpdateMode::kFull;
   if (mode == UpdateMode::kFull) {
     ++work_.full_updates;
     CommitLists();
@@ -38,9 +38,8 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
   slopes_changed_ = false;
 }
 
-// A list is stale as a whole when its class slope grew (global lists alone use it),
-// and in the entries of trials whose tables were just rebuilt. A list that held
-// something once and is empty now asks for a full update.
+// Marks what the lists hold of the trials whose tables are rebuilt, before, while or after
+// that is done.
 //
 // The plain way looks every entry up in its trial's table, to see whether its
 // characteristic still stands. But a characteristic is unset by a rebuild alone, and
@@ -49,27 +48,34 @@ void Solver<N>::UpdateCandidates(UpdateMode mode) {
 // one combination, so the lists of others hold nothing stale; nor does a list whose
 // least key none of the rebuilt trials reached before: more than half of all.
 template <int N>
-UpdateMode Solver<N>::MarkStaleCandidates(UpdateMode mode) {
-  const bool knows_rebuilt = mode == UpdateMode::kIncremental && !rebuilt_.empty();
-  const std::uint32_t combination =
-      knows_rebuilt ? tests_[rebuilt_.front().position].combination : 0;
-
+void Solver<N>::MarkStaleCandidates() {
+  const std::uint32_t combination = tests_[changed_.front()].combination;
   for (std::uint32_t c = 0; c < class_count_; ++c) {
-    if (class_changed_[c]) global_lists_[c].Clear();
-    const bool may_be_stale = knows_rebuilt && c % combination_count_ == combination;
+    const bool may_be_stale = c % combination_count_ == combination && !rebuilt_.empty();
     const auto mark = [&](CandidateList& list, const KeyBounds& bounds) {
-      std::size_t staying = list.Size();
-      if (may_be_stale || list.HasUnorderedKeys()) {
-        ListRebuiltIn(list, bounds);
-        if (!rebuilt_in_list_.empty()) work_.entries_visited += staying;
-        staying = list.MarkStale(rebuilt_in_list_.data(), rebuilt_in_list_.size());
-      }
-      if (list.IsUsed() && staying == 0) mode = UpdateMode::kFull;
+      if (!may_be_stale && !list.HasUnorderedKeys()) return;
+      ListRebuiltIn(list, bounds);
+      if (!rebuilt_in_list_.empty()) work_.entries_visited += list.Size();
+      list.MarkStale(rebuilt_in_list_.data(), rebuilt_in_list_.size());
     };
     mark(local_lists_[c], local_bounds_);
     mark(global_lists_[c], global_bounds_);
   }
-  return mode;
+}
+
+// A list is stale as a whole when its class slope grew, which all keys of global lists use,
+// and in what is marked. One that held something once and has nothing left that is not stale
+// asks for a full update: then true.
+template <int N>
+bool Solver<N>::LosesList() {
+  bool loses = false;
+  for (std::uint32_t c = 0; c < class_count_; ++c) {
+    if (class_changed_[c]) global_lists_[c].Clear();
+    for (const CandidateList* const list : {&local_lists_[c], &global_lists_[c]}) {
+      loses |= list->IsUsed() && list->StayingCount() == 0;
+    }
+  }
+  return loses;
 }
 
 // The rebuilt trials that may have entries in the list.
@@ -78,11 +84,11 @@ void Solver<N>::ListRebuiltIn(const CandidateList& list, const KeyBounds& bounds
   rebuilt_in_list_.clear();
   if (list.IsEmpty()) return;
   const double least = list.LeastKey();
-  for (const Rebuilt& rebuilt : rebuilt_) {
+  for (const std::uint32_t position : rebuilt_positions_) {
     // Beyond the bounds are trials that never were offered.
-    const bool reaches = rebuilt.position < bounds.Size() && !(bounds[rebuilt.position] < least);
+    const bool reaches = position < bounds.Size() && !(bounds[position] < least);
     if (reaches || list.HasUnorderedKeys()) {
-      rebuilt_in_list_.push_back(rebuilt.position);
+      rebuilt_in_list_.push_back(position);
     }
   }
 }

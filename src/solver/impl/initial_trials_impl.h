@@ -100,7 +100,10 @@ void Solver<N>::LinkInitialTrial(std::uint32_t position) {
   }
   is_listed_.Set(position);
   rebuilt_ = {{position}};
+  ++work_.refreshed;
+  ReserveWorkers(1, rivals.size());
   RebuildTables(rivals);
+  RaiseSlopes(rebuilt_[0]);
   ForgetKeys(rebuilt_[0]);  // slopes are yet to be known
   is_listed_.ClearAround(position);
   ResolveLocalMarks();

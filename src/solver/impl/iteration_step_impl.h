@@ -179,7 +179,10 @@ bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   UpdateExtremes(trial.value);
   const bool improved = UpdateBest(position);
   UpdateCandidates(UpdateMode::kIncremental);
-  if (stopwatch) team_.Record(stopwatch->Nanoseconds());
+  if (stopwatch) {
+    const auto rebuilt_count = static_cast<double>(rebuilt_.size());
+    team_.Record(Team::Work(rebuilt_count, changed_.size(), N), stopwatch->Nanoseconds());
+  }
   return improved;
 }
 

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 
 #include "solver/solver.h"
 #include "solver/team.h"
@@ -109,8 +110,21 @@ std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
 
 template <int N>
 void Solver<N>::RefreshNeighbours() {
-  ListRebuilt();
-  RebuildTables(changed_);
+  const double expected_count = rebuilt_share_ * static_cast<double>(changed_.size());
+  const int threads =
+      team_.ThreadsFor(Team::Work(expected_count, changed_.size(), N), evaluation_nanoseconds_);
+  ReserveWorkers(threads, changed_.size());
+  if (threads == 1) {
+    ListRebuilt();
+    RebuildTables(changed_);
+    MarkStaleCandidates();
+  } else {
+    RebuildInTeam(threads);
+  }
+  for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(rebuilt);
+  if (slopes_changed_) {  // the keys were computed with the slopes before
+    for (Rebuilt& rebuilt : rebuilt_) ForgetKeys(rebuilt);
+  }
   ResolveLocalMarks();
 }
 
@@ -121,6 +135,7 @@ void Solver<N>::RefreshNeighbours() {
 // foreseen, so each trial is written down, and kept by counting it.
 template <int N>
 void Solver<N>::ListRebuilt() {
+  constexpr double kSmoothing = 0.05;
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
   const Coordinates newest = tests_.back().coordinate;
   const Test<N>* const trials = tests_.data();
@@ -146,60 +161,91 @@ void Solver<N>::ListRebuilt() {
   to_rescore_.resize(static_cast<std::size_t>(listed - to_rescore_.data()));
 
   rebuilt_.clear();
+  rebuilt_positions_.clear();
   for (const std::uint32_t position : to_rescore_) {
     if (all_rebuilt || needs_table(trials[position])) {
       rebuilt_.push_back({position});
+      rebuilt_positions_.push_back(position);
       local_bounds_.Fetch(position);
       global_bounds_.Fetch(position);
     }
   }
   work_.listed += changed_.size();
+  work_.refreshed += rebuilt_.size();
+  rebuilt_share_ +=
+      kSmoothing * (static_cast<double>(rebuilt_.size()) / static_cast<double>(changed_.size()) -
+                    rebuilt_share_);
 }
 
-// The parallel loop. An iteration reads of other trials only points and values, which nobody
-// writes, and bits that tell which are listed and which may be marked local; it writes its own
-// trial, row and slot. And it takes the local mark from trials that are not listed, which no
-// thread sets meanwhile, so in whatever order. What must be seen in list order is left to the
-// caller's thread. So any number of threads gives the same result. Nothing in it may allocate
-// or throw.
+// The parallel region. The loop over the tables reads of other trials only points and values,
+// which nobody writes, and bits that tell which are listed and which may be marked local; an
+// iteration writes its own trial, row and slot. And it takes the local mark from trials that
+// are not listed, which no thread sets meanwhile, so in whatever order. What must be seen in
+// list order is left to the caller's thread. So any number of threads gives the same result.
+// Nothing in the loop may allocate or throw.
+//
+// It takes a microsecond until the other threads have heard of the region and gathered the
+// candidates. Meanwhile the caller's thread lists which tables there are, and while they begin
+// it goes on with what needs no table; the sharing of tables makes up for it.
 //
 // What one core has written another must wait for, line by line: half a microsecond each
 // where they share no cache. So each thread gathers the candidates for itself, tables are
 // asked for before they are written, and the caller's thread asks for those that others have
 // rebuilt all at once; of most it needs only what their slots tell.
 template <int N>
+void Solver<N>::RebuildInTeam(int threads) {
+  Signal are_listed;
+  std::exception_ptr error;
+  const auto attempt = [&error](auto action) {
+    try {
+      action();
+      return true;
+    } catch (...) {
+      error = std::current_exception();
+      return false;
+    }
+  };
+#pragma omp parallel num_threads(threads)
+  {
+    const auto number = static_cast<std::size_t>(Team::WorkerNumber());
+    Worker& worker = workers_[number];
+    if (number == 0) {
+      const bool is_listed = attempt([this] {
+        ListRebuilt();
+        ListLocalCandidates(changed_);
+      });
+      if (!is_listed) rebuilt_.clear();  // then nobody has anything to do
+      are_listed.Raise();
+      if (is_listed) attempt([this] { MarkStaleCandidates(); });
+    }
+    GatherCandidates(changed_, worker.columns);
+    are_listed.Await();
+    ShareTables(number, static_cast<std::size_t>(threads), [&](std::size_t i, std::size_t next) {
+      FetchTable(rebuilt_[next].position);
+      RebuildTable(rebuilt_[i], worker);
+    });
+  }
+  if (error) std::rethrow_exception(error);
+  for (const Rebuilt& rebuilt : rebuilt_) FetchBack(rebuilt.position);
+}
+
+// The same in one thread, the candidates being whichever.
+template <int N>
 void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
-  work_.refreshed += rebuilt_.size();
-  const double work = Team::Work(rebuilt_.size(), candidates.size(), N);
-  const int threads = team_.ThreadsFor(work, evaluation_nanoseconds_);
+  ListLocalCandidates(candidates);
+  GatherCandidates(candidates, workers_[0].columns);
+  for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, workers_[0]);
+}
+
+template <int N>
+void Solver<N>::ReserveWorkers(int threads, std::size_t candidates) {
   if (workers_.size() < static_cast<std::size_t>(threads)) {
     workers_.resize(static_cast<std::size_t>(threads));
   }
   for (int number = 0; number < threads; ++number) {
     Worker& worker = workers_[static_cast<std::size_t>(number)];
-    worker.columns.Reserve(candidates.size());
-    worker.selection.Reserve(candidates.size());
-  }
-  ListLocalCandidates(candidates);
-  if (threads == 1) {
-    GatherCandidates(candidates, workers_[0].columns);
-    for (Rebuilt& rebuilt : rebuilt_) RebuildTable(rebuilt, workers_[0]);
-  } else {
-#pragma omp parallel num_threads(threads)
-    {
-      const auto number = static_cast<std::size_t>(Team::WorkerNumber());
-      Worker& worker = workers_[number];
-      GatherCandidates(candidates, worker.columns);
-      ShareTables(number, static_cast<std::size_t>(threads), [&](std::size_t i, std::size_t next) {
-        FetchTable(rebuilt_[next].position);
-        RebuildTable(rebuilt_[i], worker);
-      });
-    }
-    for (const Rebuilt& rebuilt : rebuilt_) FetchBack(rebuilt.position);
-  }
-  for (const Rebuilt& rebuilt : rebuilt_) RaiseSlopes(rebuilt);
-  if (slopes_changed_) {  // the keys were computed with the slopes before
-    for (Rebuilt& rebuilt : rebuilt_) ForgetKeys(rebuilt);
+    worker.columns.Reserve(candidates);
+    worker.selection.Reserve(candidates);
   }
 }
 
@@ -270,9 +316,12 @@ void Solver<N>::ListLocalCandidates(const std::vector<std::uint32_t>& candidates
 template <int N>
 void Solver<N>::GatherCandidates(const std::vector<std::uint32_t>& candidates,
                                  CandidateColumns<N>& columns) const {
+  // The caller's thread may write elsewhere in the solver meanwhile.
+  const Test<N>* const trials = tests_.data();
+  const std::int32_t best_index = best_.index;
   columns.Clear();
   for (const std::uint32_t position : candidates) {
-    columns.Append(position, tests_[position], best_.index);
+    columns.Append(position, trials[position], best_index);
   }
 }
 
