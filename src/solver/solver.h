@@ -228,7 +228,6 @@ class Solver final : public SolverBase {
   std::vector<Rebuilt> rebuilt_;
   // Their positions alone, as a team writes on the lines of the others.
   std::vector<std::uint32_t> rebuilt_positions_;
-  double rebuilt_share_ = 1.0;  // of the listed trials, as lately
   // One per trial.
   std::vector<FloodRow<N>> rows_;
   std::vector<FloodMark> marks_;  // unless the rows have them

@@ -39,14 +39,13 @@ bool StartTeam() {
 
 }  // namespace
 
-int Team::ThreadsFor(double expected_work, double evaluation_nanoseconds) {
+int Team::ThreadsFor(double evaluation_nanoseconds) {
   constexpr double kMostEvaluation = 20.0;  // times the work
   const int most = omp_get_max_threads();
-  is_timing_ = most > 1 && expected_work >= kLeastWork / 2.0;
-  had_choice_ = most > 1 && expected_work >= kLeastWork &&
-                evaluation_nanoseconds <= kMostEvaluation * expected_work &&
+  is_timing_ = most > 1 && typical_work_ >= kLeastWork;
+  has_choice_ = is_timing_ && evaluation_nanoseconds <= kMostEvaluation * typical_work_ &&
                 !lost_team.load(std::memory_order_relaxed);
-  if (!had_choice_) return 1;
+  if (!has_choice_) return 1;
   if (!is_trying_) {
     if (steps_to_trial_ > 0) --steps_to_trial_;
     if (steps_to_trial_ == 0 && StartTeam()) start_ = kStart;
@@ -54,7 +53,7 @@ int Team::ThreadsFor(double expected_work, double evaluation_nanoseconds) {
       is_trying_ = true;
       steps_tried_ = 0;
       trial_nanoseconds_ = trial_work_ = 0.0;
-      budget_ = cost_[preferred_] * expected_work * kTrial + kWake;
+      budget_ = cost_[preferred_] * typical_work_ * kTrial + kWake;
     }
   }
   const Form form = is_trying_ ? Other() : preferred_;
@@ -63,10 +62,11 @@ int Team::ThreadsFor(double expected_work, double evaluation_nanoseconds) {
 
 void Team::Record(double work, double nanoseconds) {
   constexpr double kSmoothing = 0.05;
-  constexpr double kClearly = 1.1;      // times what steps usually take
+  constexpr double kClearly = 1.2;      // times what steps usually take
   constexpr double kSuspicious = 1.25;  // times what steps took with one thread
   constexpr double kMost = 4.0;  // times the usual: an interruption, or an update of every trial
-  if (!had_choice_ || work < kLeastWork) return;
+  typical_work_ += kSmoothing * (work - typical_work_);
+  if (!has_choice_ || nanoseconds == 0.0) return;
   double& cost = cost_[preferred_];
   const double usual = cost * work;
   if (is_trying_) {

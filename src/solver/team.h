@@ -55,8 +55,8 @@ class Stopwatch {
 // Decides from one step to the next. Whatever it decides, the result of a step is the
 // same.
 //
-// A loop gets one thread
-//   - when its work is over before a team would have started;
+// A step gets one thread
+//   - while steps are over before a team would have gained anything;
 //   - when the search mostly waits for its function: a team would gain it nothing, and
 //     threads that spin in wait for the next loop would take the core from the function;
 //   - while steps with one thread are the faster ones, as they are where other processes
@@ -76,31 +76,33 @@ class Stopwatch {
 // milliseconds to leave it.
 class Team {
  public:
-  // The work of rebuilding `tables` neighbour tables among `candidates`, in about the
-  // nanoseconds that it takes one thread.
-  static double Work(double tables, std::size_t candidates, int dimension) {
-    return tables * (static_cast<double>(candidates) + 100.0) * dimension;
+  // The work of a step that rebuilds `tables` neighbour tables among `candidates`, in about the
+  // nanoseconds that it takes one thread in three to eight dimensions. Within a search steps
+  // of equal work take equal times, give or take a quarter.
+  static double Work(std::size_t tables, std::size_t candidates, int dimension) {
+    const auto count = static_cast<double>(candidates);
+    const double per_table = count + 500.0;
+    return (static_cast<double>(tables) * per_table + 40.0 * count + 2000.0) * dimension / 4.0;
   }
 
-  // Threads for a loop of about this work, when the last evaluation took
-  // `evaluation_nanoseconds`.
-  int ThreadsFor(double expected_work, double evaluation_nanoseconds);
-  // Whether the step after the last call of ThreadsFor is to be timed, and the evaluation
-  // before the next: in two dimensions the clock would cost as much as the evaluation.
+  // Threads for the next step, when the last evaluation took `evaluation_nanoseconds`.
+  int ThreadsFor(double evaluation_nanoseconds);
+  // Whether steps and evaluations are to be timed from now on, until ThreadsFor is called
+  // again: in two dimensions the clock would cost as much as the evaluation.
   bool IsTiming() const { return is_timing_; }
-  // The work of the last loop, and what the step with it took, if it was timed.
+  // The work of the step, and the nanoseconds that it took, 0 where it was not timed.
   void Record(double work, double nanoseconds);
 
   // Number of the calling thread in its team, from 0.
   static int WorkerNumber();
 
  private:
-  // Between what a step takes in three dimensions, where a team gains nothing, and in
+  // Between what steps take in three dimensions, where a team gains nothing, and in
   // four, where it begins to.
-  static constexpr double kLeastWork = 6000.0;
+  static constexpr double kLeastWork = 9000.0;
   // In steps.
-  static constexpr int kFirstInterval = 16;
-  static constexpr int kShortestInterval = 256;
+  static constexpr int kFirstInterval = 32;
+  static constexpr int kShortestInterval = 64;
   static constexpr int kLongestInterval = 8192;
   static constexpr int kTrial = 40;
   static constexpr int kShortestTrial = 16;
@@ -130,9 +132,9 @@ class Team {
   double trial_work_ = 0.0;
   double budget_ = 0.0;  // nanoseconds left
 
-  // The last loop.
-  bool is_timing_ = true;
-  bool had_choice_ = false;
+  double typical_work_ = 0.0;  // of steps, as lately
+  bool is_timing_ = false;
+  bool has_choice_ = false;  // in this step
 };
 
 }  // namespace QuenloftSolver

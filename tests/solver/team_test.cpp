@@ -27,10 +27,10 @@ Outcome Simulate(double work, double evaluation_nanoseconds, TeamCost team_cost)
   Team team;
   Outcome outcome;
   for (int step = 0; step < kSteps; ++step) {
-    const bool is_team = team.ThreadsFor(work, evaluation_nanoseconds) > 1;
+    const bool is_team = team.ThreadsFor(evaluation_nanoseconds) > 1;
     // Some steps take far longer, whoever makes them.
     const double cost = (is_team ? team_cost(step) : 1.0) * (step % 100 == 99 ? 8.0 : 1.0);
-    if (team.IsTiming()) team.Record(work, cost * work);
+    team.Record(work, team.IsTiming() ? cost * work : 0.0);
     outcome.team_share += is_team ? 1.0 / kSteps : 0.0;
     if (step >= kSteps * 9 / 10) outcome.late_team_share += is_team ? 10.0 / kSteps : 0.0;
     outcome.cost += cost / (1.07 * kSteps);

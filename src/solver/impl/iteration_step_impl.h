@@ -179,10 +179,8 @@ bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   UpdateExtremes(trial.value);
   const bool improved = UpdateBest(position);
   UpdateCandidates(UpdateMode::kIncremental);
-  if (stopwatch) {
-    const auto rebuilt_count = static_cast<double>(rebuilt_.size());
-    team_.Record(Team::Work(rebuilt_count, changed_.size(), N), stopwatch->Nanoseconds());
-  }
+  team_.Record(Team::Work(rebuilt_.size(), changed_.size(), N),
+               stopwatch ? stopwatch->Nanoseconds() : 0.0);
   return improved;
 }
 

@@ -110,9 +110,7 @@ std::size_t Solver<N>::TakeRingWithinExtent(std::size_t ring_begin) {
 
 template <int N>
 void Solver<N>::RefreshNeighbours() {
-  const double expected_count = rebuilt_share_ * static_cast<double>(changed_.size());
-  const int threads =
-      team_.ThreadsFor(Team::Work(expected_count, changed_.size(), N), evaluation_nanoseconds_);
+  const int threads = team_.ThreadsFor(evaluation_nanoseconds_);
   ReserveWorkers(threads, changed_.size());
   if (threads == 1) {
     ListRebuilt();
@@ -135,7 +133,6 @@ void Solver<N>::RefreshNeighbours() {
 // foreseen, so each trial is written down, and kept by counting it.
 template <int N>
 void Solver<N>::ListRebuilt() {
-  constexpr double kSmoothing = 0.05;
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
   const Coordinates newest = tests_.back().coordinate;
   const Test<N>* const trials = tests_.data();
@@ -172,9 +169,6 @@ void Solver<N>::ListRebuilt() {
   }
   work_.listed += changed_.size();
   work_.refreshed += rebuilt_.size();
-  rebuilt_share_ +=
-      kSmoothing * (static_cast<double>(rebuilt_.size()) / static_cast<double>(changed_.size()) -
-                    rebuilt_share_);
 }
 
 // The parallel region. The loop over the tables reads of other trials only points and values,
