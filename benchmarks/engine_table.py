@@ -101,6 +101,7 @@ Round = dict[str, Run]
 class Measurements(NamedTuple):
     context: dict[str, Any]
     rounds: list[Round]  # of searches
+    distances: dict[Size, list[float]]  # between the cores, one a round, see core_distances
     parts: list[Run]
     large: Optional[Run]
 
@@ -169,6 +170,11 @@ def call(program: Path, pattern: str, *options: str) -> tuple[dict[str, Any], li
     return report["context"], parse_report(report)
 
 
+def core_distances(program: Path) -> list[float]:
+    """The microseconds that a cache line takes to another core and back; none with one core."""
+    return [run.cpu for run in call(program, "^part/handover", "--benchmark_min_time=0.2")[1]]
+
+
 def measure(
     program: Path,
     sizes: list[Size],
@@ -186,6 +192,7 @@ def measure(
     seconds: dict[Size, float] = {}
     context: dict[str, Any] = {}
     rounds: list[Round] = []
+    distances: dict[Size, list[float]] = {}
     parts: list[Run] = []
     large: Optional[Run] = None
     for number in range(repeats):
@@ -201,6 +208,8 @@ def measure(
             seconds[size] = time.monotonic() - began
             context = context or found_context
             of_round.update((run.name, run) for run in runs)
+            # Close to the search of two threads, which is the last.
+            distances.setdefault(size, []).extend(core_distances(program))
         rounds.append(of_round)
         if number == 0:
             say("the hot parts")
@@ -215,7 +224,7 @@ def measure(
             (large,) = call(program, "^search/", "--large")[1]
     if not any(rounds):
         raise RuntimeError("none of the searches is in the build")
-    return Measurements(context, rounds, parts, large)
+    return Measurements(context, rounds, distances, parts, large)
 
 
 def differences(rounds: list[Round], sizes: list[Size]) -> list[str]:
@@ -258,10 +267,12 @@ def shown(ratio: Optional[float], goal: Optional[float]) -> str:
     return f"{ratio:.1f}x" + ("" if is_met(ratio, goal) else " (missed)")
 
 
-def search_table(rounds: list[Round], sizes: list[Size]) -> tuple[Table, bool]:
+def search_table(
+    rounds: list[Round], sizes: list[Size], distances: dict[Size, list[float]]
+) -> tuple[Table, bool]:
     """The table of ratios, and whether all goals are met."""
     table = [["N", "trials", "plain", "one thread", "ratio", "goal", "two threads", "of one"]]
-    table[0] += ["goal", "runs"]
+    table[0] += ["goal", "cores apart", "runs"]
     all_met = True
     for size in sizes:
         plain, one, two = (size.prefix + form for form in (PLAIN, ONE, TWO))
@@ -286,6 +297,7 @@ def search_table(rounds: list[Round], sizes: list[Size]) -> tuple[Table, bool]:
             + [shown(ratio, size.goal), f"{size.goal:g}x", cost(two, "elapsed")]
             + [shown(of_one, size.goal_of_two)]
             + ["" if size.goal_of_two is None else f"{size.goal_of_two:g}x"]
+            + [" ".join(f"{distance:.2f}" for distance in distances[size])]
             + ["{} / {}".format(*counts)]
         )
     return table, all_met
@@ -396,12 +408,13 @@ def machine(context: dict[str, Any]) -> str:
 
 def report(measured: Measurements, sizes: list[Size], command: str) -> tuple[str, bool]:
     """The generated section, and whether all goals are met."""
-    searches, all_met = search_table(measured.rounds, sizes)
+    searches, all_met = search_table(measured.rounds, sizes, measured.distances)
     paragraphs = [
         f"Machine: {machine(measured.context)}.\nCommand: `{command}`.",
         "### Whole searches",
         "Microseconds a trial; processor time for the plain form and one thread, elapsed time for\n"
-        "two threads.",
+        "two threads. *Cores apart* is what a cache line took from one core to the other and\n"
+        "back, in microseconds, after each round.",
         format_table(searches),
     ]
     if measured.large is not None:
