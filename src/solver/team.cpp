@@ -93,7 +93,8 @@ void Team::EndTrial() {
     preferred_ = Other();
     interval_ = kShortestInterval;
   } else {
-    interval_ = std::min(2 * interval_, kLongestInterval);
+    const bool was_stalled = budget_ < 0.0;
+    interval_ = std::min((was_stalled ? 8 : 2) * interval_, kLongestInterval);
   }
   steps_to_trial_ = interval_;
 }

@@ -71,9 +71,9 @@ class Stopwatch {
 // and many in a row with the other number of threads are compared: a trial, the rarer the
 // more often it told the same. Its first steps do not tell, as threads may have to be
 // woken. It ends early when it is clear that they are no better, and when it has taken as
-// long as all its steps should, and a little for threads to wake. Threads are started well
-// before the first: they start on the core of the one that starts them, and take some
-// milliseconds to leave it.
+// long as all its steps should, and a little for threads to wake: it has stalled, and the next
+// one is far off. Threads are started well before the first: they start on the core of the one
+// that starts them, and take some milliseconds to leave it.
 class Team {
  public:
   // The work of a step that rebuilds `tables` neighbour tables among `candidates`, in about the
