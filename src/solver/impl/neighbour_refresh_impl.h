@@ -204,13 +204,13 @@ void Solver<N>::RebuildInTeam(int threads) {
     const auto number = static_cast<std::size_t>(Team::WorkerNumber());
     Worker& worker = workers_[number];
     if (number == 0) {
-      const bool is_listed = attempt([this] {
+      const bool has_list = attempt([this] {
         ListRebuilt();
         ListLocalCandidates(changed_);
       });
-      if (!is_listed) rebuilt_.clear();  // then nobody has anything to do
+      if (!has_list) rebuilt_.clear();  // then nobody has anything to do
       are_listed.Raise();
-      if (is_listed) attempt([this] { MarkStaleCandidates(); });
+      if (has_list) attempt([this] { MarkStaleCandidates(); });
     }
     GatherCandidates(changed_, worker.columns);
     are_listed.Await();
@@ -223,7 +223,7 @@ void Solver<N>::RebuildInTeam(int threads) {
   for (const Rebuilt& rebuilt : rebuilt_) FetchBack(rebuilt.position);
 }
 
-// The same in one thread, the candidates being whichever.
+// Rebuilds the tables in one thread, among the candidates.
 template <int N>
 void Solver<N>::RebuildTables(const std::vector<std::uint32_t>& candidates) {
   ListLocalCandidates(candidates);
