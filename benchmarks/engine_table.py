@@ -201,15 +201,15 @@ def measure(
             left = 60.0 * minutes - (time.monotonic() - start)
             if number > 0 and seconds[size] > left:
                 continue
-            forms = "" if number < size.plain_repeats else "engine"
             say(f"round {number + 1}: N = {size.dimension}, {size.trials:,} trials")
             began = time.monotonic()
-            found_context, runs = call(program, f"^{size.prefix}{forms}", *scale)
-            seconds[size] = time.monotonic() - began
-            context = context or found_context
-            of_round.update((run.name, run) for run in runs)
-            # Close to the search of two threads, which is the last.
+            # The search of two threads last, and right after it how far apart the cores are.
+            for form in ("plain", "engine") if number < size.plain_repeats else ("engine",):
+                found_context, runs = call(program, f"^{size.prefix}{form}", *scale)
+                context = context or found_context
+                of_round.update((run.name, run) for run in runs)
             distances.setdefault(size, []).extend(core_distances(program))
+            seconds[size] = time.monotonic() - began
         rounds.append(of_round)
         if number == 0:
             say("the hot parts")

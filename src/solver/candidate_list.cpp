@@ -62,16 +62,19 @@ Candidate CandidateList::TakeBest() {
 
 void CandidateList::Clear() {
   size_ = 0;
-  MarkStale(nullptr, 0);
+  ForgetUpdate();
 }
 
-void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
-  // What an update that ran out of memory has left.
+void CandidateList::ForgetUpdate() {
   staged_.clear();
   listed_again_.clear();
   rising_.clear();
   stale_count_ = 0;
   floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
+}
+
+void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
+  ForgetUpdate();  // one that ran out of memory
   if (size_ == 0) return;
   if (count > 0) FindStale(rebuilt, count);
   if (has_unordered_keys_) {

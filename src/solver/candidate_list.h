@@ -182,6 +182,7 @@ class CandidateList {
   const std::uint32_t* Positions() const { return storage_->positions + begin_; }
   const std::int32_t* Tests() const { return storage_->tests + begin_; }
 
+  void ForgetUpdate();
   void Allocate();
   void FindStale(const std::uint32_t* rebuilt, std::size_t count);
   void MarkUnsetKeys();

@@ -82,6 +82,7 @@ class Solver final : public SolverBase {
   const std::vector<CandidateList>& GlobalLists() const { return global_lists_; }
   const std::vector<CandidateList>& LocalLists() const { return local_lists_; }
   WorkCounters Work() const;
+  void ForceTeam(int threads) { team_.Force(threads); }
 
  private:
   using Coordinates = std::array<double, N>;
@@ -175,7 +176,7 @@ class Solver final : public SolverBase {
   // candidate_update_impl.h
   void UpdateCandidates(UpdateMode mode);
   void MarkStaleCandidates();
-  bool LosesList();
+  bool ClearOutdatedLists();
   void ListRebuiltIn(const CandidateList& list, const KeyBounds& bounds);
   void CommitLists();
   void UpdateEveryTrial();
@@ -226,8 +227,10 @@ class Solver final : public SolverBase {
   std::vector<std::uint32_t> to_rescore_;
   // Of those, the ones whose tables this refresh rebuilds, in list order.
   std::vector<Rebuilt> rebuilt_;
-  // Their positions alone, as a team writes on the lines of the others.
+  // Their positions alone: a team writes on the lines of the slots above.
   std::vector<std::uint32_t> rebuilt_positions_;
+  // Whether what the lists hold of them is marked.
+  bool stale_are_marked_ = false;
   // One per trial.
   std::vector<FloodRow<N>> rows_;
   std::vector<FloodMark> marks_;  // unless the rows have them

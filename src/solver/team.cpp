@@ -41,6 +41,8 @@ bool StartTeam() {
 
 int Team::ThreadsFor(double evaluation_nanoseconds) {
   constexpr double kMostEvaluation = 20.0;  // times the work
+  constexpr double kMostExcess = 0.5;       // of what the steps of a trial usually take
+  if (forced_ > 0) return forced_;
   const int most = omp_get_max_threads();
   is_timing_ = most > 1 && typical_work_ >= kLeastWork;
   has_choice_ = is_timing_ && evaluation_nanoseconds <= kMostEvaluation * typical_work_ &&
@@ -53,7 +55,7 @@ int Team::ThreadsFor(double evaluation_nanoseconds) {
       is_trying_ = true;
       steps_tried_ = 0;
       trial_nanoseconds_ = trial_work_ = 0.0;
-      budget_ = cost_[preferred_] * typical_work_ * kTrial + kWake;
+      budget_ = kWake + kMostExcess * cost_[preferred_] * typical_work_ * kTrial;
     }
   }
   const Form form = is_trying_ ? Other() : preferred_;
@@ -71,7 +73,7 @@ void Team::Record(double work, double nanoseconds) {
   const double usual = cost * work;
   if (is_trying_) {
     ++steps_tried_;
-    budget_ -= nanoseconds;
+    budget_ -= nanoseconds - usual;
     if (steps_tried_ > kUncounted) {
       trial_nanoseconds_ += std::min(nanoseconds, kMost * usual);
       trial_work_ += work;

@@ -21,7 +21,7 @@ class alignas(kCacheLine) Signal {
  public:
   void Raise() { is_raised_.store(true, std::memory_order_release); }
   void Await() const {
-    constexpr int kSpins = 2000;  // some ten microseconds, then others may have the core
+    constexpr int kSpins = 2000;  // some fifty microseconds, then others may have the core
     for (int spin = 0; !is_raised_.load(std::memory_order_acquire); ++spin) {
       if (spin < kSpins) {
         Pause();
@@ -70,10 +70,10 @@ class Stopwatch {
 // the team has written. Steps differ by much, so their times are taken for equal work,
 // and many in a row with the other number of threads are compared: a trial, the rarer the
 // more often it told the same. Its first steps do not tell, as threads may have to be
-// woken. It ends early when it is clear that they are no better, and when it has taken as
-// long as all its steps should, and a little for threads to wake: it has stalled, and the next
-// one is far off. Threads are started well before the first: they start on the core of the one
-// that starts them, and take some milliseconds to leave it.
+// woken. It ends early when it is clear that they are no better, and when its steps have taken
+// half as long again as all of them should, and a little for threads to wake: it has stalled,
+// and the next one is far off. Threads are started well before the first: they start on the
+// core of the one that starts them, and take some milliseconds to leave it.
 class Team {
  public:
   // The work of a step that rebuilds `tables` neighbour tables among `candidates`, in about the
@@ -92,6 +92,9 @@ class Team {
   bool IsTiming() const { return is_timing_; }
   // The work of the step, and the nanoseconds that it took, 0 where it was not timed.
   void Record(double work, double nanoseconds);
+
+  // For tests: so many threads for every step from now on, whatever they gain.
+  void Force(int threads) { forced_ = threads; }
 
   // Number of the calling thread in its team, from 0.
   static int WorkerNumber();
@@ -119,6 +122,7 @@ class Team {
   }
   void EndTrial();
 
+  int forced_ = 0;
   Form preferred_ = kOne;
   // Nanoseconds per work, as lately measured; of the other form in the last trial.
   std::array<double, 2> cost_{0.0, 0.0};
@@ -130,7 +134,7 @@ class Team {
   int steps_tried_ = 0;
   double trial_nanoseconds_ = 0.0;  // of the counted steps, as the next
   double trial_work_ = 0.0;
-  double budget_ = 0.0;  // nanoseconds left
+  double budget_ = 0.0;  // nanoseconds that its steps may yet take beyond the usual
 
   double typical_work_ = 0.0;  // of steps, as lately
   bool is_timing_ = false;

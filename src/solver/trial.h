@@ -138,11 +138,10 @@ inline void ChangeFlags(SolverBase::TestBase& trial, FlagChange change) {
   trial.flags.store((flags & ~change.clear) | change.set, std::memory_order_relaxed);
 }
 
-// What the flood of a refresh reads of a trial: of every neighbour of every listed trial
-// whether it was met before, and where one is new its point and its neighbours. Apart from
-// the trials, whose tables take most of the room, and in one cache line up to three
-// dimensions. With more dimensions most neighbours were met before, so the rest of their rows
-// is not needed; there the marks stand in a column of their own, which no other thread reads.
+// Whether the flood of a refresh met a trial before, which it asks of every neighbour of every
+// listed trial. Up to three dimensions the mark shares the one cache line of a row, see below.
+// With more most neighbours were met before, so the rest of their rows is not needed; there the
+// marks stand in a column of their own, which no other thread reads.
 struct FloodMark {
   // The last refresh that met the trial.
   std::uint32_t met_by = 0;
@@ -150,6 +149,9 @@ struct FloodMark {
 struct NoFloodMark {};
 template <int N>
 inline constexpr bool kMarksStandInRows = N <= 3;
+
+// What the flood reads of a trial that is new to it: its point and its neighbours. Apart from
+// the trials, whose tables take most of the room.
 template <int N>
 struct alignas(kCacheLine) FloodRow
     : std::conditional_t<kMarksStandInRows<N>, FloodMark, NoFloodMark> {

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <algorithm>
+
 namespace QuenloftSolver {
 namespace {
 
@@ -20,12 +22,15 @@ struct Outcome {
   double cost = 0.0;  // to that of one thread for all
 };
 
+// `growth` is that of the work from step to step, until it is fifty times what it was.
 template <typename TeamCost>  // double(int step), in times of what one thread takes
-Outcome Simulate(double work, double evaluation_nanoseconds, TeamCost team_cost) {
+Outcome Simulate(double work, double evaluation_nanoseconds, TeamCost team_cost,
+                 double growth = 1.0) {
   const int threads_before = omp_get_max_threads();
   omp_set_num_threads(2);
   Team team;
   Outcome outcome;
+  const double most_work = 50.0 * work;
   for (int step = 0; step < kSteps; ++step) {
     const bool is_team = team.ThreadsFor(evaluation_nanoseconds) > 1;
     // Some steps take far longer, whoever makes them.
@@ -34,6 +39,7 @@ Outcome Simulate(double work, double evaluation_nanoseconds, TeamCost team_cost)
     outcome.team_share += is_team ? 1.0 / kSteps : 0.0;
     if (step >= kSteps * 9 / 10) outcome.late_team_share += is_team ? 10.0 / kSteps : 0.0;
     outcome.cost += cost / (1.07 * kSteps);
+    work = std::min(work * growth, most_work);
   }
   omp_set_num_threads(threads_before);
   return outcome;
@@ -44,6 +50,9 @@ TEST(Team, WorksWhereItPaysAndIsTriedAtABoundedCost) {
   const Outcome faster = Simulate(kWork, 0.0, constant(0.7));
   EXPECT_GT(faster.team_share, 0.965);
   EXPECT_LT(faster.cost, 0.75);
+
+  // Steps that take ever longer have not stalled.
+  EXPECT_GT(Simulate(kWork, 0.0, constant(0.9), 1.05).team_share, 0.95);
 
   const Outcome slower = Simulate(kWork, 0.0, constant(1.3));
   EXPECT_LT(slower.team_share, 0.012);
@@ -63,7 +72,7 @@ TEST(Team, WorksWhereItPaysAndIsTriedAtABoundedCost) {
   EXPECT_LT(lost.cost, 0.9);
 }
 
-TEST(Team, LeavesShortLoopsAndSearchesThatWaitToOneThread) {
+TEST(Team, LeavesShortStepsAndSearchesThatWaitToOneThread) {
   const auto faster = [](int) { return 0.1; };
   EXPECT_EQ(Simulate(1000.0, 0.0, faster).team_share, 0.0);
   EXPECT_EQ(Simulate(kWork, 100.0 * kWork, faster).team_share, 0.0);

@@ -17,7 +17,8 @@ namespace QuenloftSolver {
 
 template <int N>
 void Solver<N>::UpdateCandidates(UpdateMode mode) {
-  if (LosesList()) mode = UpdateMode::kFull;
+  if (mode == UpdateMode::kIncremental && !stale_are_marked_) MarkStaleCandidates();
+  if (ClearOutdatedLists()) mode = UpdateMode::kFull;
   if (mode == UpdateMode::kFull) {
     ++work_.full_updates;
     CommitLists();
@@ -63,19 +64,19 @@ void Solver<N>::MarkStaleCandidates() {
   }
 }
 
-// A list is stale as a whole when its class slope grew, which all keys of global lists use,
-// and in what is marked. One that held something once and has nothing left that is not stale
-// asks for a full update: then true.
+// A global list is outdated as a whole when its class slope grew, which all its keys use. True
+// when some list, global or local, held something once and has nothing left that is not stale:
+// it asks for a full update.
 template <int N>
-bool Solver<N>::LosesList() {
-  bool loses = false;
+bool Solver<N>::ClearOutdatedLists() {
+  bool some_ran_dry = false;
   for (std::uint32_t c = 0; c < class_count_; ++c) {
     if (class_changed_[c]) global_lists_[c].Clear();
     for (const CandidateList* const list : {&local_lists_[c], &global_lists_[c]}) {
-      loses |= list->IsUsed() && list->StayingCount() == 0;
+      some_ran_dry |= list->IsUsed() && list->StayingCount() == 0;
     }
   }
-  return loses;
+  return some_ran_dry;
 }
 
 // The rebuilt trials that may have entries in the list.

@@ -16,10 +16,10 @@ void Solver<N>::Initialize() {
   if (!tests_.empty()) return;
   SizeContainers();
   PlaceInitialTrials();
+  initial_count_ = TestCount();
   for (std::uint32_t position = 0; position < TestCount(); ++position) {
     LinkInitialTrial(position);
   }
-  initial_count_ = TestCount();
   UpdateCandidates(UpdateMode::kFull);
 }
 

@@ -112,10 +112,10 @@ template <int N>
 void Solver<N>::RefreshNeighbours() {
   const int threads = team_.ThreadsFor(evaluation_nanoseconds_);
   ReserveWorkers(threads, changed_.size());
+  stale_are_marked_ = false;
   if (threads == 1) {
     ListRebuilt();
     RebuildTables(changed_);
-    MarkStaleCandidates();
   } else {
     RebuildInTeam(threads);
   }
@@ -189,14 +189,13 @@ void Solver<N>::ListRebuilt() {
 template <int N>
 void Solver<N>::RebuildInTeam(int threads) {
   Signal are_listed;
-  std::exception_ptr error;
-  const auto attempt = [&error](auto action) {
+  std::exception_ptr listing_error;
+  const auto attempt = [](auto action) -> std::exception_ptr {
     try {
       action();
-      return true;
+      return nullptr;
     } catch (...) {
-      error = std::current_exception();
-      return false;
+      return std::current_exception();
     }
   };
 #pragma omp parallel num_threads(threads)
@@ -204,13 +203,14 @@ void Solver<N>::RebuildInTeam(int threads) {
     const auto number = static_cast<std::size_t>(Team::WorkerNumber());
     Worker& worker = workers_[number];
     if (number == 0) {
-      const bool has_list = attempt([this] {
+      listing_error = attempt([this] {
         ListRebuilt();
         ListLocalCandidates(changed_);
       });
-      if (!has_list) rebuilt_.clear();  // then nobody has anything to do
+      if (listing_error) rebuilt_.clear();  // then nobody has anything to do
       are_listed.Raise();
-      if (has_list) attempt([this] { MarkStaleCandidates(); });
+      // Where memory runs out it is done again after the tables.
+      if (!listing_error) stale_are_marked_ = !attempt([this] { MarkStaleCandidates(); });
     }
     GatherCandidates(changed_, worker.columns);
     are_listed.Await();
@@ -219,7 +219,7 @@ void Solver<N>::RebuildInTeam(int threads) {
       RebuildTable(rebuilt_[i], worker);
     });
   }
-  if (error) std::rethrow_exception(error);
+  if (listing_error) std::rethrow_exception(listing_error);
   for (const Rebuilt& rebuilt : rebuilt_) FetchBack(rebuilt.position);
 }
 
@@ -244,8 +244,9 @@ void Solver<N>::ReserveWorkers(int threads, std::size_t candidates) {
 }
 
 // Of the slots, those that fall to thread `number` of `threads`: those of its own block from
-// the front, then those that are left of the other blocks from the back, so that no thread
-// waits for more than one table. One in two threads otherwise waited a tenth of the time.
+// the front, then those that are left of the other blocks from the back; a block in which
+// somebody does so already is left to him. So of two threads none waits for more than one
+// table; with halves fixed beforehand one waited a twentieth of the time.
 //
 // A shared counter would go from core to core with every table. Here each slot is claimed by
 // itself, on a line that the thread which rebuilds the table writes anyway.
@@ -310,7 +311,7 @@ void Solver<N>::ListLocalCandidates(const std::vector<std::uint32_t>& candidates
 template <int N>
 void Solver<N>::GatherCandidates(const std::vector<std::uint32_t>& candidates,
                                  CandidateColumns<N>& columns) const {
-  // The caller's thread may write elsewhere in the solver meanwhile.
+  // Read once: the caller's thread writes to fields next to them meanwhile.
   const Test<N>* const trials = tests_.data();
   const std::int32_t best_index = best_.index;
   columns.Clear();
