@@ -1,21 +1,25 @@
 # SPDX-License-Identifier: MIT
 #
-# What is installed, in two components: `engine`, the static library with its
-# headers and CMake package, for C++ programs; `python`, the native module, for
-# the wheel.
+# What is installed, in two components: `engine`, the static libraries with their
+# headers and CMake package, for C++ programs; `python`, the native module and the
+# package's binding, for the wheel.
 
 include(CMakePackageConfigHelpers)
 
 if(TARGET quenloft_solver)
   set(quenloft_package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/Quenloft")
 
-  install(TARGETS quenloft_solver EXPORT QuenloftTargets
+  install(TARGETS quenloft_solver quenloft_search EXPORT QuenloftTargets
           ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT engine
           INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
   # The headers that a caller needs; those of the implementation stay here.
-  install(FILES src/solver/create_solver.h src/solver/errors.h src/solver/function_interface.h
-                src/solver/solver_base.h
+  install(FILES src/solver/constants.h src/solver/create_solver.h src/solver/errors.h
+                src/solver/function_interface.h src/solver/neighbour.h src/solver/solver_base.h
+                src/solver/threads.h
           DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/solver" COMPONENT engine)
+  install(FILES src/search/column.h src/search/guess.h src/search/problem.h src/search/search.h
+                src/search/space.h
+          DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/search" COMPONENT engine)
   install(EXPORT QuenloftTargets NAMESPACE Quenloft:: FILE QuenloftTargets.cmake
           DESTINATION "${quenloft_package_folder}" COMPONENT engine)
 
@@ -30,4 +34,7 @@ endif()
 
 if(TARGET _Quenloft)
   install(TARGETS _Quenloft LIBRARY DESTINATION . COMPONENT python)
+endif()
+if(TARGET _binding)
+  install(TARGETS _binding LIBRARY DESTINATION Quenloft COMPONENT python)
 endif()

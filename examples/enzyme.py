@@ -113,7 +113,9 @@ def choose_rate_law(evaluations: int) -> bool:
         print(f"   {name:24s}  {lowest[position]:8.2f}{mark}")
     vmax, k = best.coordinate
     print(f"   Its maximal rate is {vmax:.1f}, its scale K {k:.3f} ppm.")
-    print(f"   The variance between repeated measurements is {repeat_variance():.0f}: laws whose sums")
+    print(
+        f"   The variance between repeated measurements is {repeat_variance():.0f}: laws whose sums"
+    )
     print("   differ by much less than that cannot be told apart by these data.")
     return best.value <= 1.001 * PUBLISHED_SUM
 
@@ -137,7 +139,10 @@ def fit_with_limited_slope(evaluations: int) -> bool:
 def main() -> int:
     parser = argparse.ArgumentParser(description="Calibrates models of an enzyme.")
     parser.add_argument(
-        "--evaluations", type=int, default=1000, help="evaluations of a search, for each rate law (default 1000)"
+        "--evaluations",
+        type=int,
+        default=1000,
+        help="evaluations of a search, for each rate law (default 1000)",
     )
     evaluations = parser.parse_args().evaluations
     print("Rates of an enzymatic reaction in Puromycin-treated cells, 12 measurements")

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: MIT
 #
-# Runs suites of tests one after the other, silently while they pass, and counts
+# Runs suites of tests one after the other, in one line each while they pass, and counts
 # single tests over all of them. To be sourced after setup.sh.
 
 passed=0
@@ -13,14 +13,19 @@ count_failure() {
   failed=$((failed + 1))
 }
 
+# log_name <name of a suite>: "C++ tests" logs to cpp-tests.
+log_name() {
+  tr '[:upper:] ' '[:lower:]-' <<<"${1//+/p}"
+}
+
 # suite <name> <command...>: a command that writes a JUnit report of the same name,
 # "C++ tests" that is build/log/cpp-tests.xml.
 suite() {
   local name="$1" log counts ok=1
-  log="build/log/$(tr '[:upper:] ' '[:lower:]-' <<<"${name//+/p}")"
+  log="build/log/$(log_name "$name")"
   shift
   rm -f "$log.xml"
-  "$@" >"$log.log" 2>&1 </dev/null || ok=0
+  stage "$name" "$(log_name "$name")" "$@" || ok=0
   read -r -a counts <<<"$(.venv/bin/python scripts/count_tests.py "$log.xml")"
   passed=$((passed + counts[0]))
   failed=$((failed + counts[1]))
@@ -35,11 +40,13 @@ suite() {
 
 # check <name> <command...>: a command that is one test as a whole.
 check() {
-  local name="$1"
+  local name="$1" log
+  log="$(log_name "$name")"
   shift
-  if quietly "${name// /-}" "$@"; then
+  if stage "$name" "$log" "$@"; then
     passed=$((passed + 1))
   else
+    show_failure "$log" "$@"
     count_failure "$name"
   fi
 }

@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: MIT
-"""The command line: ``python -m Quenloft minimize``, ``history`` and ``demo``.
+"""The command line: ``quenloft minimize``, ``history`` and ``demo``.
+
+``python -m Quenloft`` is the same program.
 
 Exit codes: see `ExitCode`. Results go to standard output; progress and errors, in one line each,
 to standard error.
@@ -9,7 +11,6 @@ from __future__ import annotations
 
 import argparse
 import ast
-import csv
 import importlib
 import importlib.util
 import json
@@ -17,20 +18,22 @@ import math
 import os
 import re
 import sys
+import sysconfig
 import traceback
 from enum import IntEnum
 from pathlib import Path
 from types import ModuleType
-from typing import Any, Callable, Iterable, NoReturn, Optional, Sequence, TextIO
+from typing import Any, Callable, Iterable, NoReturn, Optional, Sequence
 
 from . import demo
-from .errors import JournalError, NonFiniteError
-from .history import History, Trial
-from .journal import Recording, read_journal
-from .result import OptimizeResult, Status
-from .search import minimize
+from ._command import FAILURES, Command
+from ._errors import JournalError, NonFiniteError
+from ._history import History, Trial
+from ._journal import Recording, read_journal
+from ._minimize import minimize
+from ._result import OptimizeResult, Status
 
-PROGRAM = "python -m Quenloft"
+PROGRAM = "quenloft" if Path(sys.argv[0]).stem == "quenloft" else "python -m Quenloft"
 
 
 class ExitCode(IntEnum):
@@ -99,39 +102,57 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     parser = commands.add_parser(
         "minimize",
         parents=[common],
-        help="minimise a Python function",
-        description="Minimise a Python function over a box.",
+        help="minimise a Python function or the output of a program",
+        description="Minimise a Python function, or what a program writes (--command).",
     )
     parser.set_defaults(run=run_minimize)
     parser.add_argument(
-        "function", help="module:function or file.py:function, called as by Quenloft.minimize"
+        "function",
+        nargs="?",
+        help="module:function or file.py:function, called as by Quenloft.minimize",
     )
 
     problem = parser.add_argument_group("problem")
     several = {"nargs": "+", "action": "extend", "default": []}
     problem.add_argument(
-        "--bounds", metavar="LOWER:UPPER", type=_bounds, required=True, **several,
-        help="one for each real variable; NAME=LOWER:UPPER names it, LOWER:UPPER:log makes it "
-        "logarithmic",
+        "--bounds",
+        metavar="LOWER:UPPER",
+        type=_bounds,
+        required=True,
+        **several,
+        help="one for each number; NAME=LOWER:UPPER names it; :log after it makes it logarithmic, "
+        ":int an integer, :STEP gives it steps",
     )
     problem.add_argument(
-        "--choices", metavar="A,B", type=_choices, **several,
+        "--choices",
+        metavar="A,B",
+        type=_choices,
+        **several,
         help="one for each categorical variable; NAME=A,B names it; numbers are read as numbers",
     )
     problem.add_argument(
-        "--constraint", metavar="FUNCTION", **several, help="feasible when <= 0; in this order"
+        "--constraint",
+        metavar="FUNCTION",
+        **several,
+        help="feasible when <= 0; in this order. With --command a pattern or key as for "
+        "--objective, with '<= LIMIT' or '>= LIMIT' after it",
     )
     problem.add_argument(
         "--args", metavar="VALUE", type=_literal, **several, help="further arguments of function"
     )
     problem.add_argument(
-        "--point", choices=("tuple", "list", "array"), default="tuple",
+        "--point",
+        choices=("tuple", "list", "array"),
+        default="tuple",
         help="the form of the point that functions are given (%(default)s)",
     )
     problem.add_argument(
-        "--nonfinite", choices=("raise", "infeasible"), default="raise",
-        help="what NaN or infinity means: an error, or an infeasible point (%(default)s)",
+        "--nonfinite",
+        choices=("raise", "infeasible"),
+        help="what NaN or infinity means: an error (the default, unless --tolerate is given), or "
+        "an infeasible point",
     )
+    _add_program(parser, several)
 
     stops = parser.add_argument_group("stops")
     stops.add_argument("--maxfun", type=float, metavar="N", help="budget of trials, never exceeded")
@@ -141,32 +162,95 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
         "--min-radius", type=float, metavar="R", help="radius of the best trial, in the unit box"
     )
 
+    known = minimize.__kwdefaults__ or {}
     settings = parser.add_argument_group("settings of the search")
     for name, default in _settings().items():
         settings.add_argument(
-            "--" + name.replace("_", "-"), type=type(default), default=default, metavar="X",
-            help=f"{_SETTINGS[name]} (%(default)s)",
+            "--" + name.replace("_", "-"),
+            type=int if name == "fit" else float,
+            default=default,
+            metavar="X",
+            help=_SETTINGS[name] + ("" if default is None else " (%(default)s)"),
         )
     settings.add_argument(
-        "--polish", nargs="?", const=True, default=False, choices=("cobyla", "pattern"),
-        help="refine the best point by a local search at the end",
+        "--no-local-models",
+        dest="local_models",
+        action="store_false",
+        help="the search alone, without quadratic models around the best minima",
     )
+    if "polish" in known:
+        settings.add_argument(
+            "--polish",
+            nargs="?",
+            const=True,
+            default=False,
+            choices=("cobyla", "pattern"),
+            help="refine the best point by a local search at the end",
+        )
 
     output = parser.add_argument_group("run")
     output.add_argument(
         "--journal", metavar="FILE", help="record every evaluation; go on from there if it exists"
     )
+    if "workers" in known:
+        output.add_argument(
+            "--workers", type=int, metavar="N", help="evaluate at N points at a time"
+        )
     output.add_argument("--quiet", action="store_true", help="no progress, no summary")
+
+
+def _add_program(parser: argparse.ArgumentParser, several: dict[str, Any]) -> None:
+    program = parser.add_argument_group("program")
+    program.add_argument(
+        "--command",
+        metavar="TEXT",
+        help="program to run for each point, {NAME} stands for a value; not run by a shell",
+    )
+    program.add_argument(
+        "--objective",
+        metavar="PATTERN",
+        help="regular expression with one group, or the key in a JSON file; by default the last "
+        "number of the output",
+    )
+    program.add_argument(
+        "--output",
+        metavar="FILE",
+        help="file that the program writes, read instead of standard output; JSON if it ends so",
+    )
+    program.add_argument(
+        "--template",
+        metavar="SOURCE:TARGET",
+        type=_template,
+        **several,
+        help="write TARGET with the placeholders of SOURCE filled in",
+    )
+    program.add_argument(
+        "--file", metavar="PATH", **several, help="link this into each working directory"
+    )
+    program.add_argument("--timeout", type=float, metavar="SECONDS", help="for one evaluation")
+    program.add_argument(
+        "--tolerate",
+        choices=FAILURES,
+        **several,
+        help="failures that make an infeasible point instead of an error",
+    )
+    program.add_argument("--directory", metavar="PATH", help="where working directories are made")
+    program.add_argument(
+        "--keep",
+        choices=("never", "failed", "always"),
+        default="never",
+        help="which working directories are left (%(default)s)",
+    )
 
 
 def _settings() -> dict[str, Any]:
     """The parameters of the search, and their defaults, as `minimize` has them."""
     defaults = minimize.__kwdefaults__ or {}
-    return {name: defaults[name] for name in _SETTINGS}
+    return {name: defaults[name] for name in _SETTINGS if name in defaults}
 
 
 _SETTINGS = {
-    "overestimation": "larger explores more",
+    "overestimation": "larger explores more (2.5, without local models 2)",
     "overestimation_local": "the same for local steps",
     "local_vs_global": "local steps for each global one",
     "spread": "neighbours are 2 pi / X apart",
@@ -185,11 +269,17 @@ def _add_history(commands: Any, common: argparse.ArgumentParser) -> None:
     parser.set_defaults(run=run_history)
     parser.add_argument("journal", help="the file given to --journal")
     parser.add_argument(
-        "--csv", nargs="?", const="-", metavar="FILE",
+        "--csv",
+        nargs="?",
+        const="-",
+        metavar="FILE",
         help="write every trial as a line; to standard output without FILE",
     )
     parser.add_argument(
-        "--last", type=int, default=10, metavar="N", help="trials shown (%(default)s)"
+        "--last",
+        type=int,
+        metavar="N",
+        help="trials shown or written: 10 in the table and all in --csv and --json by default",
     )
 
 
@@ -208,12 +298,17 @@ def _add_demo(commands: Any, common: argparse.ArgumentParser) -> None:
 
 def run_minimize(options: argparse.Namespace) -> int:
     """The command ``minimize``."""
-    function = load_function(options.function)
-    constraints = [load_function(name) for name in options.constraint]
-    if options.plot:
-        _check_plot(options.plot)
     given = [name for name, _ in (*options.bounds, *options.choices)]
     names = _complete(given, len(options.bounds)) if any(given) else None
+    function, constraints = _problem(options, names or _complete(given, len(options.bounds)))
+    if options.plot:
+        _check_plot(options.plot)
+    nonfinite = options.nonfinite or ("infeasible" if options.tolerate else "raise")
+    further = {
+        name: getattr(options, name)
+        for name in (*_settings(), "local_models", "polish", "workers")
+        if getattr(options, name, None) is not None
+    }
     try:
         result = minimize(
             function,
@@ -223,16 +318,15 @@ def run_minimize(options: argparse.Namespace) -> int:
             categories=[choices for _, choices in options.choices],
             constraints=constraints,
             point=options.point,
-            nonfinite=options.nonfinite,
+            nonfinite=nonfinite,
             maxfun=options.maxfun,
             maxtime=options.maxtime,
             f_min=options.f_min,
             min_radius=options.min_radius,
             on_interrupt="return",
             progress=not options.quiet,
-            polish=options.polish,
             journal=options.journal,
-            **{name: getattr(options, name) for name in _settings()},
+            **further,
         )
     except JournalError:
         raise
@@ -252,21 +346,59 @@ def run_minimize(options: argparse.Namespace) -> int:
     return ExitCode.SUCCESS if result.success else ExitCode.INFEASIBLE
 
 
+def _problem(
+    options: argparse.Namespace, names: Sequence[str]
+) -> tuple[Callable[..., Any], Sequence[Callable[..., Any]]]:
+    """Objective and constraints: Python functions, or those of a program."""
+    if (options.function is None) == (options.command is None):
+        raise UsageError("name one function, before the options, or give --command")
+    if options.command is None:
+        for name in ("objective", "output", "template", "file", "timeout", "tolerate", "directory"):
+            if getattr(options, name):
+                raise UsageError(f"--{name} goes with --command")
+        return load_function(options.function), [load_function(c) for c in options.constraint]
+    if options.args:
+        raise UsageError("--args does not go with --command")
+    try:
+        command = Command(
+            options.command,
+            objective=options.objective,
+            constraints=options.constraint,
+            templates=options.template,
+            files=options.file,
+            output=options.output,
+            timeout=options.timeout,
+            tolerate=options.tolerate,
+            directory=options.directory,
+            keep=options.keep,
+            names=names,
+        )
+    except ValueError as error:
+        raise UsageError(str(error)) from error
+    return command, command.constraints
+
+
 def run_history(options: argparse.Namespace) -> int:
     """The command ``history``."""
+    if options.json and options.csv == "-":
+        raise UsageError("--json and --csv both write to standard output: name a file for --csv")
     if options.plot:
         _check_plot(options.plot)
     recording = read_journal(options.journal)
+    history = recording.history
+    # The table is for the eye, the others are for programs: all trials, unless --last is given.
+    last = min(10 if options.last is None else max(options.last, 0), len(history))
+    trials = history[len(history) - last :] if options.last is not None else history
     if options.csv == "-":
-        write_csv(recording, sys.stdout)
+        history.to_csv(sys.stdout, len(history) - len(trials))
     elif options.csv:
-        with open(options.csv, "w", newline="", encoding="utf-8") as file:
-            write_csv(recording, file)
-    elif options.json:
-        trials = [_json_trial(trial) for trial in recording.history]
-        _print_json({"header": recording.header, "trials": trials})
-    else:
-        print(_describe_recording(recording, options.last))
+        history.to_csv(options.csv, len(history) - len(trials))
+    if options.json:
+        _print_json(
+            {"header": recording.header, "trials": [_json_trial(trial) for trial in trials]}
+        )
+    elif not options.csv:
+        print(_describe_recording(recording, last))
     if options.plot:
         _plot(recording, recording.history, options.plot)
     return ExitCode.SUCCESS
@@ -343,32 +475,40 @@ def _import_file(path: Path) -> ModuleType:
     return module
 
 
-def write_csv(recording: Recording, file: TextIO) -> None:
-    """Every trial as a line of comma-separated values, numbers in full precision."""
-    history = recording.history
-    names = list(recording.header["names"])
-    constraints = [f"constraint[{i}]" for i in range(history.constraint_count)]
-    writer = csv.writer(file, lineterminator="\n")
-    writer.writerow(["trial", *names, "feasible", "value", "time", *constraints])
-    for trial in history:
-        feasible = int(trial.index == history.goal)
-        known = ("" if math.isnan(value) else value for value in trial.constraints)
-        writer.writerow(
-            [trial.number + 1, *trial.x, *trial.categories, feasible, trial.value, trial.time, *known]
-        )
-
-
 def _bounds(text: str) -> tuple[Optional[str], tuple[Any, ...]]:
     name, values = _named(text)
     parts = values.split(":")
-    logarithmic = len(parts) == 3 and parts[2] == "log"
-    if len(parts) != 2 and not logarithmic:
-        raise argparse.ArgumentTypeError(f"{text.strip()!r} is not LOWER:UPPER or LOWER:UPPER:log")
+    if (
+        name is None
+        and re.fullmatch(r"[\w./-]+:[^\W\d][\w.]*", values)
+        and not _is_number(parts[1])
+    ):
+        raise argparse.ArgumentTypeError(
+            f"{values!r} is no bound: a function is named before --bounds, not after it"
+        )
+    if len(parts) < 2 or not all(_is_number(p) or p in ("log", "int") for p in parts[2:]):
+        raise argparse.ArgumentTypeError(
+            f"{text.strip()!r} is not LOWER:UPPER, with :log, :int or :STEP after it"
+        )
+    if not (_is_number(parts[0]) and _is_number(parts[1])):
+        raise argparse.ArgumentTypeError(f"{text.strip()!r} does not hold two numbers")
+    extras = [float(part) if _is_number(part) else part for part in parts[2:]]
+    return name, (float(parts[0]), float(parts[1]), *extras)
+
+
+def _is_number(text: str) -> bool:
     try:
-        lower, upper = float(parts[0]), float(parts[1])
+        float(text)
     except ValueError:
-        raise argparse.ArgumentTypeError(f"{text.strip()!r} does not hold two numbers") from None
-    return name, (lower, upper, "log") if logarithmic else (lower, upper)
+        return False
+    return True
+
+
+def _template(text: str) -> tuple[str, str]:
+    source, _colon, target = text.partition(":")
+    if not (source and target):
+        raise argparse.ArgumentTypeError(f"{text!r} is not SOURCE:TARGET")
+    return source, target
 
 
 def _choices(text: str) -> tuple[Optional[str], list[Any]]:
@@ -531,7 +671,7 @@ def _number(value: float) -> str:
 
 
 def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]:
-    point = None if result.x is None else [float(value) for value in result.x]
+    point = None if result.x is None else _numbers(result.x)
     return {
         "names": list(names),
         "x": point,
@@ -546,7 +686,7 @@ def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]
         "constraints": list(result.constraints),
         "locals": [
             {
-                "x": [float(value) for value in local.x],
+                "x": _numbers(local.x),
                 "categories": list(local.categories),
                 "fun": local.fun,
                 "radius": local.radius,
@@ -557,6 +697,10 @@ def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]
         "replayed": result.replayed,
         "elapsed_seconds": result.elapsed_seconds,
     }
+
+
+def _numbers(x: Sequence[float]) -> list[float]:
+    return [value if isinstance(value, int) else float(value) for value in x]
 
 
 def _json_trial(trial: Trial) -> dict[str, Any]:
@@ -610,10 +754,14 @@ def _describe(error: BaseException) -> str:
     text = " ".join(str(error).split())
     place = ""
     frames = traceback.extract_tb(error.__traceback__)
-    outside = [f for f in frames if Path(f.filename).parent != Path(__file__).parent]
-    outside = [f for f in outside if not f.filename.startswith("<frozen")]
-    if outside and outside[-1].filename != importlib.__file__:
-        place = f" ({Path(outside[-1].filename).name}, line {outside[-1].lineno})"
+    libraries = tuple({sysconfig.get_path(name) for name in ("stdlib", "purelib", "platlib")})
+    # The user's line, not that of subprocess.py which it called.
+    for frame in reversed(frames):
+        path = Path(frame.filename).resolve()
+        is_ours = path.parent == Path(__file__).resolve().parent
+        if not (is_ours or str(path).startswith(libraries) or frame.filename.startswith("<frozen")):
+            place = f" ({path.name}, line {frame.lineno})"
+            break
     return f"{type(error).__name__}{': ' if text else ''}{text}{place}"
 
 

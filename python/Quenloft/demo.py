@@ -14,8 +14,8 @@ from __future__ import annotations
 import math
 from typing import Callable, Sequence
 
-from .result import OptimizeResult
-from .search import minimize
+from ._minimize import minimize
+from ._result import OptimizeResult
 
 #: Concentration of the substrate, ppm.
 CONCENTRATIONS = (0.02, 0.02, 0.06, 0.06, 0.11, 0.11, 0.22, 0.22, 0.56, 0.56, 1.10, 1.10)

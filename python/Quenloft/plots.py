@@ -14,9 +14,9 @@ import os
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Any, Optional, Sequence, Union
 
-from .history import History
-from .journal import Recording
-from .result import OptimizeResult
+from ._history import History
+from ._journal import Recording
+from ._result import OptimizeResult
 
 if TYPE_CHECKING:
     from matplotlib.axes import Axes
@@ -25,7 +25,7 @@ if TYPE_CHECKING:
 Source = Union[OptimizeResult, Recording, History]
 
 # More variables than these make the panels of a matrix too small to read.
-MOST_PROJECTED = 8
+MOST_PROJECTED = 6
 
 _ORDER = "viridis"  # colours of the order of trials
 _INFEASIBLE = "#b0413e"
@@ -42,7 +42,8 @@ def plot_convergence(
     """Best objective value against the number of trials.
 
     A single search is drawn with its trials: dots for feasible ones, a rug below for infeasible
-    ones. Several are drawn as one line each.
+    ones. Several are drawn as one line each. Of a search that found no feasible point the
+    violations are drawn: of the constraint that was the last to be reached in the given order.
 
     Parameters
     ----------
@@ -73,6 +74,8 @@ def plot_convergence(
         raise ValueError(f"{len(labels)} labels for {len(views)} searches")
     ax = _axes(ax)
     shown: list[float] = []  # every value drawn, for the choice of the scale
+    if single and not views[0].is_feasible:
+        return _draw_violations(ax, views[0])
     for position, view in enumerate(views):
         history = view.history
         offset = minimum or 0.0
@@ -82,14 +85,27 @@ def plot_convergence(
             feasible = [i for i in range(len(history)) if history.index[i] == history.goal]
             values = [history.value[i] - offset for i in feasible]
             ax.plot(
-                [i + 1 for i in feasible], values, ".", color="0.6", markersize=4,
-                label="trials", zorder=1,
+                [i + 1 for i in feasible],
+                values,
+                ".",
+                color="0.6",
+                markersize=4,
+                label="trials",
+                zorder=1,
             )
             shown += values
             _draw_infeasible_rug(ax, view)
         (line,) = ax.step(
-            numbers, best, where="post", linewidth=1.8, zorder=3,
-            label=labels[position] if labels else "best so far" if single else f"search {position + 1}",
+            numbers,
+            best,
+            where="post",
+            linewidth=1.8,
+            zorder=3,
+            label=labels[position]
+            if labels
+            else "best so far"
+            if single
+            else f"search {position + 1}",
         )
         if view.history.polish_start is not None and single:
             ax.axvline(view.history.polish_start + 0.5, color="0.4", linestyle=":", label="polish")
@@ -118,9 +134,10 @@ def plot_trials(
     """Where the trials lie, in the order in which they were made.
 
     Of two variables the picture is a map: contours of the objective through the feasible trials,
-    the trials coloured by their order, the best one and the other local minima marked. Of more it
-    is a matrix: each pair of variables in projection below the diagonal, on the diagonal how
-    many trials lie where. Of one it is the objective itself.
+    the trials coloured by their order, the best one and the other local minima marked with their
+    values. Of more it is a matrix: each pair of variables in projection below the diagonal, on the
+    diagonal how many trials lie where. Of one it is the objective itself. Where no trial is
+    feasible, the violation takes the place of the objective, and the star marks the closest one.
 
     Parameters
     ----------
@@ -130,7 +147,8 @@ def plot_trials(
         Where: for one or two variables one, for n an array of shape (n, n), of which those above
         the diagonal are hidden. A new figure by default.
     variables : sequence of int or str, optional
-        Which variables, by position or name: all by default, the first eight if there are more.
+        Which variables, by position or name: all by default, of more than six the six that tell
+        most: in which the best trials lie closest together.
     categories : sequence, optional
         The choices of the categorical variables whose trials are drawn; those of the best
         trial by default.
@@ -154,7 +172,7 @@ def plot_trials(
     if len(axes) == 1:
         ax = _axes(ax)
         _draw_along(ax, view, subset, axes[0])
-    elif len(axes) == 2 and view.history.dimension == 2:
+    elif len(axes) == 2 and axes == view.varying():
         ax = _axes(ax)
         _draw_map(ax, view, subset, axes[0], axes[1])
     elif len(axes) == 2:
@@ -177,8 +195,8 @@ def plot_objective(
     """The objective along each variable: what the feasible trials say about it.
 
     One panel for each variable, the categorical ones last. Each shows the value of every
-    feasible trial, with a line through the lowest: how the best reachable value depends on the
-    variable. A flat line means that the variable hardly matters.
+    feasible trial, with a bar at the lowest in each part of the range: how the best value found
+    depends on the variable. Bars at one height mean that the variable hardly matters.
 
     Parameters
     ----------
@@ -241,10 +259,10 @@ def plot_overview(source: Source, figure: Optional[Figure] = None) -> Figure:
     """
     view = _view(source)
     history = view.history
-    panel_count = history.dimension + len(history.choices)
+    panel_count = len(view.varying()) + len(history.choices)
     columns = min(3, panel_count)
     rows = -(-panel_count // columns)
-    with_map = history.dimension == 2
+    with_map = len(view.varying()) == 2
     if figure is None:
         matplotlib = _matplotlib()
         height = 3.4 + 2.8 * rows + (5.4 if with_map else 0.0)
@@ -252,7 +270,7 @@ def plot_overview(source: Source, figure: Optional[Figure] = None) -> Figure:
             figsize=(max(7.0, 3.5 * columns), height), layout="constrained"
         )
     ratios = [3.4, *([5.4] if with_map else []), 2.8 * rows]
-    parts = figure.subfigures(len(ratios), 1, height_ratios=ratios)
+    parts = figure.subfigures(len(ratios), 1, squeeze=False, height_ratios=ratios).ravel()
     plot_convergence(source, parts[0].subplots())
     if with_map:
         plot_trials(source, parts[1].subplots())
@@ -300,7 +318,27 @@ class _View:
     names: tuple[str, ...]  # the real variables, then the categorical ones
     logarithmic: frozenset[int]
     bounds: Sequence[tuple[float, float]]  # empty when unknown
-    minima: list[tuple[Sequence[float], tuple[Any, ...], float]]  # best first
+    minima: Sequence[tuple[Sequence[float], tuple[Any, ...], float]]  # best first
+    shown: int  # the index of the trials whose values are drawn: feasible ones if there are any
+
+    @property
+    def is_feasible(self) -> bool:
+        """Whether there is a feasible trial."""
+        return self.shown == self.history.goal
+
+    @property
+    def measure(self) -> str:
+        """What the values drawn are."""
+        if self.is_feasible:
+            return "objective"
+        if self.shown >= self.history.constraint_count:
+            return "objective, not finite"
+        return f"violation of constraint {self.shown}"
+
+    @property
+    def best_label(self) -> str:
+        """What the best trial is."""
+        return "best" if self.is_feasible else "closest"
 
     def positions(
         self, variables: Optional[Sequence[Union[int, str]]], categorical: bool = False
@@ -308,7 +346,10 @@ class _View:
         dimension = self.history.dimension
         count = dimension + (len(self.history.choices) if categorical else 0)
         if variables is None:
-            return list(range(count if categorical else min(count, MOST_PROJECTED)))
+            varying = self.varying() + list(range(dimension, count))
+            if categorical or len(varying) <= MOST_PROJECTED:
+                return varying
+            return sorted(sorted(varying, key=self.closeness_of_best)[:MOST_PROJECTED])
         known = self.names[:count]
         found = []
         for variable in [variables] if isinstance(variables, (int, str)) else variables:
@@ -321,6 +362,11 @@ class _View:
         if not found:
             raise ValueError("no variable to draw")
         return found
+
+    def varying(self) -> list[int]:
+        """Positions of the numbers that are not fixed."""
+        dimension = self.history.dimension
+        return [i for i in range(dimension) if not self.bounds or len({*self.bounds[i]}) > 1]
 
     def of_categories(self, categories: Optional[Sequence[Any]]) -> list[int]:
         """Positions of the trials with these choices."""
@@ -337,13 +383,36 @@ class _View:
         """The choices of the categorical variables of a trial."""
         return self.history[trial].categories
 
-    def feasible(self, trials: Sequence[int]) -> list[int]:
-        index, goal = self.history.index, self.history.goal
-        return [i for i in trials if index[i] == goal]
+    def closeness_of_best(self, variable: int) -> float:
+        """Spread of the best tenth of the trials, relative to that of all: small where the value
+        depends on this variable."""
+        history = self.history
+        trials = range(len(history))
+        order = sorted(trials, key=lambda i: (-history.index[i], history.value[i], i))
+        unit = _unit(self, variable, trials)
+
+        def spread(part: Sequence[int]) -> float:
+            middle = sum(unit[i] for i in part) / len(part)
+            return sum((unit[i] - middle) ** 2 for i in part) / len(part)
+
+        whole = spread(trials)
+        return spread(order[: 1 + len(order) // 10]) / whole if whole else math.inf
+
+    def drawn(self, trials: Sequence[int]) -> list[int]:
+        """Those whose values are drawn: the feasible ones, or those nearest to being so."""
+        index, value = self.history.index, self.history.value
+        return [i for i in trials if index[i] == self.shown and math.isfinite(value[i])]
 
     def column(self, variable: int, trials: Sequence[int]) -> list[float]:
         table = self.history.x
         return [table[i][variable] for i in trials]
+
+    def range(self, variable: int) -> tuple[float, float]:
+        """The bounds of a variable, or where its trials lie if those are not known."""
+        if self.bounds and self.bounds[variable][0] < self.bounds[variable][1]:
+            return self.bounds[variable]
+        column = self.column(variable, range(len(self.history)))
+        return min(column), max(column)
 
     def values(self, trials: Sequence[int]) -> list[float]:
         column = self.history.value
@@ -356,8 +425,8 @@ class _View:
         (ax.set_xlabel if horizontal else ax.set_ylabel)(self.names[variable])
         if variable in self.logarithmic:
             (ax.set_xscale if horizontal else ax.set_yscale)("log")
-        if self.bounds:
-            lower, upper = self.bounds[variable]
+        lower, upper = self.bounds[variable] if self.bounds else (0.0, 0.0)
+        if lower < upper:
             (ax.set_xlim if horizontal else ax.set_ylim)(lower, upper)
         if variable in self.logarithmic:
             _label_decades(axis)
@@ -385,8 +454,7 @@ def _view(
     known = list(names or history.names)
     known += [f"x[{i}]" for i in range(len(known), history.dimension)]
     known += [
-        f"categories[{i}]"
-        for i in range(len(known) - history.dimension, len(history.choices))
+        f"categories[{i}]" for i in range(len(known) - history.dimension, len(history.choices))
     ]
     best = history[history.best()]
     minima = [(best.x, best.categories, best.value)]
@@ -399,6 +467,7 @@ def _view(
         frozenset(history.logarithmic if logarithmic is None else logarithmic),
         history.bounds,
         minima,
+        best.index,
     )
 
 
@@ -439,25 +508,54 @@ def _flatten(axes: Any) -> list[Any]:
     return [axes]
 
 
-def _scale_values(ax: Any, values: Sequence[float], minimum: Optional[float] = None) -> None:
+def _scale_values(
+    ax: Any,
+    values: Sequence[float],
+    minimum: Optional[float] = None,
+    cut: float = 3.0,
+) -> None:
     """A logarithmic axis for values that span decades, else one on which the best part is seen.
 
     The first trials of a search are often far above everything that matters later: on a linear
-    axis that shows them all, the rest is a straight line at the bottom.
+    axis that shows them all, the rest is a straight line at the bottom. What is cut off is more
+    than `cut` times as high as three quarters of the values.
     """
     finite = sorted(value for value in values if math.isfinite(value))
     if not finite:
         return
     positive = [value for value in finite if value > 0.0]
-    if minimum is not None and positive:
-        ax.set_yscale("log")
-    elif finite[0] > 0.0 and finite[-1] > 100.0 * finite[0]:
+    if (minimum is not None and positive) or (finite[0] > 0.0 and finite[-1] > 100.0 * finite[0]):
         ax.set_yscale("log")
     else:
         middle = finite[int(0.75 * (len(finite) - 1))]
         reach = middle - finite[0]
-        if reach > 0.0 and finite[-1] - finite[0] > 3.0 * reach:
+        if reach > 0.0 and finite[-1] - finite[0] > cut * reach:
             ax.set_ylim(finite[0] - 0.1 * reach, finite[0] + 1.5 * reach)
+
+
+def _draw_violations(ax: Axes, view: _View) -> Axes:
+    """The convergence of a search without a feasible trial: how near it came."""
+    history = view.history
+    drawn = view.drawn(range(len(history)))
+    values = view.values(drawn)
+    ax.plot([i + 1 for i in drawn], values, ".", color=_INFEASIBLE, markersize=4, label="trials")
+    lowest: list[float] = []
+    for value in values:
+        lowest.append(min([value, *lowest[-1:]]))
+    ax.step(
+        [i + 1 for i in drawn] + [len(history)] * bool(drawn),
+        lowest + lowest[-1:],
+        where="post",
+        linewidth=1.8,
+        label="closest so far",
+    )
+    _scale_values(ax, values, cut=math.inf)
+    ax.set_xlabel("trials")
+    ax.set_ylabel(view.measure)
+    ax.set_title("no feasible point", loc="left", fontsize="medium")
+    ax.margins(x=0.02)
+    ax.legend(loc="upper right", fontsize="small", framealpha=0.9)
+    return ax
 
 
 def _draw_infeasible_rug(ax: Any, view: _View) -> None:
@@ -465,28 +563,73 @@ def _draw_infeasible_rug(ax: Any, view: _View) -> None:
     infeasible = [i + 1 for i in range(len(history)) if history.index[i] != history.goal]
     if infeasible:
         ax.plot(
-            infeasible, [0.02] * len(infeasible), "|", color=_INFEASIBLE, markersize=6,
-            transform=ax.get_xaxis_transform(), label="infeasible", zorder=1,
+            infeasible,
+            [0.02] * len(infeasible),
+            "|",
+            color=_INFEASIBLE,
+            markersize=6,
+            transform=ax.get_xaxis_transform(),
+            label="infeasible",
+            zorder=1,
         )
 
 
 def _draw_map(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> None:
-    _draw_contours(ax, view, trials, first, second)
+    shades = _draw_contours(ax, view, trials, first, second)
     points = _draw_projection(ax, view, trials, first, second)
-    if points is not None:
-        ax.figure.colorbar(points, ax=ax, label="trial")
+    ax.figure.colorbar(points, ax=ax, label="trial")
+    if shades is not None:
+        scale = ax.figure.colorbar(shades, ax=ax, label=view.measure, format=_short, pad=0.02)
+        scale.ax.tick_params(labelsize="small")
+    _write_values(ax, view, trials, first, second)
     handles, labels = ax.get_legend_handles_labels()
     if labels:
         ax.legend(
-            handles, labels, loc="lower right", bbox_to_anchor=(1.0, 1.0), ncol=3,
-            fontsize="small", frameon=False, borderaxespad=0.2, handletextpad=0.2,
+            handles,
+            labels,
+            loc="lower right",
+            bbox_to_anchor=(1.0, 1.0),
+            ncol=3,
+            fontsize="small",
+            frameon=False,
+            borderaxespad=0.2,
+            handletextpad=0.2,
         )
-    if view.history.choices:
-        ax.set_title(", ".join(map(str, view.chosen(trials[0]))), loc="left", fontsize="medium")
+    title = [", ".join(map(str, view.chosen(trials[0])))]
+    title += [] if view.is_feasible else ["no feasible point"]
+    ax.set_title("; ".join(filter(None, title)), loc="left", fontsize="medium")
 
 
-def _draw_contours(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> None:
-    """Filled contours over a triangulation of the trials; none where a corner is infeasible.
+def _short(value: float, position: Any = None) -> str:
+    return f"{value:.4g}"
+
+
+def _write_values(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> None:
+    """The value beside each minimum that is marked."""
+    shown = view.chosen(trials[0])
+    for x, chosen, value in view.minima:
+        if chosen == shown:
+            inwards = [-1 if part > 0.8 else 1 for part in _fractions(ax, x[first], x[second])]
+            ax.annotate(
+                _short(value),
+                (x[first], x[second]),
+                xytext=(7 * inwards[0], 6 * inwards[1]),
+                textcoords="offset points",
+                ha="left" if inwards[0] > 0 else "right",
+                va="bottom" if inwards[1] > 0 else "top",
+                fontsize="x-small",
+                zorder=6,
+                bbox={"boxstyle": "round,pad=0.15", "fc": "white", "ec": "none", "alpha": 0.75},
+            )
+
+
+def _fractions(ax: Any, x: float, y: float) -> Any:
+    """Where a point lies in its axes, from (0, 0) to (1, 1)."""
+    return ax.transAxes.inverted().transform(ax.transData.transform((x, y)))
+
+
+def _draw_contours(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> Any:
+    """Filled contours over a triangulation of the trials; none where a corner has no value.
 
     The triangulation is made in the box of the search, where both variables have the same
     range: in the caller's units its triangles would be slivers.
@@ -494,31 +637,32 @@ def _draw_contours(ax: Any, view: _View, trials: Sequence[int], first: int, seco
     _matplotlib()
     from matplotlib.tri import Triangulation
 
-    feasible = set(view.feasible(trials))
+    drawn = set(view.drawn(trials))
     unit = [_unit(view, variable, trials) for variable in (first, second)]
-    if len(feasible) < 3:
-        return
+    if len(drawn) < 3:
+        return None
     try:
         triangles = Triangulation(unit[0], unit[1]).triangles
     except (RuntimeError, ValueError):  # fewer than three trials, or all on one line
-        return
-    values = view.values(trials)
-    levels = _quantiles([view.history.value[i] for i in feasible], 14)
+        return None
+    values = [v if math.isfinite(v) else 0.0 for v in view.values(trials)]
+    levels = _quantiles(view.values(sorted(drawn)), 14)
     if len(levels) < 2:
-        return
-    mask = [any(trials[corner] not in feasible for corner in triangle) for triangle in triangles]
+        return None
+    mask = [any(trials[corner] not in drawn for corner in triangle) for triangle in triangles]
     if all(mask):
-        return
+        return None
     mesh = Triangulation(
         view.column(first, trials), view.column(second, trials), triangles, mask=mask
     )
     # Darker is lower. One shade for each level: the levels are quantiles, and with shades by
     # value all but a few would look alike.
     shades = [str(0.55 + 0.42 * i / (len(levels) - 1)) for i in range(len(levels) - 1)]
-    ax.tricontourf(mesh, values, levels=levels, colors=shades, zorder=0)
+    filled = ax.tricontourf(mesh, values, levels=levels, colors=shades, zorder=0)
     ax.tricontour(
         mesh, values, levels=levels, colors="0.5", linewidths=0.5, linestyles="solid", zorder=1
     )
+    return filled
 
 
 def _unit(view: _View, variable: int, trials: Sequence[int]) -> list[float]:
@@ -538,19 +682,31 @@ def _quantiles(values: Sequence[float], count: int) -> list[float]:
 def _draw_projection(
     ax: Any, view: _View, trials: Sequence[int], first: int, second: int, size: float = 14.0
 ) -> Any:
-    feasible = view.feasible(trials)
-    inside = set(feasible)
+    drawn = view.drawn(trials)
+    inside = set(drawn)
     infeasible = [i for i in trials if i not in inside]
     if infeasible:
         ax.scatter(
-            view.column(first, infeasible), view.column(second, infeasible), marker="x",
-            s=0.8 * size, linewidths=0.7, color=_INFEASIBLE, alpha=0.4, zorder=2,
+            view.column(first, infeasible),
+            view.column(second, infeasible),
+            marker="x",
+            s=0.8 * size,
+            linewidths=0.7,
+            color=_INFEASIBLE,
+            alpha=0.4,
+            zorder=2,
             label="infeasible",
         )
     points = ax.scatter(
-        view.column(first, feasible), view.column(second, feasible), c=[i + 1 for i in feasible],
-        cmap=_ORDER, s=size, linewidths=0.2, edgecolors="white", zorder=3,
-        vmin=1, vmax=len(view.history),
+        view.column(first, drawn),
+        view.column(second, drawn),
+        c=[i + 1 for i in drawn],
+        cmap=_ORDER,
+        s=size,
+        zorder=3,
+        vmin=1,
+        vmax=len(view.history),
+        **({"linewidths": 0.2, "edgecolors": "white"} if view.is_feasible else {"marker": "x"}),
     )
     _mark_minima(ax, view, trials, first, second, size)
     view.prepare_axis(ax.xaxis, first)
@@ -566,14 +722,28 @@ def _mark_minima(
     others = [x for x, rank in minima if rank]
     if others:
         ax.scatter(
-            [x[first] for x in others], [x[second] for x in others], marker="D", s=2.5 * size,
-            facecolors="none", edgecolors=_BEST, linewidths=1.2, zorder=4, label="local minima",
+            [x[first] for x in others],
+            [x[second] for x in others],
+            marker="D",
+            s=2.5 * size,
+            facecolors="none",
+            edgecolors=_BEST,
+            linewidths=1.2,
+            zorder=4,
+            label="local minima",
         )
     best = [x for x, rank in minima if not rank]
     if best:
         ax.scatter(
-            [best[0][first]], [best[0][second]], marker="*", s=12.0 * size, color=_BEST,
-            edgecolors="white", linewidths=0.8, zorder=5, label="best",
+            [best[0][first]],
+            [best[0][second]],
+            marker="*",
+            s=12.0 * size,
+            color=_BEST,
+            edgecolors="white",
+            linewidths=0.8,
+            zorder=5,
+            label=view.best_label,
         )
 
 
@@ -618,7 +788,7 @@ def _draw_matrix(ax: Any, view: _View, trials: Sequence[int], variables: Sequenc
 
 def _draw_histogram(ax: Any, view: _View, trials: Sequence[int], variable: int) -> None:
     column = view.column(variable, trials)
-    lower, upper = view.bounds[variable] if view.bounds else (min(column), max(column))
+    lower, upper = view.range(variable)
     if variable in view.logarithmic:
         edges = [lower * (upper / lower) ** (i / 20) for i in range(21)]
     else:
@@ -631,77 +801,117 @@ def _draw_histogram(ax: Any, view: _View, trials: Sequence[int], variable: int) 
 
 
 def _draw_along(ax: Any, view: _View, trials: Sequence[int], variable: int) -> None:
-    feasible = view.feasible(trials)
-    x, values = view.column(variable, feasible), view.values(feasible)
+    drawn = view.drawn(trials)
+    x, values = view.column(variable, drawn), view.values(drawn)
     ax.scatter(
-        x, values, c=[i + 1 for i in feasible], cmap=_ORDER, s=10.0, linewidths=0,
-        vmin=1, vmax=len(view.history), zorder=2,
+        x,
+        values,
+        c=[i + 1 for i in drawn],
+        cmap=_ORDER,
+        s=10.0,
+        linewidths=0,
+        vmin=1,
+        vmax=len(view.history),
+        zorder=2,
     )
-    below = sorted(zip(x, values))
-    if view.history.dimension > 1 or view.history.choices:
-        below = _lowest(_unit(view, variable, feasible) if feasible else [], x, values)
-    ax.plot([point[0] for point in below], [point[1] for point in below], color="0.3", zorder=3)
-    inside = set(feasible)
+    if len(view.varying()) > 1 or view.history.choices:
+        for left, right, value in _lowest(view, variable, drawn):
+            ax.plot([left, right], [value, value], color="0.3", zorder=3)
+    else:
+        below = sorted(zip(x, values))
+        ax.plot([point[0] for point in below], [point[1] for point in below], color="0.3", zorder=3)
+    inside = set(drawn)
     infeasible = [i for i in trials if i not in inside]
     if infeasible:
         ax.plot(
-            view.column(variable, infeasible), [0.02] * len(infeasible), "|", color=_INFEASIBLE,
-            markersize=5, transform=ax.get_xaxis_transform(), zorder=1,
+            view.column(variable, infeasible),
+            [0.02] * len(infeasible),
+            "|",
+            color=_INFEASIBLE,
+            markersize=5,
+            transform=ax.get_xaxis_transform(),
+            zorder=1,
         )
-    _scale_values(ax, values)
+    # The whole curve of a single variable is worth seeing.
+    whole = len(view.varying()) == 1 or not view.is_feasible
+    _scale_values(ax, values, cut=30.0 if whole else 3.0)
     best, _, value = view.minima[0]
-    if feasible:
+    if drawn:
         ax.plot(
-            best[variable], value, "*", color=_BEST, markersize=13, markeredgecolor="white",
+            best[variable],
+            value,
+            "*",
+            color=_BEST,
+            markersize=13,
+            markeredgecolor="white",
             zorder=4,
         )
     view.prepare_axis(ax.xaxis, variable)
-    ax.set_ylabel("objective")
+    ax.set_ylabel(view.measure)
 
 
 def _lowest(
-    unit: Sequence[float], x: Sequence[float], values: Sequence[float], bins: int = 25
-) -> list[tuple[float, float]]:
-    """The lowest trial in each of equal parts of the variable's range, from left to right."""
-    lowest: dict[int, tuple[float, float]] = {}
-    for position, point in zip(unit, zip(x, values)):
-        part = min(int(position * bins), bins - 1)
-        if part not in lowest or point[1] < lowest[part][1]:
-            lowest[part] = point
-    return [lowest[part] for part in sorted(lowest)]
+    view: _View, variable: int, trials: Sequence[int], bins: int = 25
+) -> list[tuple[float, float, float]]:
+    """The lowest value in each of equal parts of the range that has one: left, right, value."""
+    lower, upper = view.range(variable)
+    is_log = variable in view.logarithmic
+    low, high = (math.log(lower), math.log(upper)) if is_log else (lower, upper)
+    lowest: dict[int, float] = {}
+    for x, value in zip(view.column(variable, trials), view.values(trials)):
+        share = ((math.log(x) if is_log else x) - low) / ((high - low) or 1.0)
+        part = min(max(int(share * bins), 0), bins - 1)
+        lowest[part] = min(value, lowest.get(part, value))
+    edges = [low + (high - low) * i / bins for i in range(bins + 1)]
+    ends = [math.exp(edge) for edge in edges] if is_log else edges
+    return [(ends[part], ends[part + 1], lowest[part]) for part in sorted(lowest)]
 
 
 def _draw_choices(ax: Any, view: _View, variable: int) -> None:
-    """One column for each choice: its feasible trials, spread by their order, and the lowest."""
+    """One column for each choice: its trials, spread by their order, and the lowest."""
     history = view.history
     which = variable - history.dimension
     choices = history.choices[which]
     columns = history.category
-    feasible = view.feasible(range(len(history)))
-    values = view.values(feasible)
-    chosen = [columns[i][which] for i in feasible]
-    spread = [0.5 * i / max(1, len(history) - 1) - 0.25 for i in feasible]
+    drawn = view.drawn(range(len(history)))
+    values = view.values(drawn)
+    chosen = [columns[i][which] for i in drawn]
+    spread = [0.5 * i / max(1, len(history) - 1) - 0.25 for i in drawn]
     ax.scatter(
-        [choice + offset for choice, offset in zip(chosen, spread)], values,
-        c=[i + 1 for i in feasible], cmap=_ORDER, s=10.0, linewidths=0,
-        vmin=1, vmax=len(history), zorder=2,
+        [choice + offset for choice, offset in zip(chosen, spread)],
+        values,
+        c=[i + 1 for i in drawn],
+        cmap=_ORDER,
+        s=10.0,
+        linewidths=0,
+        vmin=1,
+        vmax=len(history),
+        zorder=2,
     )
     for choice in sorted(set(chosen)):
         lowest = min(value for value, other in zip(values, chosen) if other == choice)
         ax.plot([choice - 0.35, choice + 0.35], [lowest] * 2, color="0.3", zorder=3)
     _scale_values(ax, values)
-    if feasible:
+    if drawn:
         best, value = history.best(), view.minima[0][2]
         ax.plot(
-            columns[best][which], value, "*", color=_BEST, markersize=13, markeredgecolor="white",
+            columns[best][which],
+            value,
+            "*",
+            color=_BEST,
+            markersize=13,
+            markeredgecolor="white",
             zorder=4,
         )
     labels = [str(choice) for choice in choices]
     crowded = sum(map(len, labels)) > 30
     ax.set_xticks(
-        range(len(labels)), labels, rotation=20 if crowded else 0,
-        ha="right" if crowded else "center", fontsize="small",
+        range(len(labels)),
+        labels,
+        rotation=20 if crowded else 0,
+        ha="right" if crowded else "center",
+        fontsize="small",
     )
     ax.set_xlim(-0.6, len(labels) - 0.4)
     ax.set_xlabel(view.names[variable])
-    ax.set_ylabel("objective")
+    ax.set_ylabel(view.measure)

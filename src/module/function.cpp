@@ -56,14 +56,15 @@ double Function::operator()(const double* point, const std::int32_t* categorical
 }
 
 bool Function::Refill(const double* point, const std::int32_t* categorical) {
+  bool is_refilled = true;
   for (std::uint32_t i = 0; i < dimension; ++i) {
-    if (StoreInPlace(coordinates, i, point[i])) continue;
-    if (!Store(coordinates, i, PyFloat_FromDouble(point[i]))) return false;
+    is_refilled &= StoreInPlace(coordinates, i, point[i]) ||
+                   Store(coordinates, i, PyFloat_FromDouble(point[i]));
   }
   for (std::uint32_t i = 0; i < categorical_count; ++i) {
-    if (!Store(categories, i, PyLong_FromLong(categorical[i]))) return false;
+    is_refilled &= Store(categories, i, PyLong_FromLong(categorical[i]));
   }
-  return true;
+  return is_refilled;
 }
 
 double Function::Call() {

@@ -15,8 +15,8 @@
 // The callable is given the coordinates as a tuple of floats and, where the
 // problem has categorical variables, their values as a tuple of integers. Both
 // tuples are made once and refilled in place before every call. Whoever keeps one
-// of them makes the next refill fail: the old contents stay, and that evaluation
-// fails with the interpreter's internal-call error.
+// of them makes its next refill fail: its old contents stay, and that evaluation
+// fails with the interpreter's internal-call error. The other is refilled.
 //
 // An evaluation fails by answering NaN with the error indicator set; it never
 // throws. It fails when the indicator was set before, too, whatever the callable
@@ -38,7 +38,7 @@ class Function final : public QuenloftSolver::FunctionInterface {
   double operator()(const double* point, const std::int32_t* categorical) override;
 
  private:
-  // False, with the indicator set, when one of the tuples could not be changed.
+  // False, with the indicator set, when some item of a tuple could not be changed.
   bool Refill(const double* point, const std::int32_t* categorical);
   // The callable's answer; a failure leaves the indicator set.
   double Call();

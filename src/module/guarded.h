@@ -61,6 +61,16 @@ auto calling_python(Call&& call) -> decltype(call()) {
   return result;
 }
 
+// Runs the handlers of signals that came in, as Python code does between its instructions.
+inline void CheckSignals() {
+  if (calling_python([] { return PyErr_CheckSignals(); }) < 0) throw PythonError{};
+}
+
+// The same in a loop over what may be very many items, of which this is number `i`.
+inline void CheckSignalsNowAndThen(Py_ssize_t i) {
+  if (i % 1024 == 0) CheckSignals();
+}
+
 // Runs the body; an exception becomes a Python error and the slot's value for
 // failure, null or -1.
 template <typename Body>

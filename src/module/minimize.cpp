@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <limits>
 #include <map>
 #include <stdexcept>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "module/result_type.h"
 #include "module/test_type.h"
 #include "solver/create_solver.h"
+#include "solver/search_memory.h"
 
 namespace QuenloftModule {
 namespace {
@@ -45,6 +47,7 @@ struct StopConditions {
   bool IsAnySet() const {
     static_assert(sizeof(StopConditions) == 24, "compared byte by byte, so without padding");
     static const StopConditions defaults;
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): bits are meant
     return std::memcmp(this, &defaults, sizeof defaults) != 0;
   }
 };
@@ -112,15 +115,14 @@ Py_ssize_t LengthOf(const PyRef& sequence) {
   return length;
 }
 
-// Item i of the sequence, converted. A reference on the item is kept for ever. A
+// Item i of the sequence, converted. The reference on the item is kept for ever. A
 // failing conversion is not reported here: its value is used, and the error moves
 // to `pending`, to fail the first evaluation. An item that cannot be fetched is
 // passed to the conversion all the same, which fails in its own words.
 template <typename Convert>
 auto ConvertItem(const PyRef& sequence, Py_ssize_t i, SavedError& pending, Convert convert) {
-  PyRef item = PyRef::steal(PySequence_GetItem(sequence.get(), i));
-  const auto value = convert(item.get());
-  KeepForever(std::move(item));
+  PyObject* const item = KeepForever(PyRef::steal(PySequence_GetItem(sequence.get(), i)));
+  const auto value = convert(item);
   pending.Save();
   return value;
 }
@@ -157,24 +159,37 @@ void ConvertCategorical(Problem& problem, const PyRef& categorical, SavedError& 
   }
 }
 
-void AppendAdapter(Problem& problem, PyObject* callable) {
-  problem.adapters.emplace_back(callable, problem.dimension,
-                                static_cast<std::uint32_t>(problem.categorical_values.size()));
-  problem.functions.push_back(&problem.adapters.back());
+// Raises where the search could not even begin. The first step would fill the memory
+// otherwise, and what then ends the process is not an exception.
+void CheckMemory(const Problem& problem, Py_ssize_t constraint_count,
+                 const SearchParameters& parameters) {
+  double combinations = 1.0;
+  for (const std::int32_t size : problem.categorical_values) combinations *= size;
+  const double functions = static_cast<double>(constraint_count) + 1.0;
+  if (QuenloftSolver::LeastMemory(static_cast<int>(problem.dimension), combinations, functions,
+                                  parameters) <= QuenloftSolver::MemoryLimit()) {
+    return;
+  }
+  if (combinations > 1.0) RaiseTypeError(kCombinationsMessage);
+  throw std::length_error("Too many constraints.");
 }
 
-void MakeAdapters(Problem& problem, const Inputs& inputs) {
+void MakeAdapters(Problem& problem, const Inputs& inputs, Py_ssize_t constraint_count) {
   problem.adapters.clear();
   problem.functions.clear();
-  const Py_ssize_t length = inputs.constraints ? LengthOf(inputs.constraints) : 0;
-  if (length > INT_MAX) throw std::length_error("Too many constraints.");
-  for (Py_ssize_t i = 0; i < length; ++i) {
+  const auto append = [&](PyObject* callable) {
+    problem.adapters.emplace_back(callable, problem.dimension,
+                                  static_cast<std::uint32_t>(problem.categorical_values.size()));
+  };
+  for (Py_ssize_t i = 0; i < constraint_count; ++i) {
     // The adapter keeps this reference, for ever.
-    PyRef constraint = OrThrow(PySequence_GetItem(inputs.constraints.get(), i));
-    AppendAdapter(problem, constraint.release());
+    append(KeepForever(OrThrow(PySequence_GetItem(inputs.constraints.get(), i))));
+    CheckSignalsNowAndThen(i);
   }
   // This one belongs to `inputs`, for as long as the search runs.
-  AppendAdapter(problem, inputs.target.get());
+  append(inputs.target.get());
+  // No adapter moves from here on.
+  for (Function& adapter : problem.adapters) problem.functions.push_back(&adapter);
 }
 
 void MakeSolver(Problem& problem, const SearchParameters& parameters) {
@@ -185,10 +200,8 @@ void MakeSolver(Problem& problem, const SearchParameters& parameters) {
                  static_cast<unsigned>(problem.dimension));
     throw PythonError{};
   }
-  // The count wraps at 2^32; a search over none would have no trials at all.
-  if (problem.solver->CombinationCount() == 0) {
-    RaiseTypeError(kCombinationsMessage);
-  }
+  // Callables in Python look at signals themselves; native ones, and the engine, do not.
+  problem.solver->SetInterruptionCheck(CheckSignals);
 }
 
 // The calendar clock, in whole seconds.
@@ -216,8 +229,7 @@ void RunSteps(Problem& problem, const StopConditions& stops, std::int64_t start_
   try {
     do {
       problem.solver->Step();
-      // Callables in Python look at signals themselves; native ones do not.
-      if (PyErr_CheckSignals() < 0) throw PythonError{};
+      CheckSignals();
     } while (!MustStop(problem, stops, start_seconds));
   } catch (const std::exception&) {
   }
@@ -270,7 +282,9 @@ PyRef Search(Problem& problem, const Arguments& arguments) {
   SavedError pending;
   ConvertBounds(problem, inputs.bounds, pending);
   if (inputs.categorical) ConvertCategorical(problem, inputs.categorical, pending);
-  MakeAdapters(problem, inputs);
+  const Py_ssize_t constraint_count = inputs.constraints ? LengthOf(inputs.constraints) : 0;
+  CheckMemory(problem, constraint_count, arguments.parameters);
+  MakeAdapters(problem, inputs, constraint_count);
   MakeSolver(problem, arguments.parameters);
 
   const std::int64_t start_seconds = CalendarSeconds();

@@ -59,4 +59,5 @@ PyObject* InitModule() noexcept {
 PyMODINIT_FUNC PyInit_Quenloft() { return QuenloftModule::InitModule(); }
 
 // The name that goes with the file's stem.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 PyMODINIT_FUNC PyInit__Quenloft() { return PyInit_Quenloft(); }

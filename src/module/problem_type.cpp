@@ -2,8 +2,12 @@
 
 #include "module/problem_type.h"
 
+#include <array>
 #include <cstddef>
 #include <limits>
+#include <new>
+#include <utility>
+#include <vector>
 
 #include "module/conversions.h"
 #include "module/guarded.h"
@@ -17,13 +21,6 @@ constexpr char kCategoricalMessage[] = "Categorical must be a sequence of intege
 constexpr char kConstraintsMessage[] = "Constraints must be a sequence of callables.";
 constexpr char kTargetMessage[] = "Target must be a callable.";
 
-// Items of one sequence on which a reference is kept. No problem has as many; a
-// range of a billion numbers must not fill the memory.
-constexpr Py_ssize_t kMaxKept = 65536;
-
-// Items looked at between two looks at the signals.
-constexpr Py_ssize_t kItemsPerSignalCheck = 1024;
-
 // Raises TypeError with `message` unless every item passes `is_valid`. A reference
 // on every fetched item is kept for ever. An item that cannot be fetched arrives
 // as null; the error of fetching it gives way to the message.
@@ -32,13 +29,10 @@ void CheckItems(PyObject* sequence, Py_ssize_t length, const char* message, IsVa
   // Positions have 32 bits; a negative length is an error of the length call.
   if (length < 0 || length > std::numeric_limits<std::uint32_t>::max()) RaiseTypeError(message);
   for (Py_ssize_t i = 0; i < length; ++i) {
-    PyRef item = PyRef::steal(PySequence_GetItem(sequence, i));
-    const bool valid = is_valid(item.get());
-    if (i < kMaxKept) KeepForever(std::move(item));
-    if (!valid) RaiseTypeError(message);
-    if (i % kItemsPerSignalCheck == kItemsPerSignalCheck - 1 && PyErr_CheckSignals() < 0) {
-      throw PythonError{};
+    if (!is_valid(KeepForever(PyRef::steal(PySequence_GetItem(sequence, i))))) {
+      RaiseTypeError(message);
     }
+    CheckSignalsNowAndThen(i);
   }
 }
 
@@ -103,38 +97,47 @@ int Init(PyObject* self, PyObject* args, PyObject* kwargs) noexcept {
   });
 }
 
+// The references of a problem that goes, and how many of them are released.
+struct Going {
+  std::array<PyRef, 4> references;  // bounds, categorical, constraints, target
+  std::size_t released = 0;
+};
+
 // Problems whose targets lead to other problems form chains of any length, and
 // the interpreter limits the depth of deallocations for objects with garbage
 // collection only. So a problem that goes while another one is going leaves its
-// references to that one.
-void ReleaseWithoutNesting(PyRef (&references)[4]) {
-  thread_local bool is_releasing = false;
-  thread_local std::vector<PyRef> waiting;
-  if (is_releasing) {
+// references to that one, which releases them next: in the order of nested calls.
+void ReleaseWithoutNesting(Going going) {
+  thread_local std::vector<Going>* waiting = nullptr;
+  if (waiting != nullptr) {
     try {
-      for (PyRef& reference : references) waiting.push_back(std::move(reference));
+      waiting->push_back(std::move(going));
     } catch (const std::bad_alloc&) {
-      // No room to wait: those left are released by the caller, nested.
+      for (PyRef& reference : going.references) reference.reset();
     }
     return;
   }
-  is_releasing = true;
-  for (PyRef& reference : references) reference.reset();
-  while (!waiting.empty()) {
-    PyRef reference = std::move(waiting.back());
-    waiting.pop_back();
+  std::vector<Going> led_to;
+  waiting = &led_to;
+  for (PyRef& reference : going.references) {
     reference.reset();
+    while (!led_to.empty()) {
+      Going& last = led_to.back();
+      PyRef next = std::move(last.references[last.released]);
+      if (++last.released == last.references.size()) led_to.pop_back();
+      next.reset();
+    }
   }
-  is_releasing = false;
+  waiting = nullptr;
 }
 
 void Dealloc(PyObject* self) noexcept {
   Problem& problem = ProblemObject::From(self);
-  PyRef references[] = {std::move(problem.bounds), std::move(problem.categorical),
-                        std::move(problem.constraints), std::move(problem.target)};
+  Going going{{std::move(problem.bounds), std::move(problem.categorical),
+               std::move(problem.constraints), std::move(problem.target)}};
   // The solver first, then what it points at: against the order of declaration.
   problem.~Problem();
-  ReleaseWithoutNesting(references);
+  ReleaseWithoutNesting(std::move(going));
   Py_TYPE(self)->tp_free(self);
 }
 

@@ -8,7 +8,6 @@
 #include "module/static_type.h"  // Python.h comes first
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <vector>
 
@@ -36,7 +35,7 @@ struct Problem {
   std::vector<double> bound_values;
   // Left as it is by a Minimize without `categorical`.
   std::vector<std::int32_t> categorical_values;
-  std::deque<Function> adapters;  // appending moves none, and needs no room beforehand
+  std::vector<Function> adapters;
   std::vector<QuenloftSolver::FunctionInterface*> functions;  // constraints, then the target
   std::shared_ptr<QuenloftSolver::SolverBase> solver;
   bool is_running = false;

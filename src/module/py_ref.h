@@ -8,6 +8,8 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <unistd.h>
+
 #include <utility>
 
 namespace QuenloftModule {
@@ -30,13 +32,12 @@ class PyRef {
 
   PyRef(PyRef&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   PyRef& operator=(PyRef&& other) noexcept {
-    PyObject* old = std::exchange(object_, std::exchange(other.object_, nullptr));
-    Py_XDECREF(old);
+    Release(std::exchange(object_, std::exchange(other.object_, nullptr)));
     return *this;
   }
   PyRef(const PyRef&) = delete;
   PyRef& operator=(const PyRef&) = delete;
-  ~PyRef() { Py_XDECREF(object_); }
+  ~PyRef() { Release(object_); }
 
   PyObject* get() const { return object_; }
   explicit operator bool() const { return object_ != nullptr; }
@@ -47,12 +48,23 @@ class PyRef {
  private:
   explicit PyRef(PyObject* object) : object_(object) {}
 
+  // What a reference is the last one to can run Python code as it goes, in which the
+  // interpreter may end the thread; see ThreadEndGuard. (In a function that lets nothing
+  // pass, the compiler leaves out the destructor of such a guard. No exception comes here.)
+  static void Release(PyObject* object) noexcept {
+    try {
+      Py_XDECREF(object);
+    } catch (...) {
+      for (;;) pause();
+    }
+  }
+
   PyObject* object_ = nullptr;
 };
 
 // Gives up the reference without releasing it: the object lives for ever. The
 // module's contract keeps items of the caller's sequences so.
-inline void KeepForever(PyRef reference) { reference.release(); }
+inline PyObject* KeepForever(PyRef reference) { return reference.release(); }
 
 // The error indicator, set aside so that Python can be called with none set
 // (calling it with one set is not allowed, and asserts in a debug build).

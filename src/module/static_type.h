@@ -9,6 +9,7 @@
 #include <structmember.h>
 
 #include <new>
+#include <type_traits>
 
 namespace QuenloftModule {
 
@@ -17,6 +18,9 @@ namespace QuenloftModule {
 // touching it.
 template <typename Value>
 struct ObjectOf {
+  // Nothing is allocated that could fail where no exception may pass. (A deque allocates.)
+  static_assert(std::is_nothrow_default_constructible_v<Value>, "slots make one");
+
   PyObject_HEAD Value value;
 
   static Value& From(PyObject* self) { return reinterpret_cast<ObjectOf*>(self)->value; }

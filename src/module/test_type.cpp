@@ -54,7 +54,8 @@ PyRef CategoricalTuple(const Problem& problem, std::uint32_t combination) {
   PyRef tuple = BlankTuple(static_cast<std::uint32_t>(count));
   const std::int32_t* categories = problem.solver->DecodeCombination(combination);
   for (std::size_t i = 0; i < count; ++i) {
-    PyTuple_SetItem(tuple.get(), i, OrThrow(PyLong_FromLong(categories[i])).release());
+    PyTuple_SetItem(tuple.get(), static_cast<Py_ssize_t>(i),
+                    OrThrow(PyLong_FromLong(categories[i])).release());
   }
   return tuple;
 }

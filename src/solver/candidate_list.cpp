@@ -33,9 +33,12 @@ std::size_t CountBelow(const double* keys, std::size_t count, double key) {
 void CandidateList::Offer(const Candidate& candidate, UpdateMode mode) {
   is_used_ = true;
   const bool drops_below_front = mode == UpdateMode::kIncremental || size_ == kListCapacity;
-  // The common case: most offers are worse than all that is listed.
-  if (drops_below_front && (size_ == 0 || Keys()[0] > candidate.key)) return;
-  if (!storage_) Allocate();
+  // The common case: most offers are worse than all that is listed. Beside a key that is NaN
+  // only the search tells.
+  if (drops_below_front && (size_ == 0 || (!has_unordered_keys_ && Keys()[0] > candidate.key))) {
+    return;
+  }
+  if (storage_.empty()) Allocate();
 
   const double* const keys = Keys();
   std::size_t place =
@@ -67,7 +70,6 @@ void CandidateList::Clear() {
 
 void CandidateList::ForgetUpdate() {
   staged_.clear();
-  listed_again_.clear();
   rising_.clear();
   stale_count_ = 0;
   floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
@@ -76,11 +78,12 @@ void CandidateList::ForgetUpdate() {
 void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
   ForgetUpdate();  // one that ran out of memory
   if (size_ == 0) return;
+  stale_.resize(1);
   if (count > 0) FindStale(rebuilt, count);
   if (has_unordered_keys_) {
     // Too rare for more than the plain way.
     MarkUnsetKeys();
-    std::fill_n(stale_->fates, stale_count_, Fate::kGoes);
+    std::fill_n(stale_.front().fates, stale_count_, Fate::kGoes);
     Commit();
     floor_ = -std::numeric_limits<double>::infinity();
     return;
@@ -88,7 +91,7 @@ void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
   JudgeStale();
   if (stale_count_ == size_) return;
   std::size_t front = 0;
-  while (front < stale_count_ && stale_->places[front] == front) ++front;
+  while (front < stale_count_ && stale_.front().places[front] == front) ++front;
   floor_ = Keys()[front];
 }
 
@@ -100,15 +103,22 @@ void CandidateList::StageReaching(const Candidate& candidate) {
   }
 }
 
+void CandidateList::StageAll() {
+  assert(size_ == 0 && !has_unordered_keys_);
+  ForgetUpdate();
+  floor_ = -std::numeric_limits<double>::infinity();
+}
+
 void CandidateList::Commit() {
   LetStand();
   std::size_t going_count = 0;
   for (std::size_t s = 0; s < stale_count_; ++s) {
-    stale_->places[going_count] = stale_->places[s];
-    going_count += stale_->fates[s] != Fate::kStays ? 1 : 0;
+    stale_.front().places[going_count] = stale_.front().places[s];
+    going_count += stale_.front().fates[s] != Fate::kStays ? 1 : 0;
   }
   stale_count_ = going_count;
   if (going_count > 0 || !staged_.empty()) {
+    if (storage_.empty()) Allocate();
     PlaceStaged();
     CommitPlaced();
   }
@@ -121,112 +131,6 @@ void CandidateList::CommitPlaced() {
   const std::size_t end = Rearrange(start);
   begin_ += start.place;
   size_ = end - start.place;
-  staged_.clear();
-}
-
-void CandidateList::BeginFull() {
-  assert(stale_count_ == 0 && staged_.empty());
-  floor_ = size_ == kListCapacity ? LeastKey() : -std::numeric_limits<double>::infinity();
-  trim_at_ = 2 * kListCapacity;
-}
-
-void CandidateList::GatherReaching(const Candidate& candidate) {
-  if (has_unordered_keys_ || std::isnan(candidate.key)) {
-    EndFull();
-    Offer(candidate, UpdateMode::kFull);
-    return;
-  }
-  const std::uint32_t number = staged_.empty() ? 0 : staged_.back().number + 1;
-  staged_.push_back({candidate, number, 0});
-  if (staged_.size() == trim_at_) TrimStaged();
-}
-
-void CandidateList::EndFull() {
-  if (staged_.empty()) return;
-  if (!storage_) Allocate();
-  if (staged_.size() > kListCapacity) TrimStaged();
-  // Most of what comes to a list that was not empty is listed already.
-  PlaceAmong(Keys(), size_, std::less_equal<>());
-  TakeOutListed();
-  SortStaged();
-  if (PushesOutListedAgain()) {
-    OfferStaged();
-  } else {
-    CommitPlaced();
-  }
-  listed_again_.clear();
-}
-
-// Drops of what is staged all but the best kListCapacity. Those that tie with the last
-// of these, and are older, stay if listed ones do too: which of them are new is not known.
-void CandidateList::TrimStaged() {
-  scratch_.clear();
-  for (const Staged& staged : staged_) scratch_.push_back(staged.candidate.key);
-  const auto last = scratch_.begin() + (kListCapacity - 1);
-  std::nth_element(scratch_.begin(), last, scratch_.end(), std::greater<>());
-  floor_ = *last;
-  const auto tie_count = static_cast<std::size_t>(
-      std::count_if(staged_.begin(), staged_.end(),
-                    [&](const Staged& staged) { return staged.candidate.key == floor_; }));
-  const auto better_count = static_cast<std::size_t>(
-      std::count_if(scratch_.begin(), last, [&](double key) { return key > floor_; }));
-  const std::size_t place = CountBelow(size_ == 0 ? nullptr : Keys(), size_, floor_);
-  const bool is_listed = place < size_ && Keys()[place] == floor_;
-  std::size_t dropped_ties = is_listed ? 0 : better_count + tie_count - kListCapacity;
-  staged_.erase(std::remove_if(staged_.begin(), staged_.end(),
-                               [&](const Staged& staged) {
-                                 if (staged.candidate.key != floor_) {
-                                   return staged.candidate.key < floor_;
-                                 }
-                                 if (dropped_ties == 0) return false;
-                                 --dropped_ties;
-                                 return true;
-                               }),
-                staged_.end());
-  trim_at_ = 2 * std::max(kListCapacity, staged_.size());
-}
-
-// Moves what is listed already from what is placed to `listed_again_`.
-void CandidateList::TakeOutListed() {
-  const double* const keys = Keys();
-  auto out = staged_.begin();
-  for (Staged& staged : staged_) {
-    const double key = staged.candidate.key;
-    std::uint32_t place = staged.place;
-    while (place > 0 && keys[place - 1] == key &&
-           !(Positions()[place - 1] == staged.candidate.position &&
-             Tests()[place - 1] == staged.candidate.test)) {
-      --place;
-    }
-    if (place > 0 && keys[place - 1] == key) {
-      listed_again_.push_back({staged.candidate, staged.number, place - 1});
-    } else {
-      *out++ = staged;
-    }
-  }
-  staged_.erase(out, staged_.end());
-}
-
-// Whether a listed candidate that was offered again falls out, with the key that is the
-// least in the end.
-bool CandidateList::PushesOutListedAgain() const {
-  if (listed_again_.empty() || TotalCount() <= kListCapacity) return false;
-  const Progress start = DropSurplus();
-  double least = std::numeric_limits<double>::infinity();
-  if (start.place < size_) least = Keys()[start.place];
-  if (start.coming < staged_.size()) {
-    least = std::min(least, staged_[start.coming].candidate.key);
-  }
-  return std::any_of(listed_again_.begin(), listed_again_.end(), [&](const Staged& listed) {
-    return listed.candidate.key == least && listed.place < start.place;
-  });
-}
-
-void CandidateList::OfferStaged() {
-  staged_.insert(staged_.end(), listed_again_.begin(), listed_again_.end());
-  std::sort(staged_.begin(), staged_.end(),
-            [](const Staged& a, const Staged& b) { return a.number < b.number; });
-  for (const Staged& staged : staged_) Offer(staged.candidate, UpdateMode::kFull);
   staged_.clear();
 }
 
@@ -248,7 +152,7 @@ CandidateList::Progress CandidateList::DropSurplus() const {
   Progress at;
   for (;;) {
     const bool comes = at.coming < staged_.size() && staged_[at.coming].place <= at.place;
-    if (!comes && at.going < stale_count_ && stale_->places[at.going] == at.place) {
+    if (!comes && at.going < stale_count_ && stale_.front().places[at.going] == at.place) {
       ++at.going;
       ++at.place;
     } else if (surplus > 0) {
@@ -281,13 +185,14 @@ std::size_t CandidateList::Rearrange(const Progress& start) {
     out += count;
   };
   while (going < stale_count_ || coming < staged_.size()) {
-    const bool comes = coming < staged_.size() &&
-                       (going == stale_count_ || staged_[coming].place <= stale_->places[going]);
+    const bool comes =
+        coming < staged_.size() &&
+        (going == stale_count_ || staged_[coming].place <= stale_.front().places[going]);
     if (comes) {
       pass_until(staged_[coming].place);
       staged_[coming++].place = static_cast<std::uint32_t>(out++);
     } else {
-      pass_until(stale_->places[going++]);
+      pass_until(stale_.front().places[going++]);
       ++in;
     }
   }
@@ -302,8 +207,7 @@ std::size_t CandidateList::Rearrange(const Progress& start) {
 }
 
 void CandidateList::Allocate() {
-  storage_ = std::make_unique<Storage>();
-  stale_ = std::make_unique<Stale>();
+  storage_.resize(1);
   begin_ = kRoom / 2;
 }
 
@@ -311,7 +215,7 @@ void CandidateList::Allocate() {
 void CandidateList::FindStale(const std::uint32_t* rebuilt, std::size_t count) {
   const PositionScan scan = FastestPositionScan();
   const std::uint32_t* const positions = Positions();
-  std::uint32_t* const places = stale_->places;
+  std::uint32_t* const places = stale_.front().places;
   std::size_t found = 0;
   for (std::size_t i = 0; i < size_; i += kScanned) {
     for (std::uint32_t bits = scan(positions + i, rebuilt, count); bits != 0; bits &= bits - 1) {
@@ -327,11 +231,11 @@ void CandidateList::MarkUnsetKeys() {
   std::size_t marked_count = 0;
   std::uint32_t marked[kListCapacity];
   for (std::uint32_t i = 0; i < size_; ++i) {
-    const bool is_marked = stale < stale_count_ && stale_->places[stale] == i;
+    const bool is_marked = stale < stale_count_ && stale_.front().places[stale] == i;
     stale += is_marked ? 1 : 0;
     if (is_marked || Keys()[i] == kUnset) marked[marked_count++] = i;
   }
-  std::copy_n(marked, marked_count, stale_->places);
+  std::copy_n(marked, marked_count, stale_.front().places);
   stale_count_ = marked_count;
 }
 
@@ -339,7 +243,7 @@ void CandidateList::MarkUnsetKeys() {
 // so it cannot stay.
 void CandidateList::JudgeStale() {
   const double* const keys = Keys();
-  Stale& stale = *stale_;
+  Stale& stale = stale_.front();
   for (std::size_t s = stale_count_; s-- > 0;) {
     const std::size_t place = stale.places[s];
     stale.keys[s] = keys[place];
@@ -354,8 +258,8 @@ void CandidateList::JudgeStale() {
 // stay, and lets it stay there. Of equal keys, those before it can then stay no more, being
 // late; and none can if it is new.
 void CandidateList::LetStand() {
-  if (staged_.empty()) return;
-  Stale& stale = *stale_;
+  if (staged_.empty() || stale_count_ == 0) return;
+  Stale& stale = stale_.front();
   PlaceAmong(stale.keys, stale_count_, std::less<>());
   auto out = staged_.begin();
   for (Staged& staged : staged_) {
@@ -446,15 +350,15 @@ void CandidateList::MoveEntries(std::size_t from, std::size_t to, std::size_t co
   const auto move = [&](auto* entries) {
     std::memmove(entries + begin_ + to, entries + begin_ + from, count * sizeof(*entries));
   };
-  move(storage_->keys);
-  move(storage_->positions);
-  move(storage_->tests);
+  move(storage_.front().keys);
+  move(storage_.front().positions);
+  move(storage_.front().tests);
 }
 
 void CandidateList::Write(std::size_t place, const Candidate& candidate) {
-  storage_->keys[begin_ + place] = candidate.key;
-  storage_->positions[begin_ + place] = candidate.position;
-  storage_->tests[begin_ + place] = candidate.test;
+  storage_.front().keys[begin_ + place] = candidate.key;
+  storage_.front().positions[begin_ + place] = candidate.position;
+  storage_.front().tests[begin_ + place] = candidate.test;
   if (candidate.key == kUnset || std::isnan(candidate.key)) has_unordered_keys_ = true;
 }
 

@@ -8,11 +8,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <limits>
 #include <vector>
 
 #include "solver/constants.h"
 #include "solver/position_scan.h"
+#include "solver/scratch.h"
 
 namespace QuenloftSolver {
 
@@ -37,6 +38,9 @@ enum class UpdateMode { kFull, kIncremental };
 // Threads: none.
 class CandidateList {
  public:
+  // What a list allocates at least once it was offered something.
+  static constexpr std::size_t LeastBytes() { return sizeof(Storage) + sizeof(Stale); }
+
   std::size_t Size() const { return size_; }
   bool IsEmpty() const { return size_ == 0; }
   // Whether anything was ever offered.
@@ -75,65 +79,21 @@ class CandidateList {
   // How many candidates stay whatever is offered.
   std::size_t StayingCount() const { return size_ - stale_count_; }
 
-  // Whether candidates of a marked trial, of which the best has this key, need be staged.
-  bool AwaitsStaged(double best_key) {
-    is_used_ = true;
-    return best_key >= floor_;
-  }
   // Offers a candidate of a marked trial, to take effect by Commit. The least entry that
   // was not marked is the least that an offer must reach.
   void Stage(const Candidate& candidate) {
     is_used_ = true;
     if (candidate.key >= floor_) StageReaching(candidate);
   }
-  // The same for `count` of them, of which `candidate_at` tells each. Which reach the floor
-  // cannot be foreseen, so each is written down, and kept by counting it.
-  template <typename CandidateAt>  // Candidate(std::size_t)
-  void StageAll(std::size_t count, CandidateAt candidate_at) {
-    if (has_unordered_keys_) {
-      for (std::size_t i = 0; i < count; ++i) Stage(candidate_at(i));
-      return;
-    }
-    is_used_ = true;
-    const double floor = floor_;
-    std::size_t end = staged_.size();
-    staged_.resize(end + count);
-    Staged* const staged = staged_.data();
-    for (std::size_t i = 0; i < count; ++i) {
-      const Candidate candidate = candidate_at(i);
-      staged[end] = {candidate, static_cast<std::uint32_t>(end), 0};
-      end += candidate.key >= floor ? 1 : 0;
-    }
-    staged_.resize(end);
-  }
+  // Of an empty list: every candidate that is staged from now on, each at most once, is to be
+  // listed, as in an update of every trial.
+  void StageAll();
   void Commit();
-
-  // An update of every trial in one go: BeginFull, then Gather for every segment, each at
-  // most once, then EndFull.
-  //
-  // The plain way is one offer after the other in full mode: a thousand searches and
-  // moves for an empty list. What is gathered is instead sorted once and merged once, and
-  // what has a thousand better ones is dropped on the way.
-  // The outcome is the same. In what order entries fall out of a full list, and the list
-  // in the end, depends on keys and, among equal ones, on age alone, unless a listed
-  // candidate falls out and is then offered again. That needs an equal least key, and
-  // leaves a trace only if that key is the least in the end; then all that was gathered is
-  // offered one by one.
-  void BeginFull();
-  void Gather(const Candidate& candidate) {
-    is_used_ = true;
-    if (!(candidate.key < floor_)) GatherReaching(candidate);
-  }
-  void EndFull();
-
-  // After BeginFull: promises that as many candidates as a list holds reach `key`, listed
-  // or gathered, so that lesser ones may be passed over.
-  void RaiseFloor(double key) { floor_ = std::max(floor_, key); }
 
   // How many candidates have the least key.
   std::size_t LeastCount() const;
-  // After BeginFull: takes the candidates with the least key off a full list, where what
-  // comes is known to push them out before any of them is offered again.
+  // Takes the candidates with the least key off a full list, in an update of every trial where
+  // what comes is known to push them out before any of them is offered again.
   void ForgetLeast();
 
   // Whether some listed key may be kUnset or NaN, so that every update must mark them.
@@ -178,9 +138,9 @@ class CandidateList {
     std::size_t count;
   };
 
-  const double* Keys() const { return storage_->keys + begin_; }
-  const std::uint32_t* Positions() const { return storage_->positions + begin_; }
-  const std::int32_t* Tests() const { return storage_->tests + begin_; }
+  const double* Keys() const { return storage_.front().keys + begin_; }
+  const std::uint32_t* Positions() const { return storage_.front().positions + begin_; }
+  const std::int32_t* Tests() const { return storage_.front().tests + begin_; }
 
   void ForgetUpdate();
   void Allocate();
@@ -192,11 +152,6 @@ class CandidateList {
   template <typename ComesBefore>
   void PlaceAmong(const double* keys, std::size_t count, ComesBefore comes_before);
   void SortStaged();
-  void GatherReaching(const Candidate& candidate);
-  void TrimStaged();
-  void TakeOutListed();
-  bool PushesOutListedAgain() const;
-  void OfferStaged();
   void PlaceStaged();
   void CommitPlaced();
   std::size_t TotalCount() const { return size_ - stale_count_ + staged_.size(); }
@@ -211,17 +166,14 @@ class CandidateList {
   std::size_t size_ = 0;
   bool is_used_ = false;
   bool has_unordered_keys_ = false;
-  std::unique_ptr<Storage> storage_;
+  std::vector<Storage> storage_;  // one, allocated by the first entry
 
   // The update under way.
-  std::unique_ptr<Stale> stale_;
+  Scratch<std::vector<Stale>> stale_;  // likewise
   std::size_t stale_count_ = 0;
-  double floor_ = 0.0;
+  double floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
   std::vector<Staged> staged_;
-  std::size_t trim_at_ = 0;           // so many staged ones
-  std::vector<Staged> listed_again_;  // offered in a full update; `place` is their own
-  std::vector<double> scratch_;
-  std::vector<Stretch> rising_;  // to be moved towards the end
+  Scratch<std::vector<Stretch>> rising_;  // to be moved towards the end
 };
 
 }  // namespace QuenloftSolver

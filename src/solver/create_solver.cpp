@@ -13,10 +13,7 @@ namespace QuenloftSolver {
 
 namespace {
 
-using Maker = std::shared_ptr<SolverBase> (*)(const std::vector<double>&,
-                                              const std::vector<std::int32_t>&,
-                                              const std::vector<FunctionInterface*>&,
-                                              const SearchParameters&);
+using Maker = std::shared_ptr<SolverBase> (*)(Definition);
 
 template <int N>
 constexpr Maker MakerOf() {
@@ -39,12 +36,13 @@ constexpr auto kMakers = AllMakers(std::make_integer_sequence<int, kMaxDimension
 
 std::shared_ptr<SolverBase> CreateSolver(const std::vector<double>& bounds,
                                          const std::vector<std::int32_t>& categorical_sizes,
-                                         const std::vector<FunctionInterface*>& functions,
+                                         std::vector<FunctionInterface*> functions,
                                          const SearchParameters& parameters) {
   const std::size_t dimension = bounds.size() / 2;
   if (dimension < 1 || dimension > kMakers.size()) return nullptr;
   const Maker maker = kMakers[dimension - 1];
-  return maker == nullptr ? nullptr : maker(bounds, categorical_sizes, functions, parameters);
+  return maker == nullptr ? nullptr
+                          : maker({bounds, categorical_sizes, std::move(functions), parameters});
 }
 
 }  // namespace QuenloftSolver

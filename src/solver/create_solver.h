@@ -18,13 +18,13 @@ inline constexpr int kMaxDimension = 32;
 // `bounds` holds the lower and the upper bound of each variable in turn; N is its
 // length divided by two, a remainder dropped. `categorical_sizes` holds the number
 // of values of each categorical variable. `functions` holds the constraints in the
-// order in which they are to be checked and the target last; the solver keeps its
-// address, so the vector and the functions must outlive the solver.
+// order in which they are to be checked and the target last; they must outlive the
+// solver.
 //
 // Returns an empty pointer when N is not from 1 to 32 or not in this build.
 std::shared_ptr<SolverBase> CreateSolver(const std::vector<double>& bounds,
                                          const std::vector<std::int32_t>& categorical_sizes,
-                                         const std::vector<FunctionInterface*>& functions,
+                                         std::vector<FunctionInterface*> functions,
                                          const SearchParameters& parameters);
 
 }  // namespace QuenloftSolver

@@ -4,141 +4,130 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cmath>
 #include <functional>
 
 namespace QuenloftSolver {
-namespace {
 
-// Four maxima side by side, as each waits for the one before.
-double MaximumOf(const double* values, std::size_t count) {
-  constexpr double kLeast = -KeyBounds::kUnknown;
-  double maxima[4] = {kLeast, kLeast, kLeast, kLeast};
-  std::size_t i = 0;
-  for (; i + 4 <= count; i += 4) {
-    for (std::size_t k = 0; k < 4; ++k) maxima[k] = std::max(maxima[k], values[i + k]);
+void KeyBounds::Set(std::uint32_t rank, double best_key) {
+  assert(best_key == best_key);
+  if ((*this)[rank] == best_key) return;
+  if (rank >= keys_.size()) Resize(rank + std::size_t{1});
+  if (has_checkpoint_ && rank < size_before_) remembered_.push_back({rank, keys_[rank]});
+  if (keys_[rank] == kUnknown) --unknown_count_;
+  if (best_key == kUnknown) ++unknown_count_;
+  keys_[rank] = best_key;
+  MarkChanged(1, rank / kFanOut);
+}
+
+void KeyBounds::Resize(std::size_t count) {
+  keys_.resize(count, kAbsent);
+  for (Level& level : levels_) {
+    count = (count + kFanOut - 1) / kFanOut;
+    level.is_changed.resize(count);
+    level.maxima.resize(count, kAbsent);
   }
-  for (; i < count; ++i) maxima[0] = std::max(maxima[0], values[i]);
-  return std::max(std::max(maxima[0], maxima[1]), std::max(maxima[2], maxima[3]));
 }
 
-double NthLargest(std::size_t n, std::vector<double>& values) {
-  const auto nth = values.begin() + static_cast<std::ptrdiff_t>(n - 1);
-  std::nth_element(values.begin(), nth, values.end(), std::greater<>());
-  return *nth;
-}
-
-}  // namespace
-
-void KeyBounds::Set(std::uint32_t position, double key) {
-  if (std::isnan(key)) key = kUnknown;
-  Grow(position + std::size_t{1});
-  if (keys_[position] == key) return;
-  if (keys_[position] == kUnknown) --unknown_count_;
-  if (key == kUnknown) ++unknown_count_;
-  keys_[position] = key;
-  const std::size_t block = position / kBlockSize;
-  if (block_changed_[block]) return;
-  changed_blocks_.push_back(static_cast<std::uint32_t>(block));
-  block_changed_[block] = 1;
-}
-
-void KeyBounds::Grow(std::size_t count) {
-  while (keys_.size() < count) {
-    const std::size_t block = keys_.size() / kBlockSize;
-    if (block == block_maximum_.size()) {
-      block_changed_.push_back(0);  // first: where memory runs out, one too many does no harm
-      block_maximum_.push_back(kUnknown);
-    }
-    block_maximum_[block] = kUnknown;
-    groups_changed_ = true;
-    keys_.push_back(kUnknown);
-    ++unknown_count_;
-  }
+void KeyBounds::MarkChanged(std::size_t level, std::size_t node) {
+  Level& changed = levels_[level - 1];
+  if (changed.is_changed[node]) return;
+  changed.changed.push_back(static_cast<std::uint32_t>(node));
+  changed.is_changed[node] = 1;
 }
 
 void KeyBounds::Settle() {
-  // They stand anywhere in memory.
-  constexpr std::size_t kAhead = 16;
-  const std::size_t count = changed_blocks_.size();
-  for (std::size_t i = 0; i < count; ++i) {
-    FetchBlock(changed_blocks_[std::min(i + kAhead, count - 1)]);
-    const std::size_t block = changed_blocks_[i];
-    const std::size_t begin = block * kBlockSize;
-    block_maximum_[block] = MaximumOf(keys_.data() + begin, EndOfBlock(block) - begin);
-    block_changed_[block] = 0;
-  }
-  if (count == 0 && !groups_changed_) return;
-  changed_blocks_.clear();
-  groups_changed_ = false;
-  group_maximum_.resize((block_maximum_.size() + kGroupSize - 1) / kGroupSize);
-  for (std::size_t group = 0; group < group_maximum_.size(); ++group) {
-    const std::size_t begin = group * kGroupSize;
-    group_maximum_[group] = MaximumOf(block_maximum_.data() + begin, EndOfGroup(group) - begin);
+  for (std::size_t l = 1; l <= kTop; ++l) {
+    const std::vector<double>& values = Values(l - 1);
+    Level& level = levels_[l - 1];
+    constexpr std::size_t kAhead = 16;  // they stand anywhere in memory
+    for (std::size_t i = 0; i < level.changed.size(); ++i) {
+      const std::size_t ahead = level.changed[std::min(i + kAhead, level.changed.size() - 1)];
+      FetchLines(values.data() + ahead * kFanOut, kFanOut * sizeof(double));
+      const std::size_t node = level.changed[i];
+      if (node >= level.maxima.size()) continue;  // no more, after a rollback
+      const double* const begin = values.data() + node * kFanOut;
+      const double* const end = values.data() + std::min(values.size(), (node + 1) * kFanOut);
+      level.maxima[node] = *std::max_element(begin, end);
+      level.is_changed[node] = 0;
+      if (l < kTop) MarkChanged(l + 1, node / kFanOut);
+    }
+    level.changed.clear();
   }
 }
 
-std::size_t KeyBounds::EndOfFirst(std::size_t count, double key) const {
-  for (std::size_t group = 0; count > 0 && group < GroupCount(); ++group) {
-    if (group_maximum_[group] < key) continue;
-    for (std::size_t block = group * kGroupSize; block < EndOfGroup(group); ++block) {
-      if (block_maximum_[block] < key) continue;
-      for (std::size_t p = block * kBlockSize; p < EndOfBlock(block); ++p) {
-        if (keys_[p] == key && --count == 0) return p + 1;
+// A maximum is some trial's key, so the nth largest of a level is reached often enough; good
+// trials stand together, so most often by many more.
+double KeyBounds::ReachedBy(std::size_t count) {
+  count += unknown_count_;
+  if (count == 0) return kAbsent;
+  double reached = kAbsent;
+  nodes_.clear();
+  for (std::size_t level = kTop + 1; level-- > 0;) {
+    Expand(
+        level, [&](double value, std::size_t) { return value >= reached; }, nodes_);
+    if (nodes_.size() < count) continue;
+    values_.clear();
+    for (const std::uint32_t node : nodes_) values_.push_back(Values(level)[node]);
+    const auto nth = values_.begin() + static_cast<std::ptrdiff_t>(count - 1);
+    std::nth_element(values_.begin(), nth, values_.end(), std::greater<>());
+    reached = *nth;
+  }
+  return reached;
+}
+
+// The last, or the first, of `count` trials with this key, of those below the nodes from
+// `begin` to before `end`. False, and those that were found are counted off, if there are
+// fewer.
+template <bool kIsForward>
+bool KeyBounds::Find(std::size_t level, std::size_t begin, std::size_t end, double key,
+                     std::size_t& count, std::size_t& rank) const {
+  const std::vector<double>& values = Values(level);
+  end = std::min(end, values.size());
+  for (std::size_t i = begin; i < end; ++i) {
+    const std::size_t node = kIsForward ? i : end - 1 - (i - begin);
+    if (values[node] < key) continue;
+    if (level > 0) {
+      if (Find<kIsForward>(level - 1, node * kFanOut, (node + 1) * kFanOut, key, count, rank)) {
+        return true;
       }
+    } else if (values[node] == key && --count == 0) {
+      rank = node;
+      return true;
     }
   }
-  return count == 0 ? 0 : keys_.size();
+  return false;
+}
+
+std::size_t KeyBounds::EndOfFirst(std::size_t count, double key) const {
+  if (count == 0) return 0;
+  std::size_t rank = 0;
+  return Find<true>(kTop, 0, SIZE_MAX, key, count, rank) ? rank + 1 : keys_.size();
 }
 
 std::size_t KeyBounds::BeginOfLast(std::size_t count, double key) const {
   if (count == 0) return keys_.size();
-  for (std::size_t group = GroupCount(); group-- > 0;) {
-    if (group_maximum_[group] < key) continue;
-    for (std::size_t block = EndOfGroup(group); block-- > group * kGroupSize;) {
-      if (block_maximum_[block] < key) continue;
-      for (std::size_t p = EndOfBlock(block); p-- > block * kBlockSize;) {
-        if (keys_[p] == key && --count == 0) return p;
-      }
-    }
-  }
-  return 0;
+  std::size_t rank = 0;
+  return Find<false>(kTop, 0, SIZE_MAX, key, count, rank) ? rank : 0;
 }
 
-double KeyBounds::ReachedBy(std::size_t count) {
-  Settle();
-  count += unknown_count_;
-  if (keys_.size() < count || count == 0) return -kUnknown;
-  if (block_maximum_.size() < count) {
-    scratch_ = keys_;
-    return NthLargest(count, scratch_);
+void KeyBounds::Checkpoint() {
+  remembered_.clear();
+  size_before_ = keys_.size();
+  has_checkpoint_ = true;
+}
+
+void KeyBounds::Rollback() {
+  assert(has_checkpoint_);
+  has_checkpoint_ = false;
+  for (std::size_t i = remembered_.size(); i-- > 0;) {
+    Set(remembered_[i].rank, remembered_[i].key);
   }
-  // A maximum is some trial's key, so the nth largest of a level is reached often enough;
-  // good trials stand together, so most often by many more.
-  double reached = -kUnknown;
-  if (group_maximum_.size() >= count) {
-    scratch_ = group_maximum_;
-    reached = NthLargest(count, scratch_);
-  }
-  scratch_.clear();
-  for (std::size_t group = 0; group < GroupCount(); ++group) {
-    if (group_maximum_[group] < reached) continue;
-    for (std::size_t block = group * kGroupSize; block < EndOfGroup(group); ++block) {
-      if (block_maximum_[block] >= reached) scratch_.push_back(block_maximum_[block]);
-    }
-  }
-  reached = NthLargest(count, scratch_);
-  scratch_.clear();
-  for (std::size_t group = 0; group < GroupCount(); ++group) {
-    if (group_maximum_[group] < reached) continue;
-    for (std::size_t block = group * kGroupSize; block < EndOfGroup(group); ++block) {
-      if (block_maximum_[block] < reached) continue;
-      for (std::size_t p = block * kBlockSize; p < EndOfBlock(block); ++p) {
-        if (keys_[p] >= reached) scratch_.push_back(keys_[p]);
-      }
-    }
-  }
-  return NthLargest(count, scratch_);
+  remembered_.clear();
+  unknown_count_ -= static_cast<std::size_t>(
+      std::count(keys_.begin() + static_cast<std::ptrdiff_t>(size_before_), keys_.end(), kUnknown));
+  Resize(size_before_);
+  // The last block may have lost some of its trials.
+  if (size_before_ > 0) MarkChanged(1, (size_before_ - 1) / kFanOut);
 }
 
 }  // namespace QuenloftSolver

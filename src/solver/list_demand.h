@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 
 #include "solver/candidate_list.h"
@@ -29,36 +30,50 @@ namespace QuenloftSolver {
 // Any other trials may be visited too. The needed ones are to be offered in store order.
 class ListDemand {
  public:
-  // Settles the bounds. The list, after BeginFull, may lose entries at L, or take L for
-  // its floor.
-  ListDemand(CandidateList& list, KeyBounds& bounds);
+  // Of a list that wants everything.
+  ListDemand() = default;
+  // Of a list and the bounds of its class, which are settled. The list may lose entries at L.
+  // `rank_of(position)` is the rank by which the bounds know the trial.
+  template <typename RankOf>
+  ListDemand(CandidateList& list, KeyBounds& bounds, RankOf rank_of);
 
-  // Valid as long as the bounds do not change.
-  bool NeedsGroup(std::size_t group) const {
-    const std::size_t first = group * KeyBounds::kGroupSize * KeyBounds::kBlockSize;
-    return Needs(bounds_.GroupMaximum(group), first,
-                 first + KeyBounds::kGroupSize * KeyBounds::kBlockSize);
-  }
-  bool NeedsBlock(std::size_t block) const {
-    const std::size_t first = block * KeyBounds::kBlockSize;
-    return Needs(bounds_.BlockMaximum(block), first, first + KeyBounds::kBlockSize);
-  }
-  bool NeedsTrial(std::size_t position) const {
-    return Needs(bounds_[position], position, position + 1);
-  }
-
- private:
-  // Whether a trial is needed, of those from `first` to before `end`, of best key `bound`.
+  // Whether a trial is needed, of those from rank `first` to before `end`, of which the best
+  // key is `bound`.
   bool Needs(double bound, std::size_t first, std::size_t end) const {
     return bound > least_ || (bound == least_ && (first < first_ties_end_ || end > ties_begin_));
   }
+  // Whether a segment of a needed trial may leave a trace.
+  bool Wants(double key) const { return !(key < least_); }
 
-  const KeyBounds& bounds_;
-  double least_ = -KeyBounds::kUnknown;
+ private:
+  double least_ = KeyBounds::kAbsent;
   // Trials whose best key is `least_` are needed up to here,
   std::size_t first_ties_end_ = 0;
   // and from here on.
   std::size_t ties_begin_ = 0;
 };
+
+template <typename RankOf>
+ListDemand::ListDemand(CandidateList& list, KeyBounds& bounds, RankOf rank_of) {
+  if (list.HasUnorderedKeys() || bounds.HasUnknown()) return;
+  if (list.Size() < kListCapacity) {
+    least_ = bounds.ReachedBy(kListCapacity);
+    const bool may_be_listed = !list.IsEmpty() && !(list.LeastKey() > least_);
+    ties_begin_ = may_be_listed ? 0 : bounds.BeginOfLast(kListCapacity, least_);
+    return;
+  }
+  least_ = list.LeastKey();
+  const std::size_t count = list.LeastCount();
+  std::size_t first_listed = rank_of(list[0].position);
+  for (std::size_t i = 1; i < count; ++i) {
+    first_listed = std::min<std::size_t>(first_listed, rank_of(list[i].position));
+  }
+  ties_begin_ = bounds.BeginOfLast(count, least_);
+  if (bounds.EndOfFirst(count, least_) <= first_listed) {
+    list.ForgetLeast();
+  } else {
+    first_ties_end_ = bounds.EndOfFirst(2 * count, least_);
+  }
+}
 
 }  // namespace QuenloftSolver

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
 
 #include "solver/aligned.h"
 #include "solver/pattern_search.h"
@@ -44,10 +45,13 @@ class LocalFit {
   std::size_t ObservationCount() const { return count_; }
 
   // Fits the model, starting from M = all ones, b = `point`, c = `value`. Returns its
-  // error. There must be an observation.
-  double FitModel(const Coordinates& point, double value);
+  // error. There must be an observation. `check_interruption` is called now and then and
+  // may throw; see pattern_search.h.
+  double FitModel(const Coordinates& point, double value,
+                  const std::function<void()>& check_interruption = {});
   // Where the fitted model is least, searching from `start`.
-  Coordinates MinimiseModel(const Coordinates& start);
+  Coordinates MinimiseModel(const Coordinates& start,
+                            const std::function<void()>& check_interruption = {});
 
   // Which the pattern search drives; see pattern_search.h. One is the error as a
   // function of the parameters, the other the model as a function of the point.

@@ -5,19 +5,14 @@
 
 #pragma once
 
-#include <cstdint>
 #include <memory>
-#include <vector>
 
-#include "solver/function_interface.h"
+#include "solver/definition.h"
 #include "solver/solver_base.h"
 
 namespace QuenloftSolver {
 
 template <int N>
-std::shared_ptr<SolverBase> MakeSolver(const std::vector<double>& bounds,
-                                       const std::vector<std::int32_t>& categorical_sizes,
-                                       const std::vector<FunctionInterface*>& functions,
-                                       const SearchParameters& parameters);
+std::shared_ptr<SolverBase> MakeSolver(Definition definition);
 
 }  // namespace QuenloftSolver

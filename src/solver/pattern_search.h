@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <functional>
 
 namespace QuenloftSolver {
 
@@ -18,6 +19,10 @@ struct PatternSearchOptions {
   int max_iterations = 5000;
 };
 
+// A search looks for interruptions about once in so many values tried: in the largest
+// fits that is some ten milliseconds, in the smallest it costs nothing that shows.
+inline constexpr std::size_t kTriesPerCheck = 4096;
+
 // Room for one search over `n` variables at a time.
 struct PatternSearchScratch {
   double* step;  // n doubles each
@@ -26,6 +31,10 @@ struct PatternSearchScratch {
 
 // Minimises `objective` over `n` variables from `base`, which receives the end point.
 // Returns the value there. Values that are not finite fail the comparisons.
+//
+// The reductions of the step are bounded, the moves between two of them are not: with
+// very large values a pattern can move on for hours. So `check_interruption`, unless
+// empty, is called now and then; what it throws ends the search.
 //
 // Objective has
 //   double Value(const double* z)               at a point;
@@ -37,13 +46,20 @@ struct PatternSearchScratch {
 // so that an objective can keep what the variables already settled contribute.
 template <typename Objective>
 double PatternSearch(Objective& objective, double* base, std::size_t n,
-                     const PatternSearchScratch& scratch, const PatternSearchOptions& options) {
+                     const PatternSearchScratch& scratch, const PatternSearchOptions& options,
+                     const std::function<void()>& check_interruption) {
   double* const step = scratch.step;
   double* const explored = scratch.explored;
+  std::size_t tries = 0;
 
   // Explores around `explored`, which receives the result. A step that failed both
   // ways stays reversed.
   const auto explore = [&](double value_to_beat) {
+    tries += n;
+    if (tries >= kTriesPerCheck && check_interruption) {
+      tries = 0;
+      check_interruption();
+    }
     objective.StartExploring(explored);
     for (std::size_t i = 0; i < n; ++i) {
       const double start = explored[i];

@@ -82,7 +82,7 @@ std::uint32_t Scan(const std::uint32_t* positions, const std::uint32_t* sought, 
 
 PositionScan FastestPositionScan() {
 #if defined(__x86_64__)
-  static const bool is_wide = LanesAllowed() >= 8 && __builtin_cpu_supports("avx2");
+  const bool is_wide = lanes_allowed >= 8 && __builtin_cpu_supports("avx2");
   if (is_wide) return ScanWide;
 #endif
   return Scan;

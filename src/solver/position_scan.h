@@ -16,7 +16,7 @@ inline constexpr std::size_t kScanned = 32;  // positions looked at in one call
 using PositionScan = std::uint32_t (*)(const std::uint32_t* positions, const std::uint32_t* sought,
                                        std::size_t count);
 
-// The one for the widest vectors that the processor has and LanesAllowed admits.
+// The one for the widest vectors that the processor has and lanes_allowed admits.
 PositionScan FastestPositionScan();
 
 }  // namespace QuenloftSolver

@@ -139,8 +139,7 @@ struct SelectionKernels {
   Pause (*choose)(ChoiceTask<N>&);
   bool (*choose_contenders)(ChoiceTask<N>&, ContenderTask<N>&);
 
-  // For the widest vectors that the processor has, or fewer lanes of 32 bits (4, 8, 16) if
-  // the environment's QUENLOFT_LANES says so.
+  // For the widest vectors that the processor has and `lanes_allowed` admits.
   static const SelectionKernels* Fastest();
 };
 

@@ -8,11 +8,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <vector>
 
-namespace QuenloftSolver {
+#include "solver/neighbour.h"
 
-struct Neighbour;
+namespace QuenloftSolver {
 
 // The outcome of evaluating a point. Trials are ranked by higher `index`, then
 // by smaller `value`; of equals the one found first is the better.
@@ -65,6 +68,7 @@ class SolverBase {
       kChanged = 8,        // its neighbour table was rebuilt by that refresh
       kBoundary = 16,      // a face of the box is among its neighbours
       kFromFit = 32,       // placed by a local fit
+      kInserted = 64,      // placed at a point from outside
     };
 
     virtual TestValue GetValue() const = 0;
@@ -74,7 +78,7 @@ class SolverBase {
     virtual std::uint32_t CombinationIndex() const = 0;
     // Distance to the farthest neighbour, in unit coordinates.
     virtual double Radius() const = 0;
-    // The first of 3 N entries; see trial.h.
+    // The first of 3 N entries; one that is empty ends the table.
     virtual const Neighbour* Neighbours() const = 0;
 
     std::atomic<std::uint32_t> flags{0};
@@ -87,6 +91,17 @@ class SolverBase {
       return *this;
     }
     ~TestBase() = default;
+  };
+
+  // A point whose value the search wants.
+  struct Proposal {
+    // N unit coordinates; valid until the next operation that changes the solver.
+    const double* point;
+    std::uint32_t combination;
+    // Positions of the trials at the ends of the segment that it splits, the anchor first;
+    // -1 where there is none, as at a face of the box.
+    std::int32_t anchor = -1;
+    std::int32_t partner = -1;
   };
 
   virtual ~SolverBase() = default;
@@ -104,6 +119,47 @@ class SolverBase {
   // initialises. Throws what the functions throw, EvaluationError for a value
   // that is not finite, SearchExhausted when no segment is left to split.
   virtual void Step() = 0;
+
+  // A step in parts, for a caller who evaluates by himself: what Propose returns is
+  // evaluated, and Accept takes the value. The functions of the solver are not called.
+  // Fed with the same values a search has the same trials either way.
+  //
+  // The initial trials, which are the first proposals. They can all be evaluated before
+  // the first is accepted: their number, and proposal `i` of them.
+  virtual std::uint32_t InitialCount() const = 0;
+  virtual Proposal Initial(std::uint32_t i) const = 0;
+  // The next point; the same one until it is accepted or discarded. Nothing where the
+  // step ends without an evaluation: the next call is the next step. Throws
+  // SearchExhausted when no segment is left to split.
+  virtual std::optional<Proposal> Propose() = 0;
+  // Places a trial of this outcome, which must be finite, at the proposed point, or at
+  // `point` (N unit coordinates) which the caller took in its place. True when it became
+  // the best one; of initial trials that is known when the last one is accepted.
+  virtual bool Accept(const TestValue& value, const double* point = nullptr) = 0;
+  // Ends the step without a trial. Of initial points, all combinations' or none's.
+  virtual void Discard() = 0;
+  // Places a trial at a point from outside, which splits no segment: it is registered
+  // among the neighbours of the trial at `anchor`, which should be near and must be of
+  // the same combination. There must be no trial at the point. Not before the last of
+  // the initial trials is accepted, and not while a proposal waits.
+  // True when it became the best one.
+  virtual bool Insert(const double* point, std::uint32_t combination, const TestValue& value,
+                      std::uint32_t anchor) = 0;
+  // Position of the trial of `combination` nearest to the point, the first of equals.
+  // Cost: looks at every trial.
+  virtual std::uint32_t Nearest(const double* point, std::uint32_t combination) const = 0;
+
+  // Speculation: what steps change after a checkpoint is remembered, and Rollback makes the
+  // search what it was then, to the last bit; the checkpoint then stands no more. A second
+  // one takes the place of the first. Meanwhile steps have one thread.
+  // Cost: Checkpoint copies the candidate lists of every class; a step then copies each trial
+  // that it changes; Rollback copies back.
+  virtual void Checkpoint() = 0;
+  // Does nothing without a checkpoint.
+  virtual void Rollback() = 0;
+  // A search that goes on exactly as this one, and shares nothing with it but the functions.
+  virtual std::shared_ptr<SolverBase> Copy() const = 0;
+
   // Position of the best trial; 0 before the initial trials are linked.
   virtual std::uint32_t BestPosition() const = 0;
   virtual const std::vector<std::int32_t>& CategoricalSizes() const = 0;
@@ -117,6 +173,11 @@ class SolverBase {
   // Fits a convex quadratic to the trial at `position` and its neighbours and
   // places a trial at its minimiser. True when that trial became the best one.
   virtual bool Fit(std::uint32_t position) = 0;
+  // Installs what the operations that go on with the search call now and then where they
+  // may be at it for long; none at first, or when empty. It must leave the solver alone,
+  // and may throw: that passes through unchanged, and the trials recorded before stay
+  // valid. A fit that it interrupts is begun anew by Propose, and left out by Step.
+  virtual void SetInterruptionCheck(std::function<void()> check) = 0;
 };
 
 }  // namespace QuenloftSolver

@@ -101,7 +101,7 @@ PyObject* Call(PyObject* self, PyObject* args, PyObject*) noexcept {
 // The function itself stays allocated, by contract, as the tuples before do.
 void Dealloc(PyObject* self) noexcept {
   TestFunction2& test_function = TestFunction2Object::From(self);
-  test_function.function.release();
+  (void)test_function.function.release();
   test_function.~TestFunction2();
   Py_TYPE(self)->tp_free(self);
 }

@@ -58,7 +58,7 @@ PyObject* Call(PyObject* self, PyObject* args, PyObject*) noexcept {
 // The function itself stays allocated, by contract, as the tuples before do.
 void Dealloc(PyObject* self) noexcept {
   TestFunction& test_function = TestFunctionObject::From(self);
-  test_function.function.release();
+  (void)test_function.function.release();
   test_function.~TestFunction();
   Py_TYPE(self)->tp_free(self);
 }

@@ -8,16 +8,6 @@ import re
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-FOLDERS = ("src", "python", "tests", "benchmarks", "examples", "scripts", "cmake")
-SUFFIXES = (".h", ".cpp", ".in", ".py", ".pyi", ".cmake", ".sh", ".txt")
-
-
-def sources(folders=FOLDERS, suffixes=SUFFIXES):
-    found = [
-        path for folder in folders for path in (ROOT / folder).rglob("*") if path.suffix in suffixes
-    ]
-    assert found
-    return found
 
 
 def test_installed_version_is_the_one_in_pyproject():
@@ -25,13 +15,14 @@ def test_installed_version_is_the_one_in_pyproject():
     assert importlib.metadata.version("Quenloft") == declared.group(1)
 
 
-def test_every_source_names_its_licence_at_the_top():
-    unnamed = [
-        str(path.relative_to(ROOT))
-        for path in sources()
-        if "SPDX-License-Identifier: MIT" not in "".join(path.read_text().splitlines()[:2])
+def test_every_dependency_has_its_version_in_the_constraints():
+    lines = (ROOT / "scripts/constraints.txt").read_text().splitlines()
+    known = {line.split("==")[0] for line in lines}
+    named = [
+        re.match(r"[\w-]+", entry).group() for entry in importlib.metadata.requires("Quenloft")
     ]
-    assert unnamed == []
+    assert named
+    assert [name for name in named if name not in known] == []
 
 
 # A file that includes the template's definitions instantiates them again: minutes of compile
@@ -42,13 +33,16 @@ def test_every_source_names_its_licence_at_the_top():
         (r'#include "solver/impl/\w+_impl\.h"', r"(_impl\.h|solver_dimension\.cpp\.in)$"),
         (r"#include <(Python|structmember)\.h>", r"^src/(module|testfunctions)/"),
         (r'#include "module/', r"^src/(module|testfunctions)/"),
+        (r"#include <nanobind", r"^src/binding/"),
     ],
-    ids=["template definitions", "interpreter", "module"],
+    ids=["template definitions", "interpreter", "module", "binding"],
 )
 def test_included_only_where_it_belongs(pattern, allowed):
+    sources = [path for folder in ("src", "tests") for path in (ROOT / folder).rglob("*.*")]
     including = [
         str(path.relative_to(ROOT))
-        for path in sources(("src", "tests", "benchmarks"), (".h", ".cpp", ".in"))
-        if re.search(pattern, path.read_text())
+        for path in sources
+        if path.suffix in (".h", ".cpp", ".in") and re.search(pattern, path.read_text())
     ]
+    assert including
     assert [path for path in including if not re.search(allowed, path)] == []

@@ -2,8 +2,9 @@
 #
 # Every example in README.md and docs/ is run, one test for each document, its blocks in order:
 #
-#   ```python    runs; all blocks of a document share one namespace. A block whose first line is a
-#                comment that names a file ("# model.py") is written to that file instead.
+#   ```python    runs; all blocks of a document share one namespace.
+#   any          whose first line, after a shell's #!, is a comment that names a file ("# model.py",
+#                "// sim.c: ...") is written to that file instead.
 #   ```console   runs each line after "$ " with the shell, this interpreter first on its path.
 #   ```text      right after one of these two: what it printed. "..." stands for any text.
 #   ```sh        is not run: it changes the machine (installation and the like).
@@ -37,14 +38,6 @@ EXAMPLES = sorted((ROOT / "examples").glob("*.py"))
 
 # Documents and programs that take more than a few seconds.
 SLOW = {"svm.py", "plots.md", "long-runs.md"}
-# What an example needs beyond the package.
-NEEDS = {
-    "svm.py": ["sklearn"],
-    "plots.md": ["matplotlib"],
-    "results.md": ["numpy"],
-    "long-runs.md": ["distributed"],
-    "from-scipy-and-nlopt.md": ["scipy"],
-}
 
 
 class Block(NamedTuple):
@@ -101,14 +94,8 @@ def each(paths):
     )
 
 
-def import_needs(path):
-    for module in NEEDS.get(path.name, ()):
-        pytest.importorskip(module)
-
-
 @each(DOCUMENTS)
 def test_document_examples_do_what_the_document_shows(path, tmp_path, monkeypatch):
-    import_needs(path)
     monkeypatch.chdir(tmp_path)
     monkeypatch.syspath_prepend(str(tmp_path))
     monkeypatch.setenv("MPLBACKEND", "Agg")
@@ -116,9 +103,9 @@ def test_document_examples_do_what_the_document_shows(path, tmp_path, monkeypatc
     printed = None  # by the block just before, if that ran
     for block in blocks_of(path.read_text(encoding="utf-8")):
         place = f"{path.name}:{block.line}"
-        file = re.match(r"# ([\w-]+)\.py\n", block.text)
-        if block.language == "python" and file:
-            pathlib.Path(f"{file[1]}.py").write_text(block.text, encoding="utf-8")
+        file = re.match(r"(?:#!.*\n)?(?:#|//) ([\w-]+)(\.\w+)(?::|\n)", block.text)
+        if file:
+            pathlib.Path(file[1] + file[2]).write_text(block.text, encoding="utf-8")
             sys.modules.pop(file[1], None)  # another document's
             printed = None
         elif block.language == "python":
@@ -135,18 +122,12 @@ def test_document_examples_do_what_the_document_shows(path, tmp_path, monkeypatc
         sys.modules["matplotlib.pyplot"].close("all")
 
 
-def anchors_of(path):
-    headings = re.findall(r"^#+ (.*)$", path.read_text(encoding="utf-8"), re.MULTILINE)
-    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
-
-
+# Their anchors are checked where the site is built.
 @pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
 def test_links_between_documents_lead_somewhere(path):
     text = re.sub(r"```.*?```", "", path.read_text(encoding="utf-8"), flags=re.DOTALL)
-    for file, anchor in re.findall(r"\]\(([^)\s#:]*)(?:#([^)\s:]+))?\)", text):
-        other = path.parent / file if file else path
-        assert other.exists(), file
-        assert not anchor or anchor in anchors_of(other), f"{file}#{anchor}"
+    files = re.findall(r"\]\(([^)\s#:]+)(?:#[^)\s:]+)?\)", text)
+    assert [file for file in files if not (path.parent / file).exists()] == []
 
 
 def test_docstring_examples_do_what_they_show():
@@ -158,13 +139,6 @@ def test_docstring_examples_do_what_they_show():
 
 @each(EXAMPLES)
 def test_example_reaches_its_published_figure(path, tmp_path):
-    import_needs(path)
     done = run([sys.executable, str(path)], cwd=tmp_path)
     assert done.returncode == 0, done.stdout
     assert "published" in done.stdout.lower(), done.stdout
-
-
-@pytest.mark.parametrize("evaluations", ["1", "12"])
-def test_example_fails_when_the_fit_is_missed(evaluations):
-    done = run([sys.executable, str(ROOT / "examples" / "enzyme.py"), "--evaluations", evaluations])
-    assert done.returncode == 1 and "FAILED" in done.stdout

@@ -5,9 +5,9 @@ import json
 import pathlib
 
 import pytest
-from native import error_of
 
 import _Quenloft
+from native import error_of
 
 # By other names: pytest takes what is called Test... for tests.
 Grishagin = _Quenloft.TestFunction
@@ -46,16 +46,11 @@ def test_number_outside_the_class_stands_for_one(number):
     assert function((0.3, 0.7)) == first((0.3, 0.7))
 
 
-@pytest.mark.parametrize(
-    "arguments, step",
-    [((1, *GKLS[1:]), "domain_alloc"), ((2, 1, 0.9, 0.2, 1), "parameters_check"),
-     ((*GKLS[:-1], 101), "arg_generate")],
-)  # fmt: skip
-def test_failing_generation_leaves_the_object_as_it_was(arguments, step):
+def test_failing_generation_leaves_the_object_as_it_was():
     function = Gkls(*GKLS[:-1], 7)
     held = function.argmin, function((0.1, 0.2))
-    error = error_of(lambda: function.__init__(*arguments))
-    assert error == repr(TypeError(f"GKLS_{step} failed."))
+    error = error_of(lambda: function.__init__(*GKLS[:-1], 101))
+    assert error == repr(TypeError("GKLS_arg_generate failed."))
     assert (function.argmin, function((0.1, 0.2))) == held
 
 

@@ -12,7 +12,6 @@ import Quenloft
 BOX = [(-1.0, 2.0), (0.5, 4.0)]
 FORMS = {
     "pairs": BOX,
-    "flat": [-1, 2, 0.5, 4],
     "array": numpy.array(BOX),
     "SciPy": Bounds([-1, 0.5], [2, 4]),
     "generator": (pair for pair in BOX),
@@ -31,32 +30,19 @@ def test_every_form_of_bounds_declares_the_same_box(form):
 ERRORS = [
     ({"bounds": "01"}, "bounds must be a sequence of pairs"),
     ({"bounds": [(0, 1)] * 33}, "from 1 to 32 variables, not 33"),
-    ({"bounds": [0, 1, 2]}, "even number of values, not 3"),
-    ({"bounds": [(0, 1), 5]}, r"bounds of x\[1\] must be a pair"),
-    ({"bounds": [(0, 1), (0, "a")]}, r"upper bound of x\[1\] must be a number"),
     ({"bounds": [(0, 10**400)]}, r"upper bound of x\[0\] must be finite"),
     ({"bounds": [(math.nan, 1)], "names": ["rate"]}, "lower bound of rate must be finite"),
-    ({"bounds": [(1, 1)]}, r"lower bound of x\[0\] .* 1.0 >= 1.0"),
+    ({"bounds": [(2, 1)]}, r"lower bound of x\[0\] .* 2.0 > 1.0"),
     ({"bounds": [(-1e308, 1e308)]}, r"range of x\[0\] is too wide"),
-    ({"bounds": [(0, 1, "log")]}, r"x\[0\] is logarithmic: .* above 0"),
-    ({"bounds": [(1, 2, "exp")]}, "can only be 'log', not 'exp'"),
+    ({"bounds": [(1, 2, "exp")]}, "'log', 'int' or a step, not 'exp'"),
     ({"logarithmic": [2]}, "names variable 2; there are 2"),
-    ({"logarithmic": [True, False]}, "positions of variables, not True"),
-    ({"names": ["a"]}, "names must hold 2 names, not 1"),
-    ({"categories": ["rbf"]}, r"categories\[0\] must be a sequence of choices"),
     ({"categories": [(1,), ()]}, r"categories\[1\] .* at least one"),
     ({"categories": [range(101)] * 2}, "10201 combinations; at most 10000"),
     ({"constraints": [abs, 5]}, r"constraints\[1\] must be a callable"),
     ({"constraints": LinearConstraint([[1, 1]], 1, 1)}, r"constraints\[0\] is an equality"),
-    ({"constraints": NonlinearConstraint(abs, 2, 1)}, "lower limit above the upper"),
-    ({"constraints": LinearConstraint([[1]], 0, 1)}, "for 1 variables"),
-    ({"fun": None}, "fun must be callable"),
     ({"point": "matrix"}, "point must be one of 'tuple', 'list', 'array'"),
     ({"maxfun": 0}, "maxfun must be from 1"),
-    ({"maxfun": 2.5}, "maxfun must be a whole number"),
     ({"f_min": math.nan}, "f_min must be a number"),
-    ({"overestimation": 0.9}, "overestimation must be at least 1"),
-    ({"fit": -1}, "fit must be from 0"),
 ]
 # fmt: on
 
@@ -79,7 +65,7 @@ def test_each_point_is_fresh_and_of_the_kind_asked_for(form, kind):
         return abs(x[0]) ** power
 
     def constraint(x, choice):
-        assert type(x) is kind and choice[0] in ("low", None)
+        assert type(x) is kind
         if kind is list:
             x[0] = 99.0  # nobody else's
         return -1
@@ -118,7 +104,8 @@ CONSTRAINTS = {
 @pytest.mark.parametrize("form", CONSTRAINTS)
 def test_every_form_of_constraint_makes_the_same_search(form):
     def search(constraints):
-        return Quenloft.minimize(lambda x: -x[0] * x[1], BOX, constraints=constraints, maxfun=60)
+        options = {"constraints": constraints, "maxfun": 60, "local_models": False}
+        return Quenloft.minimize(lambda x: -x[0] * x[1], BOX, **options)
 
     plain, result = search(lambda x: x[0] + x[1] - 2), search([CONSTRAINTS[form]])
     assert numpy.allclose(numpy.asarray(result.history.x), numpy.asarray(plain.history.x))
@@ -146,18 +133,10 @@ def test_rounding_does_not_take_a_point_out_of_its_bounds():
 
 
 def test_categories_are_handed_over_as_the_objects_themselves():
-    class Kernel:  # neither hashable nor comparable
-        def __init__(self, offset):
-            self.offset = offset
-
-        def __eq__(self, other):
-            raise AssertionError
-
-    kernels = [Kernel(2), Kernel(1), Kernel(3)]
+    kernels = [numpy.array([2, 0]), numpy.array([1, 0])]  # neither hashable nor comparable
     result = Quenloft.minimize(
-        lambda x, choices: x[0] ** 2 + choices[0].offset + bool(choices[2]),
+        lambda x, choices: x[0] ** 2 + choices[0][0] + bool(choices[2]),
         [(-1, 1)], categories=[kernels, ["only one"], (True, False)], maxfun=40,
     )  # fmt: skip
     assert result.categories[1:] == ("only one", False)
     assert result.categories[0] is result.locals[0].categories[0] is kernels[1]
-    assert result.history[0].categories[0] is kernels[0]

@@ -2,8 +2,10 @@
 """The history and the result as a user handles them."""
 
 import copy
+import io
 import math
 import pickle
+import xml.etree.ElementTree
 
 import numpy
 import pytest
@@ -55,18 +57,63 @@ def test_the_best_trial_satisfies_most_constraints_then_is_lowest_then_first():
     assert [t for t in trace if not math.isnan(t)] == [5.0, 4.0, 4.0]
 
 
-@pytest.mark.parametrize("duplicate", [copy.deepcopy, lambda r: pickle.loads(pickle.dumps(r))])
-def test_a_result_survives_copies_and_pickles(result, duplicate):
-    twin = duplicate(result)
-    assert type(twin) is OptimizeResult and repr(twin) == repr(result)
-    assert [repr(trial) for trial in twin.history] == [repr(trial) for trial in result.history]
-
-
 def test_a_result_is_a_dict_with_attributes_and_a_readable_text(result):
-    assert result["fun"] is result.fun and "fun" in dir(result)
     with pytest.raises(AttributeError, match="no field 'nothing'"):
         _ = result.nothing
-    assert "\n         status: 1 (MAXFUN)\n" in repr(result)
     assert "<history of 50 trials>" in repr(result)
-    assert "... 3 more" in repr(OptimizeResult(xl=[(1.0,)] * 7))
     assert result.constraints == (0.4 - result.x[0], result.x[1] - 3) and result.maxcv == 0.0
+
+
+def test_a_saved_copied_or_pickled_result_is_the_same(result, tmp_path):
+    nothing = Quenloft.minimize(lambda x: 1.0, [(0, 1)], constraints=lambda x: x[0] + 1, maxfun=5)
+    for saved in (result, nothing):
+        saved.save(tmp_path / "result.json")
+        loaded = OptimizeResult.load(tmp_path / "result.json")
+        for twin in (loaded, copy.deepcopy(saved), pickle.loads(pickle.dumps(saved))):
+            assert repr(twin) == repr(saved) and type(twin.status) is type(saved.status)
+            assert list(map(repr, twin.history)) == list(map(repr, saved.history))
+        assert vars(loaded.history).keys() == vars(saved.history).keys()
+        assert loaded.history.names == saved.history.names
+    for text in ("{}", "[]", "x = 1", '{"format": 2, "result": {}}'):
+        (tmp_path / "other.json").write_text(text)
+        with pytest.raises(ValueError, match="other.json' holds no saved result"):
+            OptimizeResult.load(tmp_path / "other.json")
+
+
+def test_tables_have_the_names_and_types_of_the_variables(result):
+    pandas = pytest.importorskip("pandas")
+    result.history.integers = (1,)
+    table = result.history.to_pandas()
+    names = "x[0] x[1] categories[0] feasible value time constraint[0] constraint[1]"
+    assert list(table.columns) == names.split()
+    kinds = ["float64", "int64", ("object", "str"), "bool", "float64"]  # str from pandas 3 on
+    assert all(str(kind) in expected for kind, expected in zip(table.dtypes, kinds))
+    assert table.loc[table.feasible, "value"].min() == result.fun and table.index[0] == 1
+    text = io.StringIO(result.history.to_csv())
+    exact = {"float_precision": "round_trip"} if pandas.__version__ < "3" else {}  # the default
+    read = pandas.read_csv(text, index_col="trial", **exact)
+    read["feasible"] = read["feasible"].astype(bool)
+    pandas.testing.assert_frame_equal(read, table, check_exact=True)
+    assert History(2).to_pandas().empty
+    result.history.integers = ()
+
+
+@pytest.mark.parametrize(
+    "values, shown",
+    [
+        ([5.0, 2.0, 3.0], "3 trials</text>"),
+        ([1e6, 2.0], "2 trials, logarithmic"),
+        ([5.0, 5.0], "<svg"),
+        ([], "&lt;nothing&gt;"),
+    ],
+)
+def test_a_notebook_shows_best_point_and_convergence(values, shown):
+    history = History(1, [("<a>", "b")], 0, 0)
+    for value in values:
+        history.append((value,), (0,), 0, value, 0.0)
+    history.finish()
+    fun = min(values, default=math.inf)
+    result = OptimizeResult(x=(fun,), fun=fun, maxcv=0.0, message="<nothing>", history=history)
+    html = result._repr_html_()
+    assert xml.etree.ElementTree.fromstring(html) is not None  # well-formed
+    assert shown in html and "<a>" not in html

@@ -43,7 +43,8 @@ def test_the_search_is_the_native_one():
         bounds=[-1, 2, 0.5, 4], target=lambda x: points.append((*x,)) or parabola(x)
     )
     native = problem.Minimize(stop_tests=80, spread=9.0, overestimation=1.7)
-    result = Quenloft.minimize(parabola, BOX, maxfun=80, spread=9.0, overestimation=1.7)
+    options = {"maxfun": 80, "spread": 9.0, "overestimation": 1.7}
+    result = Quenloft.minimize(parabola, BOX, local_models=False, **options)
     assert list(result.history.x) == points
     tests = [(test.coordinate, test.value, test.radius) for test in native.locals]
     assert [(m.x, m.fun, m.radius) for m in result.locals] == tests
@@ -126,7 +127,7 @@ class Refusal(Exception):
         raise AttributeError(name)
 
 
-ERRORS = [ZeroDivisionError("mine"), Refusal(), SystemExit(3), StopIteration()]
+ERRORS = [MemoryError("mine"), Refusal(), SystemExit(3), StopIteration()]
 # Raised by the callback, StopIteration is a stop.
 FAILURES = [(source, e) for source in ("fun", "constraints") for e in ERRORS]
 FAILURES += [("callback", e) for e in ERRORS[:-1]]
@@ -230,13 +231,26 @@ def test_what_a_search_held_is_let_go():
     assert [reference() for reference in held] == [None, None]
 
 
+class Timeout(Exception):
+    """What a test runner's signal handler raises."""
+
+
+def time_out(*_):
+    raise Timeout
+
+
 @pytest.mark.parametrize("options", [{}, {"constraints": lambda x: x[0] - 1}, {"callback": id}])
-def test_ctrl_c_at_any_moment_is_a_keyboard_interrupt_with_the_result(options):
+@pytest.mark.parametrize(
+    "handler, error", [(signal.default_int_handler, KeyboardInterrupt), (time_out, Timeout)]
+)
+def test_what_a_signal_handler_raises_at_any_moment_arrives_with_the_result(
+    handler, error, options
+):
     def size():
         with open("/proc/self/statm") as pages:
             return int(pages.read().split()[0]) * os.sysconf("SC_PAGE_SIZE")
 
-    before, least = signal.signal(signal.SIGALRM, signal.default_int_handler), size()
+    before, least = signal.signal(signal.SIGALRM, handler), size()
     delays = iter(range(40))
     kept = []
 
@@ -250,12 +264,14 @@ def test_ctrl_c_at_any_moment_is_a_keyboard_interrupt_with_the_result(options):
     try:
         for _ in range(40):
             calls = 0
-            with pytest.raises(KeyboardInterrupt) as caught:
+            with pytest.raises(error) as caught:
                 Quenloft.minimize(fun, [(-1, 1)], maxfun=math.inf, **options)
             kept.append(caught.value)
             result = caught.value.result
             history = result.history
-            assert result.status is Status.INTERRUPTED and not result.success
+            is_interrupt = error is KeyboardInterrupt
+            assert result.status is (Status.INTERRUPTED if is_interrupt else Status.ERROR)
+            assert not result.success
             assert {len(history.x), len(history.value), len(history.time)} == {result.nit}
             assert result.fun == min(t.value for t in history if t.index == history.goal)
         # Nor does the exception keep the engine, with its room for a million trials.
@@ -263,6 +279,22 @@ def test_ctrl_c_at_any_moment_is_a_keyboard_interrupt_with_the_result(options):
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, before)
+
+
+def test_memory_that_is_gone_is_an_error_with_the_result(monkeypatch):
+    advance = Quenloft.Search.advance
+
+    def exhausted(search, limit):
+        if len(search) == 20:
+            raise MemoryError
+        return advance(search, limit)
+
+    monkeypatch.setattr(Quenloft.Search, "advance", exhausted)
+    with pytest.raises(MemoryError) as caught:
+        Quenloft.minimize(parabola, BOX)
+    result = caught.value.result
+    assert (result.nit, result.status, result.success) == (20, Status.ERROR, False)
+    assert result.fun == min(result.history.value)
 
 
 def test_ctrl_c_may_return_the_result_instead():

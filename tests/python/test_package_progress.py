@@ -9,14 +9,14 @@ import sys
 import pytest
 
 import Quenloft
-from Quenloft.progress import Progress
+from Quenloft._progress import Progress
 
 
 def show_on_terminal(monkeypatch):
     stream = io.StringIO()
     stream.isatty = lambda: True
     monkeypatch.setattr(sys, "stderr", stream)
-    monkeypatch.setattr("Quenloft.progress._INTERVAL", 0.0)
+    monkeypatch.setattr("Quenloft._progress._INTERVAL", 0.0)
     return stream
 
 

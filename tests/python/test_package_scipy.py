@@ -42,10 +42,7 @@ def test_its_callback_may_take_the_intermediate_result_and_stop():
     assert result.nit == 12 and result.status == Quenloft.Status.CALLBACK
 
 
-@pytest.mark.parametrize(
-    "bounds, message",
-    [(None, "needs bounds"), ([(0, None)] * 2, r"upper bound of x\[0\]"), ([(0, 1)], "x0 must")],
-)
+@pytest.mark.parametrize("bounds, message", [(None, "needs bounds"), ([(0, 1)], "x0 must")])
 def test_its_errors_are_plain(bounds, message):
     with pytest.raises((ValueError, TypeError), match=message):
         minimize(sphere, [0, 0], bounds=bounds)

@@ -89,18 +89,19 @@ def test_a_failed_task_does_not_keep_the_others_from_their_results(workers, tmp_
         minimize_many(study, workers, journal=path)
     assert [r and r.nit for r in caught.value.results] == [9, None, 9, None, 9]
     answers = minimize_many(study, workers, return_errors=True, journal=path)
-    assert [type(a).__name__ for a in answers[1:4:2]] == ["ZeroDivisionError", "RuntimeError"]
+    kinds_found = [type(a).__name__ for a in answers[1:4:2]]
+    assert kinds_found == ["ZeroDivisionError", "Local" if workers == 1 else "RuntimeError"]
     assert all("in failing" in answer.worker_traceback for answer in answers[1:4:2])
     shown = "".join(traceback.format_exception(None, caught.value, caught.value.__traceback__))
     assert "in failing" in shown
-    assert "Local: mine" in str(answers[3]) and answers[0].nit == 9
+    assert "mine" in str(answers[3]) and answers[0].nit == 9
 
 
 def test_the_death_of_a_worker_is_an_error_with_the_results_so_far():
     with pytest.raises(BrokenProcessPool) as caught:
         minimize_many(kinds(None, "exit"), 2)
     assert len(caught.value.results) == 2
-    with pytest.raises(RuntimeError, match=r"no result for the tasks \[1\]") as caught:
+    with pytest.raises(RuntimeError, match=r"no answer to the calls \[1\]") as caught:
         minimize_many(kinds(None, None), lambda f, items: [f(items[0])])
     assert caught.value.results[0].nit == 9
 

@@ -1,25 +1,74 @@
 // SPDX-License-Identifier: MIT
 //
 // The whole search as the method is written: plain, on one thread, every table
-// walked, every cosine computed. It shares the records with the engine. Tests compare
-// the engine with it bit for bit, and the benchmark divides by it.
+// walked, every cosine computed. Of the engine it has plain records and the constants, and
+// nothing that computes. Tests compare the engine with it bit for bit, and the benchmark
+// divides by it.
 
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <vector>
 
 #include "reference_fit.h"
 #include "solver/candidate_list.h"
+#include "solver/constants.h"
 #include "solver/errors.h"
-#include "solver/evaluation.h"
 #include "solver/function_interface.h"
 #include "solver/solver_base.h"
-#include "solver/trial.h"
 
 namespace QuenloftSolver::reference {
+
+// Face 2k is that of axis k at 0, face 2k + 1 the one at 1; in tables stands the complement.
+inline bool IsFace(std::int32_t test) { return test < 0; }
+inline int AxisOf(std::int32_t test) { return (-1 - test) / 2; }
+inline double SideOf(std::int32_t test) { return (-1 - test) % 2 == 0 ? 0.0 : 1.0; }
+
+template <int N>
+struct Extent {
+  std::array<double, N> minimum;
+  std::array<double, N> maximum;
+
+  Extent() {
+    minimum.fill(kUnset);
+    maximum.fill(kUnset);
+  }
+  bool IsSet() const { return minimum[0] != kUnset; }
+  void SetTo(const std::array<double, N>& point) { minimum = maximum = point; }
+  void Widen(const std::array<double, N>& point) {
+    for (int k = 0; k < N; ++k) {
+      if (minimum[k] > point[k]) {
+        minimum[k] = point[k];
+      } else if (point[k] > maximum[k]) {
+        maximum[k] = point[k];
+      }
+    }
+  }
+  void WidenToFace(std::int32_t test) {
+    (SideOf(test) == 0.0 ? minimum : maximum)[AxisOf(test)] = SideOf(test);
+  }
+  bool Contains(const std::array<double, N>& point) const {
+    for (int k = 0; k < N; ++k) {
+      if (!(minimum[k] <= point[k] && point[k] <= maximum[k])) return false;
+    }
+    return true;
+  }
+};
+
+template <int N>
+struct Trial {
+  std::uint32_t combination = kNone;
+  TestValue value{-1, kUnset};
+  std::array<double, N> coordinate;
+  reference::Extent<N> extent;
+  double radius = kUnbounded;
+  double slope = kUnbounded;
+  std::uint32_t flags = 0;
+  std::array<Neighbour, 3 * N> neighbours;
+};
 
 struct List {
   bool used = false;
@@ -66,7 +115,7 @@ class Solver {
 
   void Step() {
     if (tests.empty()) Initialize();
-    Test<N> trial;
+    Trial<N> trial;
     const bool local = !slopes_changed_ && alternation_ >= 1.0;
     if (local) {
       trial.flags = Flags::kFromLocalStep;
@@ -76,13 +125,13 @@ class Solver {
     }
     const auto [anchor, partner] = SelectCandidate(local ? local_lists : global_lists);
     trial.combination = tests[anchor].combination;
-    const Test<N>& a = tests[anchor];
+    const Trial<N>& a = tests[anchor];
     if (IsFace(partner)) {
       trial.coordinate = a.coordinate;
-      double& x = trial.coordinate[FaceAxis(partner)];
-      x = (FaceSide(partner) + x) * 0.5;
+      double& x = trial.coordinate[AxisOf(partner)];
+      x = (SideOf(partner) + x) * 0.5;
     } else {
-      const Test<N>& b = tests[partner];
+      const Trial<N>& b = tests[partner];
       const double d = Distance(a, b);
       const double slope = local ? Usable(a.slope) * parameters_.overestimation_local
                                  : Usable(slopes[ClassOf(a)]) * parameters_.overestimation;
@@ -102,9 +151,9 @@ class Solver {
   }
 
   bool Fit(std::uint32_t position) {
-    Test<N> trial;
+    Trial<N> trial;
     trial.flags = Flags::kFromFit;
-    const Test<N> a = tests[position];
+    const Trial<N> a = tests[position];
     trial.combination = a.combination;
     ResetChanged();
     List(position);
@@ -127,7 +176,7 @@ class Solver {
     return AddTrial(trial, position, kNone, 2);
   }
 
-  std::vector<Test<N>> tests;
+  std::vector<Trial<N>> tests;
   std::uint32_t best_position = 0;
   std::vector<double> slopes;
   std::vector<reference::List> local_lists, global_lists;
@@ -141,13 +190,13 @@ class Solver {
     double max_cos = 0.0;
   };
 
-  std::uint32_t ClassOf(const Test<N>& t) const {
+  std::uint32_t ClassOf(const Trial<N>& t) const {
     return static_cast<std::uint32_t>(t.value.index) * combinations_ + t.combination;
   }
   double Usable(double slope) const {
     return slope != 0.0 ? slope : max_slope_ != 0.0 ? max_slope_ : 1.0;
   }
-  static double Distance(const Test<N>& a, const Test<N>& b) {
+  static double Distance(const Trial<N>& a, const Trial<N>& b) {
     double sum = 0.0;
     for (int k = 0; k < N; ++k) {
       const double d = b.coordinate[k] - a.coordinate[k];
@@ -156,12 +205,20 @@ class Solver {
     return std::sqrt(sum);
   }
 
-  TestValue EvaluateAt(const Test<N>& t) {
+  TestValue EvaluateAt(const Trial<N>& t) {
     std::array<double, N> x;
     for (int k = 0; k < N; ++k) x[k] = width_[k] * t.coordinate[k] + lower_[k];
-    std::vector<std::int32_t> categories(sizes_.size());
-    DecodeCategories(sizes_, t.combination, categories.data());
-    return Evaluate(functions_, x.data(), sizes_.empty() ? nullptr : categories.data());
+    std::vector<std::int32_t> categories;
+    std::uint32_t rest = t.combination;
+    for (const int size : sizes_) {
+      categories.push_back(static_cast<int>(rest % static_cast<std::uint32_t>(size)));
+      rest /= static_cast<std::uint32_t>(size);
+    }
+    for (std::size_t i = 0;; ++i) {
+      const double value = (*functions_[i])(x.data(), sizes_.empty() ? nullptr : categories.data());
+      if (!std::isfinite(value)) throw EvaluationError();
+      if (i + 1 == functions_.size() || value > 0.0) return {static_cast<int>(i), value};
+    }
   }
 
   void Initialize() {
@@ -176,7 +233,7 @@ class Solver {
     }
     for (const auto& point : points) {
       for (std::uint32_t c = 0; c < combinations_; ++c) {
-        Test<N> t;
+        Trial<N> t;
         t.coordinate = point;
         t.combination = c;
         t.value = EvaluateAt(t);
@@ -235,9 +292,9 @@ class Solver {
     changed_.push_back(static_cast<std::uint32_t>(tests.size() - 1));
   }
 
-  bool AddTrial(const Test<N>& trial, std::uint32_t anchor, std::int32_t partner, int rings) {
+  bool AddTrial(const Trial<N>& trial, std::uint32_t anchor, std::int32_t partner, int rings) {
     tests.push_back(trial);
-    Test<N>& newest = tests.back();
+    Trial<N>& newest = tests.back();
     ResetChanged();
     newest.extent.SetTo(newest.coordinate);
     newest.extent.Widen(tests[anchor].coordinate);
@@ -258,7 +315,7 @@ class Solver {
             if (r < rings) newest.extent.WidenToFace(e.test);
             continue;
           }
-          const Test<N>& q = tests[e.test];
+          const Trial<N>& q = tests[e.test];
           if (q.flags & Flags::kExcluded) continue;
           if (r < rings) {
             newest.extent.Widen(q.coordinate);
@@ -272,7 +329,7 @@ class Solver {
       ring = next;
     }
     for (const auto p : changed_) {
-      Test<N>& t = tests[p];
+      Trial<N>& t = tests[p];
       if (!t.extent.IsSet() || t.extent.Contains(newest.coordinate)) SelectNeighbours(t);
     }
     const bool improved = Register(static_cast<std::uint32_t>(tests.size() - 1));
@@ -280,7 +337,7 @@ class Solver {
     return improved;
   }
 
-  void SelectNeighbours(Test<N>& t) {
+  void SelectNeighbours(Trial<N>& t) {
     std::vector<std::int32_t> candidates;
     const bool whole_store = changed_.empty();
     if (whole_store) {
@@ -293,7 +350,7 @@ class Solver {
     std::vector<Record> records;
     for (std::size_t i = 0; i < candidates.size(); ++i) {
       if (candidates[i] == kNone || IsFace(candidates[i])) continue;
-      Test<N>& p = tests[candidates[i]];
+      Trial<N>& p = tests[candidates[i]];
       if (&p == &t || p.combination != t.combination) continue;
       if (!whole_store && i < 3 * N && (p.flags & Flags::kExcluded)) continue;
       Record r{candidates[i], {}, Distance(t, p), 0.0};
@@ -307,7 +364,7 @@ class Solver {
       records.push_back(r);
     }
     for (int face = 0; face < 2 * N; ++face) {
-      Record r{FaceToTest(face), {}, 0.0, 0.0};
+      Record r{-1 - face, {}, 0.0, 0.0};
       r.d[face / 2] = face % 2 - t.coordinate[face / 2];
       r.dist = std::fabs(r.d[face / 2]);
       if (r.dist != 0.0) records.push_back(r);
@@ -407,8 +464,8 @@ class Solver {
   void OfferSegments(std::uint32_t p, bool full) {
     for (Neighbour& e : tests[p].neighbours) {
       if (e.test == kNone) break;
-      const Test<N>* a = &tests[p];
-      const Test<N>* b = IsFace(e.test) ? nullptr : &tests[e.test];
+      const Trial<N>* a = &tests[p];
+      const Trial<N>* b = IsFace(e.test) ? nullptr : &tests[e.test];
       if (b != nullptr && b->value.index > a->value.index) std::swap(a, b);
       const std::uint32_t c = ClassOf(*a);
       const auto characteristic = [&](double m) {

@@ -4,6 +4,8 @@
 
 #pragma once
 
+#include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <optional>
 
@@ -15,59 +17,138 @@ namespace QuenloftSolver {
 template <int N>
 void Solver<N>::Step() {
   Initialize();
-  const StepKind kind = NextKind();
-  const Segment segment = SelectCandidate(kind);
-  const Coordinates point = PointOn(segment, kind);
-  if (IsDuplicate(point, segment)) return;
+  if (ProposeSegment()) AcceptEvaluated();
+  while (ProposeDueFit()) AcceptEvaluated();
+}
 
-  const std::uint32_t combination = tests_[segment.anchor].combination;
-  const TestValue value = EvaluateAt(point, combination);
-  AppendTrial(point, combination, value,
-              kind == StepKind::kLocal ? SolverBase::TestBase::kFromLocalStep
-                                       : SolverBase::TestBase::Flag{});
-
-  // A face ends the box: beyond it there is no trial whose ring would be found.
-  const bool improved = RegisterNewest(segment, IsFace(segment.partner) ? 2 : 1);
-  if (!improved) return;
-  for (std::uint32_t fit = 0; fit < parameters_.fit && Fit(best_position_); ++fit) {
+template <int N>
+std::optional<SolverBase::Proposal> Solver<N>::Propose() {
+  if (!state_.pending && !ProposeInitial() && !ProposeDueFit() && !ProposeSegment())
+    return std::nullopt;
+  Proposal proposal{state_.pending->point.data(), state_.pending->combination};
+  if (!IsInitialising()) {
+    const Segment& segment = state_.pending->segment;
+    proposal.anchor = static_cast<std::int32_t>(segment.anchor);
+    if (segment.partner != kNone && !IsFace(segment.partner)) proposal.partner = segment.partner;
   }
+  return proposal;
+}
+
+// The segment chosen is off the lists: a step that fails is not tried again.
+template <int N>
+bool Solver<N>::ProposeSegment() {
+  state_.fits_due = 0;
+  const StepKind kind = NextKind();
+  const Segment segment = TakeSegment(kind);
+  const Coordinates point = PointOn(segment, kind);
+  if (IsDuplicate(point, segment)) return false;
+  // A face ends the box: beyond it there is no trial whose ring would be found.
+  state_.pending = PendingPoint<N>{point, store_[segment.anchor].combination, segment,
+                                   IsFace(segment.partner) ? 2 : 1,
+                                   kind == StepKind::kLocal ? SolverBase::TestBase::kFromLocalStep
+                                                            : SolverBase::TestBase::Flag{}};
+  return true;
+}
+
+// A function that fails takes the proposal with it.
+template <int N>
+bool Solver<N>::AcceptEvaluated() {
+  const PendingPoint<N> proposed = *state_.pending;
+  state_.pending.reset();
+  const TestValue value = problem_.Evaluate(proposed.point, proposed.combination);
+  state_.pending = proposed;
+  return Accept(value);
+}
+
+template <int N>
+bool Solver<N>::Accept(const TestValue& value, const double* point) {
+  assert(state_.pending && std::isfinite(value.value));
+  assert(value.index >= 0 && value.index < static_cast<std::int32_t>(problem_.FunctionCount()));
+  if (point != nullptr) {
+    std::copy_n(point, N, state_.pending->point.begin());
+    state_.pending->whole_rings = 2;  // it may lie beside the segment
+  }
+  Append(state_.pending->point, state_.pending->combination, value, state_.pending->flags);
+  const PendingPoint<N> accepted = *state_.pending;
+  state_.pending.reset();
+  if (IsInitialising()) {
+    if (++state_.initial_taken < InitialCount()) return false;
+    LinkInitialTrials();
+    return true;
+  }
+  const bool improved = RegisterNewest(accepted.segment, accepted.whole_rings);
+  const bool is_fit = (accepted.flags & SolverBase::TestBase::kFromFit) != 0;
+  if (!improved) {
+    state_.fits_due = 0;
+  } else if (!is_fit) {
+    state_.fits_due = problem_.parameters.fit;
+  } else if (state_.fits_due > 0) {
+    --state_.fits_due;
+  }
+  return improved;
+}
+
+template <int N>
+void Solver<N>::Discard() {
+  assert(state_.pending);
+  state_.pending.reset();
+  if (IsInitialising() && ++state_.initial_taken == InitialCount()) LinkInitialTrials();
+}
+
+template <int N>
+bool Solver<N>::Insert(const double* point, std::uint32_t combination, const TestValue& value,
+                       std::uint32_t anchor) {
+  assert(!state_.pending && !IsInitialising());
+  assert(anchor < TestCount() && store_[anchor].combination == combination);
+  Coordinates coordinates;
+  std::copy_n(point, N, coordinates.begin());
+  Append(coordinates, combination, value, SolverBase::TestBase::kInserted);
+  return RegisterNewest({anchor, kNone}, 2);
+}
+
+template <int N>
+std::uint32_t Solver<N>::Nearest(const double* point, std::uint32_t combination) const {
+  std::uint32_t nearest = 0;
+  double least = kUnset;
+  for (std::uint32_t position = 0; position < TestCount(); ++position) {
+    if (store_[position].combination != combination) continue;
+    double square = 0.0;
+    for (int k = 0; k < N; ++k) {
+      const double difference = point[k] - store_[position].coordinate[k];
+      square += difference * difference;
+    }
+    if (square < least) {
+      least = square;
+      nearest = position;
+    }
+  }
+  return nearest;
 }
 
 // Local steps are spaced among global ones at the rate local_vs_global. A step is
 // global while class slopes wait to be put into the candidates' keys.
 template <int N>
-typename Solver<N>::StepKind Solver<N>::NextKind() {
-  if (slopes_changed_) return StepKind::kGlobal;
-  if (alternation_ >= 1.0) {
-    alternation_ -= 1.0;
+StepKind Solver<N>::NextKind() {
+  if (candidates_.SlopesChanged()) return StepKind::kGlobal;
+  if (state_.alternation >= 1.0) {
+    state_.alternation -= 1.0;
     return StepKind::kLocal;
   }
-  alternation_ += parameters_.local_vs_global;
+  state_.alternation += problem_.parameters.local_vs_global;
   return StepKind::kGlobal;
 }
 
-// The best candidate over all classes, their keys made comparable by the class
-// slope. Ties go to the lower class.
+// The class whose best candidate is the best.
 template <int N>
-typename Solver<N>::Segment Solver<N>::SelectCandidate(StepKind kind) {
-  std::vector<CandidateList>& lists = kind == StepKind::kLocal ? local_lists_ : global_lists_;
-  double best_ratio = -kUnbounded;
-  CandidateList* best_list = nullptr;
-  for (std::uint32_t c = 0; c < class_count_; ++c) {
-    if (lists[c].IsEmpty()) continue;
-    double key = lists[c].BestKey();
-    if (function_count_ > 1 && c / combination_count_ == static_cast<std::uint32_t>(best_.index)) {
-      key += slopes_[c] * parameters_.reserve + index_min_[static_cast<std::size_t>(best_.index)];
-    }
-    const double ratio = key / UsableSlope(slopes_[c]);
-    if (ratio > best_ratio) {
-      best_ratio = ratio;
-      best_list = &lists[c];
-    }
+Segment Solver<N>::TakeSegment(StepKind kind) {
+  Candidates::Preference preference{-1, 0.0, 0.0};
+  if (problem_.FunctionCount() > 1) {
+    preference = {state_.best.index, problem_.parameters.reserve,
+                  state_.index_minima[static_cast<std::size_t>(state_.best.index)]};
   }
-  if (best_list == nullptr) throw SearchExhausted();
-  const Candidate candidate = best_list->TakeBest();
-  FetchAhead(*best_list);
+  const std::uint32_t c = candidates_.BestClass(kind, preference);
+  const Candidate candidate = candidates_.TakeBest(kind, c);
+  PrefetchBehind(candidates_.List(kind, c));
   return {candidate.position, candidate.test};
 }
 
@@ -84,25 +165,25 @@ typename Solver<N>::Segment Solver<N>::SelectCandidate(StepKind kind) {
 // records that start on cache lines it saved an eighth of the time of 1e6 trials at N = 2;
 // from four dimensions on nothing clear was gained.
 template <int N>
-void Solver<N>::FetchAhead(const CandidateList& list) const {
+void Solver<N>::PrefetchBehind(const CandidateList& list) const {
   constexpr std::size_t kLargeStore = std::size_t{8} << 20;  // bytes
   const std::size_t size = list.Size();
-  if (N > 3 || tests_.size() < kLargeStore / sizeof(Test<N>) || size < 3) return;
+  if (N > 3 || store_.Bytes() < kLargeStore || size < 3) return;
   const auto for_ends = [&](std::size_t place, auto visit) {
     visit(list[place].position);
     if (!IsFace(list[place].test)) visit(static_cast<std::uint32_t>(list[place].test));
   };
   const auto fetch = [&](std::uint32_t position, std::size_t bytes) {
-    FetchLines(&rows_[position], sizeof(FloodRow<N>));
-    FetchLines(&tests_[position], bytes);
+    FetchLines(&store_.Row(position), sizeof(FloodRow<N>));
+    FetchLines(&store_[position], bytes);
   };
   for_ends(size - 3, [&](std::uint32_t end) { fetch(end, sizeof(Test<N>)); });
   for_ends(size - 2, [&](std::uint32_t end) {
-    for (const std::uint32_t near : rows_[end].neighbours) fetch(near, sizeof(Test<N>));
+    for (const std::uint32_t near : store_.Row(end).neighbours) fetch(near, sizeof(Test<N>));
   });
   for_ends(size - 1, [&](std::uint32_t end) {
-    for (const std::uint32_t near : rows_[end].neighbours) {
-      for (const std::uint32_t far : rows_[near].neighbours) fetch(far, kCacheLine);
+    for (const std::uint32_t near : store_.Row(end).neighbours) {
+      for (const std::uint32_t far : store_.Row(near).neighbours) fetch(far, kCacheLine);
     }
   });
 }
@@ -110,8 +191,9 @@ void Solver<N>::FetchAhead(const CandidateList& list) const {
 template <int N>
 double Solver<N>::SplittingSlope(const Test<N>& anchor, StepKind kind) const {
   return kind == StepKind::kLocal
-             ? UsableSlope(anchor.slope) * parameters_.overestimation_local
-             : UsableSlope(slopes_[ClassOf(anchor)]) * parameters_.overestimation;
+             ? candidates_.UsableSlope(anchor.slope) * problem_.parameters.overestimation_local
+             : candidates_.UsableSlope(candidates_.Slope(ClassOf(anchor))) *
+                   problem_.parameters.overestimation;
 }
 
 // Between trials of one index, the minimiser along the segment of the lower bound
@@ -119,14 +201,14 @@ double Solver<N>::SplittingSlope(const Test<N>& anchor, StepKind kind) const {
 // (Piyavskii 1972; Strongin 1978). Between indices, and towards a face, the middle.
 template <int N>
 typename Solver<N>::Coordinates Solver<N>::PointOn(const Segment& segment, StepKind kind) const {
-  const Test<N>& anchor = tests_[segment.anchor];
+  const Test<N>& anchor = store_[segment.anchor];
   Coordinates point = anchor.coordinate;
   if (IsFace(segment.partner)) {
     double& coordinate = point[FaceAxis(segment.partner)];
     coordinate = (FaceSide(segment.partner) + coordinate) * 0.5;
     return point;
   }
-  const Test<N>& partner = tests_[static_cast<std::uint32_t>(segment.partner)];
+  const Test<N>& partner = store_[static_cast<std::uint32_t>(segment.partner)];
   Coordinates direction;
   double square = 0.0;
   for (int k = 0; k < N; ++k) {
@@ -147,9 +229,18 @@ typename Solver<N>::Coordinates Solver<N>::PointOn(const Segment& segment, StepK
 // is dropped, and no trial is spent on it.
 template <int N>
 bool Solver<N>::IsDuplicate(const Coordinates& point, const Segment& segment) const {
-  return point == tests_[segment.anchor].coordinate ||
+  return point == store_[segment.anchor].coordinate ||
          (!IsFace(segment.partner) &&
-          point == tests_[static_cast<std::uint32_t>(segment.partner)].coordinate);
+          point == store_[static_cast<std::uint32_t>(segment.partner)].coordinate);
+}
+
+// The parts make room first: where memory runs out none of them has the trial.
+template <int N>
+void Solver<N>::Append(const Coordinates& point, std::uint32_t combination, const TestValue& value,
+                       std::uint32_t flags) {
+  refresh_.Reserve();
+  candidates_.Append(TestCount(), combination);
+  store_.Append(point, combination, value, flags);
 }
 
 // Registers the trial just appended and refreshes the neighbourhoods it disturbs. A
@@ -157,48 +248,48 @@ bool Solver<N>::IsDuplicate(const Coordinates& point, const Segment& segment) co
 template <int N>
 bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   const std::uint32_t position = TestCount() - 1;
-  const Test<N>& trial = tests_[position];
-  std::optional<Stopwatch> stopwatch;
-  if (team_.IsTiming()) stopwatch.emplace();
-
-  ResetChanged();
-  Extent<N>& extent = tests_[position].extent;
-  extent.SetTo(trial.coordinate);
-  extent.Widen(tests_[segment.anchor].coordinate);
-  ListForRefresh(segment.anchor);
+  refresh_.Begin();
+  Extent<N>& extent = store_.Change(position).extent;
+  extent.SetTo(store_[position].coordinate);
+  extent.Widen(store_[segment.anchor].coordinate);
+  refresh_.List(segment.anchor);
   if (IsFace(segment.partner)) {
     extent.WidenToFace(segment.partner);
   } else if (segment.partner != kNone) {
     const auto partner = static_cast<std::uint32_t>(segment.partner);
-    extent.Widen(tests_[partner].coordinate);
-    ListForRefresh(partner);
+    extent.Widen(store_[partner].coordinate);
+    refresh_.List(partner);
   }
-  ExpandChanged(whole_rings);
-  RefreshNeighbours();
+  refresh_.Spread(whole_rings);
+  refresh_.ListRebuilt();
+  for (const std::uint32_t rebuilt : refresh_.Rebuilt()) candidates_.Prefetch(rebuilt);
+  refresh_.RebuildTables(Rules(), store_.HasCheckpoint() ? 1 : forced_threads_);
 
-  UpdateExtremes(trial.value);
+  for (const std::uint32_t rebuilt : refresh_.Rebuilt()) {
+    candidates_.RaiseSlope(ClassOf(store_[rebuilt]), store_[rebuilt].slope);
+  }
   const bool improved = UpdateBest(position);
-  UpdateCandidates(UpdateMode::kIncremental);
-  team_.Record(Team::Work(rebuilt_.size(), changed_.size(), N),
-               stopwatch ? stopwatch->Nanoseconds() : 0.0);
+  candidates_.Update({store_[position].combination, refresh_.Rebuilt(), refresh_.Rescored()},
+                     *this);
   return improved;
 }
 
 template <int N>
-void Solver<N>::UpdateExtremes(const TestValue& value) {
-  const auto index = static_cast<std::size_t>(value.index);
-  if (value.value > index_max_[index]) index_max_[index] = value.value;
-  if (index_min_[index] > value.value) index_min_[index] = value.value;
+TableRules Solver<N>::Rules() const {
+  return {{problem_.spread_cosine, TestCount() <= problem_.combination_count}, state_.best.index};
 }
 
 template <int N>
 bool Solver<N>::UpdateBest(std::uint32_t position) {
-  const TestValue& value = tests_[position].value;
+  const TestValue& value = store_[position].value;
+  double& index_minimum = state_.index_minima[static_cast<std::size_t>(value.index)];
+  if (index_minimum > value.value) index_minimum = value.value;
+  const TestValue& best = state_.best;
   const bool improves =
-      value.index > best_.index || (value.index == best_.index && best_.value > value.value);
+      value.index > best.index || (value.index == best.index && best.value > value.value);
   if (improves) {
-    best_ = value;
-    best_position_ = position;
+    state_.best = value;
+    state_.best_position = position;
   }
   return improves;
 }

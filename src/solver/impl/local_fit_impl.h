@@ -162,7 +162,8 @@ void LocalFit<N>::Observe(const Coordinates& point, double value) {
 }
 
 template <int N>
-double LocalFit<N>::FitModel(const Coordinates& point, double value) {
+double LocalFit<N>::FitModel(const Coordinates& point, double value,
+                             const std::function<void()>& check_interruption) {
   for (int k = 0; k < N; ++k) {
     double* row = parameters_.data() + static_cast<std::size_t>(k) * (N + 1);
     std::fill_n(row, N, 1.0);
@@ -171,14 +172,16 @@ double LocalFit<N>::FitModel(const Coordinates& point, double value) {
   parameters_[kParameters - 1] = value;
   ErrorObjective error(*this);
   return PatternSearch(error, parameters_.data(), kParameters, {step_.data(), explored_.data()},
-                       PatternSearchOptions{});
+                       PatternSearchOptions{}, check_interruption);
 }
 
 template <int N>
-typename LocalFit<N>::Coordinates LocalFit<N>::MinimiseModel(const Coordinates& start) {
+typename LocalFit<N>::Coordinates LocalFit<N>::MinimiseModel(
+    const Coordinates& start, const std::function<void()>& check_interruption) {
   Coordinates point = start;
   ModelObjective model(*this);
-  PatternSearch(model, point.data(), N, {step_.data(), explored_.data()}, PatternSearchOptions{});
+  PatternSearch(model, point.data(), N, {step_.data(), explored_.data()}, PatternSearchOptions{},
+                check_interruption);
   return point;
 }
 

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <cassert>
 #include <memory>
 
 #include "solver/solver.h"
@@ -16,21 +17,34 @@ inline constexpr double kLargestFitError = 0.001;
 
 template <int N>
 bool Solver<N>::Fit(std::uint32_t position) {
-  if (!local_fit_) local_fit_ = std::make_unique<LocalFit<N>>();
+  return ProposeFit(position) && AcceptEvaluated();
+}
+
+// A step that improved the best trial is followed by fits while they improve it, too.
+template <int N>
+bool Solver<N>::ProposeDueFit() {
+  if (state_.fits_due > 0 && ProposeFit(state_.best_position)) return true;
+  state_.fits_due = 0;
+  return false;
+}
+
+template <int N>
+bool Solver<N>::ProposeFit(std::uint32_t position) {
+  if (!local_fit_) local_fit_.reset(new LocalFit<N>);
   if (!ListFitData(position)) return false;
 
   Coordinates point;
-  const std::uint32_t combination = tests_[position].combination;
+  const std::uint32_t combination = store_[position].combination;
   {
-    const Test<N>& anchor = tests_[position];
+    const Test<N>& anchor = store_[position];
     local_fit_->Clear();
-    for (const std::uint32_t listed : changed_) {
-      local_fit_->Observe(tests_[listed].coordinate, tests_[listed].value.value);
+    for (const std::uint32_t listed : fit_data_) {
+      local_fit_->Observe(store_[listed].coordinate, store_[listed].value.value);
     }
-    if (local_fit_->FitModel(anchor.coordinate, anchor.value.value) > kLargestFitError) {
-      return false;
-    }
-    point = local_fit_->MinimiseModel(anchor.coordinate);
+    const double error =
+        local_fit_->FitModel(anchor.coordinate, anchor.value.value, check_interruption_);
+    if (error > kLargestFitError) return false;
+    point = local_fit_->MinimiseModel(anchor.coordinate, check_interruption_);
     for (int k = 0; k < N; ++k) {
       const double coordinate = point[k];
       if (coordinate < 0.0 || coordinate > 1.0) return false;
@@ -40,8 +54,9 @@ bool Solver<N>::Fit(std::uint32_t position) {
       }
     }
   }
-  AppendTrial(point, combination, EvaluateAt(point, combination), SolverBase::TestBase::kFromFit);
-  return RegisterNewest({position, kNone}, 2);
+  state_.pending =
+      PendingPoint<N>{point, combination, {position, kNone}, 2, SolverBase::TestBase::kFromFit};
+  return true;
 }
 
 // Lists what the model is fitted to: the newest trial, the one at `position` and its
@@ -50,26 +65,18 @@ bool Solver<N>::Fit(std::uint32_t position) {
 // False when the list is too short for a model.
 template <int N>
 bool Solver<N>::ListFitData(std::uint32_t position) {
-  ResetChanged();
-  const auto list = [this](std::uint32_t listed) {
-    ListForRefresh(listed);
-    if (tests_[listed].flags.load(std::memory_order_relaxed) & SolverBase::TestBase::kChanged) {
-      to_rescore_.push_back(listed);
-    }
-  };
-  if (tests_[changed_.front()].flags.load(std::memory_order_relaxed) &
-      SolverBase::TestBase::kChanged) {
-    to_rescore_.push_back(changed_.front());
-  }
-  list(position);
-  const Test<N>& anchor = tests_[position];
+  assert(position < TestCount());
+  fit_data_.assign({TestCount() - 1, position});
+  const Test<N>& anchor = store_[position];
   for (const Neighbour& neighbour : anchor.neighbours) {
     if (neighbour.test == kNone) break;
     if (IsFace(neighbour.test)) continue;
     const auto other = static_cast<std::uint32_t>(neighbour.test);
-    if (tests_[other].value.index == anchor.value.index) list(other);
+    if (store_[other].value.index == anchor.value.index) fit_data_.push_back(other);
   }
-  return changed_.size() >= 2 * N + 1;
+  refresh_.Begin();
+  for (const std::uint32_t listed : fit_data_) refresh_.Unflag(listed);
+  return fit_data_.size() >= 2 * N + 1;
 }
 
 }  // namespace QuenloftSolver

@@ -214,7 +214,7 @@ QUENLOFT_TARGET inline void AppendLanes(std::uint32_t lanes, std::uint32_t first
 template <int N>
 const SelectionKernels<N>* SelectionKernels<N>::Fastest() {
 #if defined(__x86_64__)
-  static const int lanes = LanesAllowed();
+  const int lanes = lanes_allowed;
   if (lanes >= 16 && __builtin_cpu_supports("popcnt") && __builtin_cpu_supports("avx512f") &&
       __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq") &&
       __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vnni")) {

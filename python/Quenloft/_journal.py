@@ -1,0 +1,203 @@
+# SPDX-License-Identifier: MIT
+"""The journal of a run: a file that holds every evaluation before the next one starts.
+
+The header describes problem and settings. A row is one evaluation, in the order in which they
+ended: the phase, a column for each variable (``x0``, ``x1``, ... ``category0``, ...), ``idx``,
+``value`` (NULL for NaN), ``time``, and a column for each constraint (``g0``, ...). `_database` says
+how they are kept.
+"""
+
+from __future__ import annotations
+
+import math
+import os
+import re
+import sys
+import warnings
+from dataclasses import dataclass
+from typing import Any, Optional, Sequence
+
+from . import _version
+from ._database import Database, Kind, Path, read
+from ._digest import Unknown, digest, digests
+from ._errors import JournalError
+from ._history import History
+from ._observation import Entry
+from ._plan import Plan
+
+_RUN = Kind("run", 0x516C6674, 2)  # "Qlft"
+# Keys of the header that may differ between the sessions of a run: the digest stands for the
+# arguments, whose text may change with the order of a set.
+_INFORMATION = ("version", "interpreter", "args")
+
+
+@dataclass(frozen=True)
+class Recording:
+    """What a journal holds.
+
+    Attributes
+    ----------
+    header : dict
+        Problem and settings: ``"objective"`` (str), ``"args"`` (str), ``"bounds"`` (list of
+        ``[lower, upper]``), ``"logarithmic"`` and ``"integers"`` (lists of positions), ``"numbers"``
+        (list of str: each numerical variable in words), ``"names"`` (list of str: the
+        numerical variables, then the categorical ones), ``"categories"`` (list of lists of choices;
+        those that JSON cannot hold as their text), ``"constraints"`` (list of str),
+        ``"nonfinite"``, and the parameters of the search by their names; ``"version"`` is that
+        of the package that began the journal, ``"goal"`` the `History.goal`, ``"digests"`` says
+        which functions they are.
+    history : History
+        Every evaluation recorded so far, in the order in which they ended.
+    """
+
+    header: dict[str, Any]
+    history: History
+
+
+def read_journal(path: Path) -> Recording:
+    """Read a journal, of a run that is still going on too.
+
+    Raises
+    ------
+    FileNotFoundError
+        There is no such file.
+    JournalError
+        It is damaged, or no journal.
+    """
+    header, rows = read(path, _RUN)
+    choices, limits = header["categories"], header["constraints"]
+    history = History(len(header["bounds"]), choices, len(limits), header["goal"])
+    history.names = tuple(header["names"])
+    history.bounds = tuple((lower, upper) for lower, upper in header["bounds"])
+    history.logarithmic = tuple(header["logarithmic"])
+    history.integers = tuple(header["integers"])
+    # A search that went on after a polish was recorded after it.
+    entries = [_entry(row, history) for row in rows]
+    for phase, x, category, (index, value, constraints), time in sorted(
+        entries, key=lambda entry: entry.phase == "polish"
+    ):
+        if phase == "polish" and history.polish_start is None:
+            history.polish_start = len(history)
+        history.append(x, category, index, value, time, constraints)
+    history.finish()
+    return Recording(header, history)
+
+
+class Journal:
+    """A journal that is being written."""
+
+    def __init__(self, path: Path, plan: Plan, history: History) -> None:
+        columns = _columns(history)
+        header = describe(plan)
+        self._width = len(columns)
+        self._database = Database(
+            path, _RUN, header, columns, lambda recorded: require_same(path, recorded, header)
+        )
+        self.path = self._database.path
+        #: What the sessions before this one recorded.
+        self.entries = [_entry(row, history) for row in self._database.rows]
+        self.close = self._database.close
+
+    def record(self, entry: Entry) -> None:
+        """Put an evaluation on the disk."""
+        phase, x, category, (index, value, constraints), time = entry
+        row = (phase, *map(float, x), *category, index, value, time, *constraints)
+        self._database.append(*row, *(None,) * (self._width - len(row)))
+
+
+def describe(plan: Plan) -> dict[str, Any]:
+    """The header for a problem: what must be the same for a journal to fit."""
+    variables = plan.variables
+    found = {"args": digest(plan.args, plan.fun), **digests("fun", plan.fun)}
+    for limit in plan.limits:
+        found.update(digests(limit.name, limit.source))
+    for part, value in found.items():
+        if isinstance(value, Unknown):
+            warnings.warn(
+                f"a later session of the journal cannot tell whether {part} is the same: {value}",
+                stacklevel=2,
+            )
+    return {
+        "objective": name_of(plan.fun),
+        "args": ", ".join(map(_text, plan.args)),
+        "bounds": [list(pair) for pair in zip(variables.lower, variables.upper)],
+        "logarithmic": [i for i, log in enumerate(variables.logarithmic) if log],
+        "integers": list(variables.integers),
+        "numbers": [str(number) for number in variables.numbers],
+        "names": list(variables.names),
+        "categories": [[_plain(choice) for choice in choices] for choices in variables.choices],
+        "constraints": [limit.name for limit in plan.limits],
+        "nonfinite": plan.nonfinite,
+        **plan.settings.engine_arguments(),
+        "local_models": plan.local_models,
+        "goal": plan.goal,
+        "version": _version.__version__,
+        "interpreter": sys.implementation.cache_tag,
+        "digests": {k: v for k, v in found.items() if not isinstance(v, Unknown)},
+    }
+
+
+def require_same(
+    path: Path, recorded: dict[str, Any], header: dict[str, Any], where: str = "the journal"
+) -> None:
+    """Raise a JournalError that names the first difference, if there is one."""
+    wrote = f"{where} {os.fspath(path)!r} was written with"
+    for key in [*header, *recorded]:
+        theirs, ours = recorded.get(key), header.get(key)
+        if key in _INFORMATION or key == "digests" or theirs == ours:
+            continue
+        raise JournalError(f"{wrote} {key} = {theirs!r}, not {ours!r}")
+    if recorded["interpreter"] != header["interpreter"]:
+        return  # code looks different in each version of Python
+    theirs, ours = recorded["digests"], header["digests"]
+    for part in [*ours, *theirs]:
+        if theirs.get(part) != ours.get(part):
+            if part == "args":
+                raise JournalError(f"{wrote} args = {recorded['args']!r}, not {header['args']!r}")
+            raise JournalError(f"{wrote} a different {part}")
+
+
+def name_of(function: Any) -> str:
+    """The name of a callable, without its module: a script is ``__main__`` or itself."""
+    while hasattr(function, "func"):  # functools.partial
+        function = function.func
+    return str(getattr(function, "__qualname__", type(function).__qualname__))
+
+
+def _text(value: Any) -> str:
+    """A text of bounded length for people."""
+    text = re.sub(r" at 0x[0-9a-fA-F]+", "", repr(value))
+    return text if len(text) <= 200 else f"{text[:150]}..."
+
+
+def _plain(choice: Any) -> Any:
+    is_plain = isinstance(choice, (str, int, type(None))) or (
+        isinstance(choice, float) and math.isfinite(choice)
+    )
+    return choice if is_plain else _text(choice)
+
+
+def _columns(history: History) -> list[str]:
+    return [
+        "phase TEXT NOT NULL",
+        *(f"x{i} REAL NOT NULL" for i in range(history.dimension)),
+        *(f"category{i} INTEGER NOT NULL" for i in range(len(history.choices))),
+        "idx INTEGER NOT NULL",
+        "value REAL",
+        "time REAL NOT NULL",
+        *(f"g{i} REAL" for i in range(history.constraint_count)),
+    ]
+
+
+def _entry(row: Sequence[Any], history: History) -> Entry:
+    n, k = history.dimension, len(history.choices)
+    phase, *rest = row
+    index, value, time, *constraints = rest[n + k :]
+    # A row ends after its first violated constraint. What else is NULL is a NaN.
+    known = constraints[: index + 1] if index < len(constraints) else constraints
+    outcome = (index, _number(value), [_number(g) for g in known])
+    return Entry(phase, tuple(rest[:n]), tuple(rest[n : n + k]), outcome, time)
+
+
+def _number(stored: Optional[float]) -> float:
+    return math.nan if stored is None else stored

@@ -1,0 +1,134 @@
+# SPDX-License-Identifier: MIT
+"""The arguments of a minimisation, checked: what is wrong is said before anything is evaluated."""
+
+from __future__ import annotations
+
+import os
+from dataclasses import dataclass, field, fields
+from importlib import import_module
+from typing import Any, Callable, Optional, Sequence, Union
+
+from . import _constraints as constraint_forms, _variables as variable_forms
+from ._constraints import Constraint
+from ._history import History
+from ._observation import Evaluation, Form, point_form
+from ._result import OptimizeResult
+from ._settings import Budget, Settings, budget, one_of
+from ._variables import Variables
+from ._workers import WorkersArgument, check as check_workers
+
+
+@dataclass
+class Plan:
+    """The arguments of `minimize`, and what they are made into.
+
+    Raises
+    ------
+    TypeError, ValueError
+        An argument is wrong.
+    """
+
+    fun: Callable[..., Any]
+    bounds: Any
+    args: Any = ()
+    names: Optional[Sequence[str]] = None
+    logarithmic: Sequence[int] = ()
+    categories: Sequence[Sequence[Any]] = ()
+    constraints: Any = ()
+    point: str = "tuple"
+    nonfinite: str = "raise"
+    maxfun: Optional[float] = None
+    maxtime: Optional[float] = None
+    f_min: Optional[float] = None
+    min_radius: Optional[float] = None
+    callback: Optional[Callable[[OptimizeResult], Any]] = None
+    on_interrupt: str = "raise"
+    progress: bool = False
+    polish: Union[bool, str] = False
+    journal: Optional[Union[str, os.PathLike[str]]] = None
+    verify: bool = True
+    workers: WorkersArgument = 1
+    local_models: bool = True
+    overestimation: Optional[float] = None
+    overestimation_local: float = Settings.overestimation_local
+    local_vs_global: float = Settings.local_vs_global
+    spread: float = Settings.spread
+    cross: float = Settings.cross
+    fit: int = Settings.fit
+
+    variables: Variables = field(init=False)
+    form: Form = field(init=False)
+    limits: tuple[Constraint, ...] = field(init=False)
+    settings: Settings = field(init=False)
+    budget: Budget = field(init=False)
+
+    def __post_init__(self) -> None:
+        one_of("point", self.point, ("tuple", "list", "array"))
+        one_of("nonfinite", self.nonfinite, ("raise", "infeasible"))
+        one_of("on_interrupt", self.on_interrupt, ("raise", "return"))
+        one_of("polish", self.polish, (False, True, "cobyla", "pattern"))
+        one_of("verify", self.verify, (False, True))
+        one_of("local_models", self.local_models, (False, True))
+        check_workers(self.workers)
+        if not callable(self.fun):
+            raise TypeError(f"fun must be callable, not {self.fun!r}")
+        if self.callback is not None and not callable(self.callback):
+            raise TypeError(f"callback must be callable, not {self.callback!r}")
+        if self.polish == "cobyla" and scipy_minimize() is None:
+            raise ValueError("polish='cobyla' needs SciPy, which is not installed")
+        # As in SciPy, anything but a tuple is one argument.
+        self.args = self.args if isinstance(self.args, tuple) else (self.args,)
+        self.variables = variable_forms.declare(
+            self.bounds, self.logarithmic, self.categories, self.names
+        )
+        dimension, choices = self.variables.dimension, self.variables.choices
+        self.form = point_form(self.point)
+        self.limits = constraint_forms.declare(
+            self.constraints, self.form, dimension, bool(choices)
+        )
+        names = [item.name for item in fields(Settings)]
+        self.settings = Settings.of(
+            self.local_models, **{name: getattr(self, name) for name in names}
+        )
+        self.budget = budget(self.maxfun, self.maxtime, self.f_min, self.min_radius, dimension)
+
+    @property
+    def is_hidden(self) -> bool:
+        """Whether points at which a function is not finite are infeasible."""
+        return self.nonfinite == "infeasible"
+
+    @property
+    def goal(self) -> int:
+        """The index of a trial at which everything holds."""
+        return len(self.limits) + self.is_hidden
+
+    def new_history(self) -> History:
+        """An empty history of the problem."""
+        variables = self.variables
+        history = History(variables.dimension, variables.choices, len(self.limits), self.goal)
+        history.names = variables.names
+        history.bounds = tuple(zip(variables.lower, variables.upper))
+        history.integers = variables.integers
+        history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
+        return history
+
+    def evaluation(self) -> Evaluation:
+        """What is called at each point."""
+        return Evaluation(
+            self.fun,
+            self.args,
+            self.variables.choices,
+            tuple(limit.source for limit in self.limits),
+            self.point,
+            self.is_hidden,
+            self.variables.dimension,
+        )
+
+
+def scipy_minimize() -> Optional[Callable[..., Any]]:
+    """SciPy's `minimize`, for a polish; None where SciPy is not installed."""
+    # Not an import statement: it brings no types, and may be missing.
+    try:
+        return import_module("scipy.optimize").minimize  # type: ignore[no-any-return]
+    except ImportError:
+        return None

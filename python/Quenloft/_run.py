@@ -1,0 +1,326 @@
+# SPDX-License-Identifier: MIT
+"""A run: the trials of one call of `minimize`, whatever phase asks for them."""
+
+from __future__ import annotations
+
+import math
+from itertools import count
+from time import perf_counter
+from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence
+
+from ._errors import JournalError
+from ._history import History, rank
+from ._observation import Entry, Outcome
+from ._plan import Plan
+from ._result import Status
+from ._search import Point, Search
+from ._workers import Answer, Workers, with_origin
+
+if TYPE_CHECKING:
+    from ._journal import Journal
+
+# What a recorded value and the same one of today may differ by, of the size and spread of the
+# values: other libraries and processors round differently.
+_SAME = 1e-6
+
+
+class Run:
+    """The state that the phases of a run share.
+
+    An outcome goes to the search or the polish that asked for it, then to the journal. When its
+    turn comes, it is a trial: in the history first, then shown to the watcher (the callback and the
+    progress display). What happens afterwards cannot lose it.
+    """
+
+    #: Set by the driver before the first trial.
+    workers: Workers
+
+    def __init__(self, plan: Plan) -> None:
+        # Fixed after construction.
+        self.variables = plan.variables
+        self.history = plan.new_history()
+        self.surplus = plan.new_history()
+        self.goal = plan.goal
+        self._f_min = plan.budget.f_min
+        self._min_radius = plan.budget.min_radius
+        self._verify = plan.verify
+        points = 2 * len(plan.variables.searched) + 1 if plan.settings.cross else 1
+        self._initial_count = points * math.prod(map(len, plan.variables.choices))
+        # Set by the driver, where there is one.
+        self.watch: Optional[Callable[[], None]] = None
+        # Set by the driver for each phase.
+        self.limit = math.inf
+        self.allowed_seconds = math.inf
+        self.phase = "search"
+        # Written by each trial.
+        self.status: Optional[Status] = None
+        self.error: Optional[BaseException] = None
+        self.deadline = math.inf
+        self.start = perf_counter()
+        #: When the last evaluation ended of which a trial was made.
+        self.latest = 0.0
+        self.best = -1
+        self.best_rank = (1, math.inf)
+        self.replayed = 0
+        self._search: Optional[Search] = None
+        # Outcomes of the search that are no trials yet, and exceptions instead of outcomes, by the
+        # numbers of their points; in the order in which they came.
+        self._known: dict[int, Entry] = {}
+        self._failures: dict[int, BaseException] = {}
+        self._out: dict[int, Point] = {}
+        # What the sessions before this one recorded.
+        self._journal: Optional[Journal] = None
+        self._recorded: dict[Any, Entry] = {}
+        self._is_replay = False
+        self._supplied: set[int] = set()
+        # Of evaluations that no search asked for.
+        self._other_keys = count(-1, -1)
+
+    def begin_phase(self, phase: str, limit: float, seconds: float) -> None:
+        """Set what the phase may use of the budget, as totals of the run."""
+        self.phase = phase
+        self.limit = limit
+        self.allowed_seconds = seconds
+        self.deadline = self.start + seconds
+        self.status = None
+
+    def elapsed(self) -> float:
+        """Seconds since the run began, in all sessions."""
+        return perf_counter() - self.start
+
+    def stop(self, status: Status) -> None:
+        """Make no more trials in this phase; of several reasons the first counts."""
+        self.status = self.status or status
+
+    def is_feasible(self) -> bool:
+        """Whether the best trial satisfies every constraint."""
+        return self.best_rank[0] == -self.goal
+
+    def best_objective(self) -> float:
+        """The best feasible value, infinity where there is none."""
+        return self.best_rank[1] if self.is_feasible() else math.inf
+
+    def search(self, search: Search, journal: Optional[Journal]) -> None:
+        """Ask, evaluate and tell until the phase ends; the reason is in `status`."""
+        self._search = search
+        if journal is not None:
+            self._journal = journal
+            self._supply(journal)
+        self._is_replay = bool(self._recorded)
+        if self._is_replay:
+            # Replaying may take longer than the time allowed: the recorded times count.
+            self.deadline = math.inf
+        workers = self.workers
+        while True:
+            while self.status is None and search.advance(1):
+                self._make_trial()
+            if self.status is None and search.is_finished:
+                is_spent = len(self.history) >= self.limit
+                self.stop(Status.MAXFUN if is_spent else Status.EXHAUSTED)
+            if self.status is not None:
+                break
+            self._end_replay()
+            self._raise_failure()
+            if perf_counter() < self.deadline:
+                for point in search.ask(workers.size - workers.busy):
+                    self._out[point.id] = point
+                    workers.submit(point.id, (point.x, point.category))
+                if not workers.busy and not search.is_finished:
+                    raise RuntimeError("the search asks for nothing, and waits for nothing")
+            elif not workers.busy:
+                self.stop(Status.MAXTIME)
+            # All answers that are there before the next points are asked for, which takes time.
+            answer = workers.wait() if workers.busy else None
+            while answer is not None:
+                self._receive(answer)
+                answer = workers.wait(0) if workers.busy else None
+        if self._is_replay:
+            # Nothing new was asked for: the run is as old as what it replayed.
+            self._set_elapsed(self.latest)
+
+    def end_search(self) -> None:
+        """Let go of the search, whatever frame of an exception's traceback still holds it."""
+        if self._search is not None:
+            vars(self._search).clear()
+            self._search = None
+
+    def trial(self, coordinates: Sequence[float], selected: Sequence[int]) -> bool:
+        """Make a trial of the polish at a point of the engine's box; False when its phase ends.
+
+        It never raises: an exception is kept in `error`.
+        """
+        try:
+            if self.status is None and perf_counter() >= self.deadline:
+                self.stop(Status.MAXTIME)
+            if self.status is not None or self.error or len(self.history) >= self.limit:
+                return False
+            x = self.variables.decoder()(coordinates)
+            category = self.variables.category_decoder()(selected)
+            entry = self._recorded.get((x, category))
+            is_replayed = entry is not None
+            if entry is None:
+                self._end_replay()
+                outcome = self._evaluate(x, category)
+                entry = Entry("polish", x, category, outcome, self.elapsed())
+            try:
+                if not is_replayed:
+                    self._record(entry)
+            finally:
+                self._append(entry, is_replayed)
+        except BaseException as error:
+            self.error = error
+            return False
+        return True
+
+    def close(self) -> None:
+        """Drop what an interruption left half-written, and count what was not needed."""
+        self.history.finish()
+        self.best = min(self.best, len(self.history) - 1)
+        if not self.surplus:
+            for entry in self._known.values():
+                _append(self.surplus, entry)
+        self.surplus.finish()
+
+    def _supply(self, journal: Journal) -> None:
+        for entry in journal.entries:
+            if self._recorded.setdefault((entry.x, entry.category), entry) is not entry:
+                continue
+            if entry.phase != "polish":
+                chosen = self.history.chosen(entry.category)
+                assert self._search is not None
+                point = self._search.supply(entry.x, categories=chosen, **self._told(entry))
+                self._known[point.id] = entry
+                self._supplied.add(point.id)
+
+    def _told(self, entry: Entry) -> dict[str, Any]:
+        """An outcome as the search is told of it."""
+        index, value, constraints = entry.outcome
+        limits = self.history.constraint_count
+        told: dict[str, Any] = {}
+        if index < limits:
+            told["constraints"] = (*constraints[:index], value)
+            if not math.isfinite(value):
+                told["failed"] = True
+            return told
+        told["value"] = value
+        if limits:
+            told["constraints"] = constraints
+        if index < self.goal:
+            told["failed"] = True
+        return told
+
+    def _set_elapsed(self, seconds: float) -> None:
+        self.start = perf_counter() - seconds
+        self.deadline = self.start + self.allowed_seconds
+
+    def _end_replay(self) -> None:
+        """Make sure that the journal is of this problem, before anything is added to it."""
+        if not self._is_replay:
+            return
+        self._is_replay = False
+        self._set_elapsed(max(entry.time for entry in self._recorded.values()))
+        assert self._journal is not None
+        path = self._journal.path
+        if len(self.history) > self._initial_count and any(
+            entry.phase == "search" for entry in self._known.values()
+        ):
+            raise JournalError(
+                f"the journal {path!r} holds other points than this search asks for from trial "
+                f"{len(self.history)} on: another version wrote it"
+            )
+        if not self._verify or self.best < 0:
+            return
+        x = tuple(self.history.x[self.best])
+        category = tuple(self.history.category[self.best])
+        index, value, _ = self._recorded[x, category].outcome
+        found = self._evaluate(x, category)[:2]
+        distances = sorted(abs(v - value) for v in self.history.value if math.isfinite(v))
+        size = abs(value) + (distances[len(distances) // 2] if distances else 0.0)
+        if found[0] != index or abs(found[1] - value) > _SAME * size:
+            raise JournalError(
+                f"the journal {path!r} holds the value {value!r} at {x}, where it is {found[1]!r} "
+                "now: another function wrote it; verify=False goes on all the same"
+            )
+
+    def _make_trial(self) -> None:
+        search = self._search
+        assert search is not None and search.last is not None
+        number = search.last[0]
+        self._append(self._known.pop(number), number in self._supplied)
+        radius = self._min_radius
+        if radius is not None and search.radius() < radius:
+            self.stop(Status.MIN_RADIUS)
+
+    def _append(self, entry: Entry, is_replayed: bool) -> None:
+        index, value, _ = entry.outcome
+        _append(self.history, entry)
+        placed = rank(index, value)
+        if placed < self.best_rank:
+            self.best = len(self.history) - 1
+            self.best_rank = placed
+        self.latest = max(self.latest, entry.time)
+        if is_replayed:
+            self.replayed += 1
+            if entry.time >= self.allowed_seconds:
+                self.stop(Status.MAXTIME)
+        if index == self.goal and value <= self._f_min:
+            self.stop(Status.F_MIN)
+        if self.watch is not None:
+            self.watch()
+
+    def _raise_failure(self) -> None:
+        """An exception counts when the search cannot go on without its point."""
+        if self._failures:
+            assert self._search is not None
+            needed = self._search.needed
+            if needed and needed[0].id in self._failures:
+                raise with_origin(self._failures[needed[0].id])
+
+    def _evaluate(self, x: Sequence[float], category: Sequence[float]) -> Outcome:
+        """The outcome at a point that no search asked for."""
+        key = next(self._other_keys)
+        self.workers.submit(key, (x, category))
+        while True:
+            answer = self.workers.wait()
+            assert answer is not None
+            if answer.key != key:
+                self._receive(answer)
+            elif answer.error is not None:
+                raise with_origin(answer.error)
+            else:
+                return answer.value  # type: ignore[no-any-return]
+
+    def _receive(self, answer: Answer) -> None:
+        """Take what came of a point of the search."""
+        key, outcome, error = answer
+        point = self._out.pop(key)
+        if error is not None:
+            self._failures[key] = error
+            return
+        search = self._search
+        # After its end a search needs nothing.
+        is_needed = search is not None and (
+            self.workers.size == 1 or any(other.id == key for other in search.needed)
+        )
+        phase = "search" if is_needed else "ahead"
+        entry = Entry(phase, point.x, point.category, outcome, self.elapsed())
+        self._known[key] = entry
+        if search is not None:
+            search.tell(point, advance=False, **self._told(entry))
+        try:
+            self._record(entry)
+        except BaseException:
+            # The run ends here, and nobody is told of the trials any more that are still made.
+            self.watch = None
+            while search is not None and self.status is None and search.advance(1):
+                self._make_trial()
+            raise
+
+    def _record(self, entry: Entry) -> None:
+        if self._journal is not None:
+            self._journal.record(entry)
+
+
+def _append(history: History, entry: Entry) -> None:
+    index, value, constraints = entry.outcome
+    history.append(entry.x, entry.category, index, value, entry.time, constraints)

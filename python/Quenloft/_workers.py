@@ -1,0 +1,342 @@
+# SPDX-License-Identifier: MIT
+"""Where calls are made: here, in processes of our own, in an executor's, or through a map.
+
+All kinds are used in the same way: `submit` calls, and `wait` for one of their answers at a time.
+"""
+
+from __future__ import annotations
+
+import os
+import pickle
+import signal
+from collections import deque
+from concurrent.futures import Executor
+from contextlib import contextmanager
+from queue import Empty, SimpleQueue
+from traceback import format_exc
+from typing import (
+    TYPE_CHECKING,
+    Any,
+    Callable,
+    Iterable,
+    Iterator,
+    NamedTuple,
+    Optional,
+    Protocol,
+    Sequence,
+    Union,
+)
+
+from ._settings import whole_number
+
+if TYPE_CHECKING:
+    from concurrent.futures import ProcessPoolExecutor
+
+#: What `minimize` and `minimize_many` take as their workers.
+WorkersArgument = Union[int, Executor, Callable[..., Any]]
+
+_PR_SET_PDEATHSIG = 1
+
+
+class Answer(NamedTuple):
+    """What came of a call: its value, or the exception that it raised."""
+
+    key: int
+    value: Any
+    error: Optional[BaseException]
+
+
+class Workers(Protocol):
+    """Makes calls of one function; for one thread to use."""
+
+    #: Calls that can be under way at once.
+    size: int
+
+    @property
+    def busy(self) -> int:
+        """Calls submitted whose answers were not taken yet."""
+
+    def submit(self, key: int, arguments: Sequence[Any]) -> None:
+        """Call the function with these arguments when a worker is free."""
+
+    def wait(self, seconds: Optional[float] = None) -> Optional[Answer]:
+        """The next answer, None if there is none within the time; no limit but 0 is kept by all.
+
+        Raises
+        ------
+        Exception
+            The workers failed, such as a process that was killed.
+        """
+
+
+def check(workers: Any) -> None:
+    """Raise TypeError or ValueError if these are no workers."""
+    if isinstance(workers, bool):
+        raise TypeError(f"workers must be a whole number, not {workers!r}")
+    if not callable(workers) and not isinstance(workers, Executor) and workers != -1:
+        whole_number("workers", workers, 1)
+
+
+@contextmanager
+def opened(
+    workers: Any, function: Callable[..., Any], most: Optional[int] = None
+) -> Iterator[Workers]:
+    """Workers for a function; at the end nobody waits for calls that are still under way.
+
+    Parameters
+    ----------
+    workers : int, Executor or map-like callable
+        See `minimize`.
+    function : callable
+        The same for all calls.
+    most : int, optional
+        Calls there will be.
+    """
+    executor = _executor_of(workers)
+    kind = type(executor).__module__
+    if kind in ("concurrent.futures.process", "mpi4py.futures.pool"):
+        require_picklable(function)  # others may have means of their own
+    if executor is not None or callable(workers):
+        call = _Call(function)
+        others = _Submitted(executor, call) if executor else _Mapped(workers, call)
+        try:
+            yield others
+        finally:
+            others.cancel()
+        return
+    number = os.cpu_count() or 1 if workers == -1 else int(workers)
+    count = number if most is None else min(number, most)
+    if count <= 1:
+        yield _Here(function)
+        return
+    require_picklable(function)
+    from concurrent.futures import ProcessPoolExecutor  # which brings much with it
+
+    pool = ProcessPoolExecutor(count, initializer=_begin, initargs=(function, os.getpid()))
+    try:
+        yield _Submitted(pool, _call_global)
+    finally:
+        _end(pool)
+
+
+def require_picklable(function: Callable[..., Any]) -> None:
+    """Raise TypeError, with the remedy, if a function cannot be sent to other processes."""
+    try:
+        pickle.dumps(function)
+    except Exception as error:
+        raise TypeError(
+            f"the problem cannot be sent to other processes ({error}): define its functions at the "
+            "top level of a module, or pass a ThreadPoolExecutor as workers"
+        ) from None
+
+
+def _executor_of(workers: Any) -> Optional[Executor]:
+    if isinstance(workers, Executor):
+        return workers
+    # An executor's own map would hold every result back until those before it are there.
+    owner = getattr(workers, "__self__", None)
+    is_map = isinstance(owner, Executor) and getattr(workers, "__name__", "") == "map"
+    return owner if is_map else None
+
+
+def _size_of(owner: Any) -> int:
+    """How many calls an executor or a pool makes at once; a guess where it does not tell."""
+    for name in ("_max_workers", "num_workers", "_processes"):
+        size = getattr(owner, name, None)
+        if isinstance(size, int):
+            return max(size, 1)
+    client = getattr(owner, "_client", owner)
+    if hasattr(client, "nthreads"):  # Dask
+        return max(int(sum(client.nthreads().values())), 1)
+    return os.cpu_count() or 1
+
+
+class _Here:
+    """Calls made while the caller waits."""
+
+    size = 1
+
+    def __init__(self, function: Callable[..., Any]) -> None:
+        self._function = function
+        self._items: deque[tuple[int, Sequence[Any]]] = deque()
+
+    @property
+    def busy(self) -> int:
+        return len(self._items)
+
+    def submit(self, key: int, arguments: Sequence[Any]) -> None:
+        self._items.append((key, arguments))
+
+    def wait(self, seconds: Optional[float] = None) -> Optional[Answer]:
+        key, arguments = self._items.popleft()
+        try:
+            return Answer(key, self._function(*arguments), None)
+        except Exception as error:
+            return Answer(key, None, error)
+
+
+class _Submitted:
+    """Calls whose answers come as futures, of an executor or of any other origin."""
+
+    def __init__(self, executor: Optional[Executor], call: Callable[..., Any]) -> None:
+        self.size = _size_of(executor)
+        self._executor = executor
+        self._call = call
+        self._pending: dict[int, Any] = {}
+        self._done: SimpleQueue[tuple[int, Any]] = SimpleQueue()
+
+    @property
+    def busy(self) -> int:
+        return len(self._pending)
+
+    def submit(self, key: int, arguments: Sequence[Any]) -> None:
+        assert self._executor is not None
+        self.add(key, self._executor.submit(self._call, (key, arguments)))
+
+    def add(self, key: int, future: Any) -> None:
+        self._pending[key] = future
+        future.add_done_callback(lambda done: self._done.put((key, done)))
+
+    def wait(self, seconds: Optional[float] = None) -> Optional[Answer]:
+        try:
+            key, future = self._done.get(timeout=seconds)
+        except Empty:
+            return None
+        del self._pending[key]
+        return future.result()  # type: ignore[no-any-return]
+
+    def cancel(self) -> None:
+        """Begin no more calls."""
+        for future in self._pending.values():
+            future.cancel()
+
+
+class _Mapped:
+    """Calls made by a map-like callable, as many at a time as there are workers behind it.
+
+    It may return futures, whose answers are taken as they come; else the next calls are made when
+    the answers of these were taken.
+    """
+
+    def __init__(self, apply: Callable[..., Any], call: Callable[..., Any]) -> None:
+        self.size = _size_of(getattr(apply, "__self__", None))
+        self._apply = apply
+        self._call = call
+        self._items: list[tuple[int, Sequence[Any]]] = []
+        self._under_way: set[int] = set()
+        self._answers: Iterator[Any] = iter(())
+        self._are_there = False
+        self._futures = _Submitted(None, call)
+        self.cancel = self._futures.cancel
+
+    @property
+    def busy(self) -> int:
+        return len(self._items) + len(self._under_way) + self._futures.busy
+
+    def submit(self, key: int, arguments: Sequence[Any]) -> None:
+        self._items.append((key, arguments))
+
+    def wait(self, seconds: Optional[float] = None) -> Optional[Answer]:
+        if self._items and not self._under_way:
+            items, self._items = self._items, []
+            self._begin(items)
+        if self._under_way:
+            if seconds == 0 and not self._are_there:
+                return None  # an iterator does not tell whether it would block
+            for answer in self._answers:
+                self._under_way.discard(answer.key)
+                return answer  # type: ignore[no-any-return]
+            raise RuntimeError(f"workers gave no answer to the calls {sorted(self._under_way)}")
+        return self._futures.wait(seconds)
+
+    def _begin(self, items: list[tuple[int, Sequence[Any]]]) -> None:
+        answers: Iterable[Any] = self._apply(self._call, items)
+        is_list = isinstance(answers, (list, tuple)) and len(answers) == len(items)
+        if is_list and all(hasattr(answer, "add_done_callback") for answer in answers):
+            for (key, _), future in zip(items, answers):
+                self._futures.add(key, future)
+        else:
+            self._under_way = {key for key, _ in items}
+            self._answers = iter(answers)
+            self._are_there = isinstance(answers, (list, tuple))
+
+
+class _Call:
+    """A function whose exceptions are answers; it can be sent to other processes."""
+
+    def __init__(self, function: Callable[..., Any]) -> None:
+        self._function = function
+        self._home = _place()
+
+    def __call__(self, item: tuple[int, Sequence[Any]]) -> Answer:
+        key, arguments = item
+        try:
+            return Answer(key, self._function(*arguments), None)
+        except BaseException as error:
+            return Answer(key, None, error if _place() == self._home else _portable(error))
+
+
+def _place() -> tuple[str, int]:
+    return os.uname().nodename, os.getpid()
+
+
+def _portable(error: BaseException) -> BaseException:
+    """An exception that arrives in another process, with the text of its traceback."""
+    # Frames do not travel, nor does every exception; text does.
+    vars(error)["worker_traceback"] = format_exc()
+    try:
+        pickle.loads(pickle.dumps(error))
+    except Exception:
+        text = error.worker_traceback  # type: ignore[attr-defined]
+        error = RuntimeError(f"{type(error).__name__}: {error}")
+        vars(error)["worker_traceback"] = text
+    return error
+
+
+def with_origin(error: BaseException) -> BaseException:
+    """Let an exception from another process show where it was raised."""
+    text = getattr(error, "worker_traceback", None)
+    if text is not None and error.__traceback__ is None:
+        error.__cause__ = _InWorker(text)
+    return error
+
+
+class _InWorker(Exception):
+    """Shows the traceback of an exception that came from another process."""
+
+    def __str__(self) -> str:
+        return f"\n{self.args[0]}"
+
+
+# The function of this process, where it is a worker of a pool of ours.
+_global_call: Optional[_Call] = None
+
+
+def _begin(function: Callable[..., Any], owner: int) -> None:
+    global _global_call
+    _global_call = _Call(function)
+    _global_call._home = "", 0
+    # Ctrl-C is the parent's to answer, and it ends its workers by this signal.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    signal.signal(signal.SIGTERM, signal.SIG_DFL)
+    import ctypes
+    from multiprocessing import get_start_method
+
+    # Nor do they outlive it when it is killed (Linux).
+    ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)
+    if os.getppid() != owner and get_start_method() != "forkserver":
+        os._exit(1)  # it was killed before that was said
+
+
+def _call_global(item: tuple[int, Sequence[Any]]) -> Answer:
+    assert _global_call is not None
+    return _global_call(item)
+
+
+def _end(executor: ProcessPoolExecutor) -> None:
+    processes = list((executor._processes or {}).values())
+    executor.shutdown(wait=False, cancel_futures=True)
+    for process in processes:
+        process.terminate()
+    for process in processes:
+        process.join()

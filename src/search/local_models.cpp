@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: MIT
+
+#include "search/local_models.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "search/quadratic_model.h"
+
+namespace QuenloftSearch {
+
+using Eigen::Index;
+using Eigen::MatrixXd;
+using Eigen::VectorXd;
+using QuenloftSolver::SolverBase;
+
+namespace {
+constexpr double kLeastRadius = 1e-9;
+constexpr double kFirstRadius = 0.2;
+// A direction is not missing where a trial of another index is nearer than this, in radii.
+constexpr double kMissing = 0.1;
+// A region is hopeless when this many times what its model can gain would not make it the
+// best; twice as many while the model's minimum is at the edge of its cube.
+constexpr double kHope = 10.0;
+// Failures in a row after which a region takes turns off.
+constexpr int kPatience = 8;
+// A gain below this share of the values' spread is a fine one, after which a region waits for
+// so many turns.
+constexpr double kFine = 1e-7;
+constexpr std::uint64_t kFineTurns = 32;
+// One in so many turns that no region claims goes to a hopeless one.
+constexpr std::uint64_t kIdleTurns = 8;
+}  // namespace
+
+std::vector<std::uint32_t> LocalModels::NearestTrials(const TrialLog& log, std::uint32_t centre,
+                                                      std::size_t count) {
+  near_.clear();
+  const double* point = log.Point(centre);
+  const auto index = log.Value(centre).index;
+  const auto combination = log.Combination(centre);
+  for (std::uint32_t t = 0; t < log.Size(); ++t) {
+    if (t == centre || log.Value(t).index != index || log.Combination(t) != combination) continue;
+    near_.emplace_back(log.SquaredDistance(t, point), t);
+  }
+  count = std::min(count, near_.size());
+  std::partial_sort(near_.begin(), near_.begin() + static_cast<std::ptrdiff_t>(count), near_.end());
+  std::vector<std::uint32_t> nearest;
+  for (std::size_t i = 0; i < count; ++i) nearest.push_back(near_[i].second);
+  return nearest;
+}
+
+std::optional<std::size_t> LocalModels::SelectRegion(const TrialLog& log,
+                                                     const SolverBase& solver) {
+  // Candidates: trials marked local, and the centres of regions.
+  std::optional<std::uint32_t> best;
+  std::optional<std::size_t> best_region;
+  const auto consider = [&](std::uint32_t t, std::optional<std::size_t> region) {
+    if (!best || log.IsBetter(t, *best)) {
+      best = t;
+      best_region = region;
+    }
+  };
+  for (std::size_t r = 0; r < regions_.size(); ++r) {
+    const Region& region = regions_[r];
+    if (!region.is_exhausted && !region.is_hopeless && region.rest_until <= turn_ &&
+        log.Size() >= region.free_at) {
+      consider(region.centre, r);
+    }
+  }
+  const auto n = dimension_;
+  for (std::uint32_t t = 0; t < log.Size(); ++t) {
+    const std::uint32_t position = log.EnginePosition(t);
+    if (position == TrialLog::kNotInEngine) continue;
+    if (best && !log.IsBetter(t, *best)) continue;
+    if ((solver.GetTest(position)->flags.load(std::memory_order_relaxed) &
+         SolverBase::TestBase::kLocal) == 0 &&
+        position != solver.BestPosition()) {
+      continue;
+    }
+    bool is_covered = false;
+    for (const Region& region : regions_) {
+      if (log.Combination(region.centre) != log.Combination(t)) continue;
+      const double reach = std::max(region.cover, region.radius);
+      if (t == region.centre || log.SquaredDistance(t, log.Point(region.centre)) <= reach * reach) {
+        is_covered = true;
+        break;
+      }
+    }
+    if (!is_covered) consider(t, std::nullopt);
+  }
+  if (!best) return std::nullopt;
+  if (!best_region) {
+    Region region;
+    region.centre = *best;
+    const auto near = NearestTrials(log, *best, n);
+    double distance =
+        near.empty() ? 1.0 : std::sqrt(log.SquaredDistance(near.back(), log.Point(*best)));
+    region.radius = std::min(kFirstRadius, distance);
+    region.cover = 0.0;
+    region.hessian = MatrixXd::Zero(n, n);
+    best_region = regions_.size();
+    regions_.push_back(region);
+  }
+  return best_region;
+}
+
+std::optional<LocalPoint> LocalModels::Propose(const TrialLog& log, const SolverBase& solver,
+                                               std::uint32_t best) {
+  ++turn_;
+  while (const auto region = SelectRegion(log, solver)) {
+    auto point = ProposeIn(log, *region, best);
+    if (point) {
+      regions_[*region].free_at = log.Size() + batch_;
+      return point;
+    }
+  }
+  return RefineHopeless(log);
+}
+
+// Turns left over refine other minima than the best one, now and then.
+std::optional<LocalPoint> LocalModels::RefineHopeless(const TrialLog& log) {
+  if (++idle_turns_ % kIdleTurns != 0) return std::nullopt;
+  for (;;) {
+    std::optional<std::size_t> lowest;
+    for (std::size_t r = 0; r < regions_.size(); ++r) {
+      if (!regions_[r].is_hopeless || regions_[r].is_exhausted || regions_[r].rest_until > turn_ ||
+          log.Size() < regions_[r].free_at) {
+        continue;
+      }
+      if (!lowest || log.IsBetter(regions_[r].centre, regions_[*lowest].centre)) lowest = r;
+    }
+    if (!lowest) return std::nullopt;
+    Region& region = regions_[*lowest];
+    auto point = ProposeIn(log, *lowest, region.centre);
+    if (point) {
+      region.free_at = log.Size() + batch_;
+      return point;
+    }
+  }
+}
+
+namespace {
+
+// From the best value to the median of the first trials of its index.
+double ValueSpread(const TrialLog& log, std::uint32_t best) {
+  std::vector<double> values;
+  for (std::uint32_t t = 0; t < std::min(log.Size(), 2 * log.Dimension() + 1); ++t) {
+    if (log.Value(t).index == log.Value(best).index) values.push_back(log.Value(t).value);
+  }
+  if (values.empty()) return 0.0;
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle - log.Value(best).value;
+}
+
+}  // namespace
+
+// Of all indices: what violates another constraint is a trial at that point, too.
+LocalPoint LocalModels::PointAt(const TrialLog& log, const Region& region,
+                                const VectorXd& step) const {
+  const double* centre = log.Point(region.centre);
+  LocalPoint point;
+  point.combination = log.Combination(region.centre);
+  point.coordinates.resize(dimension_);
+  for (std::uint32_t k = 0; k < dimension_; ++k) {
+    point.coordinates[k] = std::clamp(centre[k] + region.radius * step[k], 0.0, 1.0);
+  }
+  point.nearest = region.centre;
+  double least = log.SquaredDistance(region.centre, point.coordinates.data());
+  for (std::uint32_t t = 0; t < log.Size(); ++t) {
+    if (log.Combination(t) != point.combination) continue;
+    const double square = log.SquaredDistance(t, point.coordinates.data());
+    if (square < least) {
+      least = square;
+      point.nearest = t;
+    }
+  }
+  point.distance = std::sqrt(least);
+  return point;
+}
+
+// No point means that the region has become exhausted.
+std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_t number,
+                                                 std::uint32_t best) {
+  Region& region = regions_[number];
+  const auto n = static_cast<Index>(dimension_);
+  const double* centre = log.Point(region.centre);
+  const double value = log.Value(region.centre).value;
+  const std::size_t parameters = (dimension_ + 1) * (dimension_ + 2) / 2;
+  const auto near = NearestTrials(
+      log, region.centre, std::min<std::size_t>(parameters + parameters / 4, 4 * dimension_ + 40));
+  const auto m = static_cast<Index>(near.size());
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const double radius = region.radius;
+    if (radius < kLeastRadius) break;
+    MatrixXd offsets(n, m);
+    VectorXd differences(m);
+    for (Index i = 0; i < m; ++i) {
+      const double* point = log.Point(near[static_cast<std::size_t>(i)]);
+      for (Index k = 0; k < n; ++k) offsets(k, i) = (point[k] - centre[k]) / radius;
+      differences[i] = log.Value(near[static_cast<std::size_t>(i)]).value - value;
+    }
+    const QuadraticModel model =
+        FitQuadratic(offsets, differences, region.hessian * (radius * radius), 1e-10);
+    VectorXd lower(n);
+    VectorXd upper(n);
+    for (Index k = 0; k < n; ++k) {
+      lower[k] = std::max(-1.0, -centre[k] / radius);
+      upper[k] = std::min(1.0, (1.0 - centre[k]) / radius);
+    }
+    VectorXd step;
+    if (region.is_failed) {
+      region.is_failed = false;
+      step = MissingDirection(offsets, lower, upper);
+      if (step.size() == 0) {
+        region.radius *= region.shrink;
+        continue;
+      }
+      if (model.At(step) > model.At(-step) && ((-step).array() >= lower.array()).all() &&
+          ((-step).array() <= upper.array()).all()) {
+        step = -step;
+      }
+      const LocalPoint point = PointAt(log, region, step);
+      // Where a trial violates another constraint the model cannot know it.
+      if (log.Value(point.nearest).index != log.Value(region.centre).index &&
+          point.distance < kMissing * radius) {
+        region.radius *= region.shrink;
+        continue;
+      }
+      pending_ = Pending{number, -model.At(step), 1.0, true};
+      return point;
+    }
+    step = MinimiseInBox(model, lower, upper);
+    const double predicted = -model.At(step);
+    const double length = step.cwiseAbs().maxCoeff();
+    const double resolution = 1e-15 * std::max(std::abs(value), 1e-300);
+    if (!(predicted > resolution) || !(length * radius > 1e-10)) {
+      // Nothing to gain here, unless nearer trials know better.
+      region.radius *= 0.5;
+      if (near.empty()) break;
+      if (std::sqrt(log.SquaredDistance(near[std::min<std::size_t>(near.size(), dimension_) - 1],
+                                        centre)) < radius ||
+          predicted <= resolution) {
+        break;
+      }
+      continue;
+    }
+    if (region.centre != best &&
+        value - (length > 0.99 ? 2.0 : 1.0) * kHope * predicted > log.Value(best).value) {
+      region.is_hopeless = true;
+      return std::nullopt;
+    }
+    const LocalPoint point = PointAt(log, region, step);
+    if (point.distance < 1e-10 || point.distance < 1e-3 * radius * length) {
+      region.radius *= 0.5;
+      continue;
+    }
+    // Digits that hardly count have their price.
+    if (predicted < kFine * ValueSpread(log, best)) region.rest_until = turn_ + kFineTurns;
+    region.hessian = model.hessian / (radius * radius);
+    pending_ = Pending{number, predicted, length, false};
+    return point;
+  }
+  region.is_exhausted = true;
+  region.cover = std::max(region.cover, region.radius);
+  return std::nullopt;
+}
+
+void LocalModels::Accept(const TrialLog& log) {
+  Region& region = regions_[pending_->region];
+  const std::uint32_t trial = log.Size() - 1;
+  const double gain = log.Value(trial).index < log.Value(region.centre).index
+                          ? -1.0
+                          : log.Value(region.centre).value - log.Value(trial).value;
+  const double ratio = gain / pending_->predicted;
+  if (!pending_->is_geometry) region.failures = ratio < 0.25 ? region.failures + 1 : 0;
+  const double error = std::abs(gain - pending_->predicted);
+  if (region.failures == 1) region.first_error = error;
+  // Of a smooth function the model's error falls with the radius: here it is noise.
+  if (!pending_->is_geometry && region.failures >= kPatience && error > 0.25 * region.first_error) {
+    region.rest_until = turn_ + (1ULL << std::min(region.failures - kPatience + 1, 40));
+  }
+  if (pending_->is_geometry) {
+    if (ratio > 0.0) region.failures = 0;
+  } else if (ratio < 0.25) {
+    region.is_failed = true;
+    region.shrink = 0.5 * std::max(pending_->length, 0.5);
+  } else if (pending_->length > 0.99) {
+    region.radius = std::min(2.0 * region.radius, 0.5);
+  }
+  if (log.IsBetter(trial, region.centre)) {
+    const double moved = std::sqrt(log.SquaredDistance(trial, log.Point(region.centre)));
+    region.centre = trial;
+    region.cover = std::max(region.cover, std::min(moved, 0.1));
+  }
+  pending_.reset();
+}
+
+void LocalModels::Discard() {
+  regions_[pending_->region].radius *= 0.5;
+  regions_[pending_->region].is_failed = false;
+  pending_.reset();
+}
+
+void LocalModels::Notice(const TrialLog& log) {
+  const std::uint32_t trial = log.Size() - 1;
+  for (std::size_t r = 0; r < regions_.size(); ++r) {
+    Region& region = regions_[r];
+    if (pending_ && pending_->region == r) continue;  // Accept will tell
+    if (log.Combination(trial) != log.Combination(region.centre)) continue;
+    const double reach = std::max(region.radius, region.cover);
+    if (region.is_hopeless &&
+        log.SquaredDistance(trial, log.Point(region.centre)) <= reach * reach) {
+      region.is_hopeless = false;
+    }
+    if (log.IsBetter(trial, region.centre) &&
+        log.SquaredDistance(trial, log.Point(region.centre)) <= reach * reach) {
+      region.centre = trial;
+      region.is_exhausted = false;
+    }
+  }
+}
+
+}  // namespace QuenloftSearch

@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: MIT
+
+#include "search/proposer.h"
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "solver/create_solver.h"
+
+namespace QuenloftSearch {
+
+using QuenloftSolver::FunctionInterface;
+using QuenloftSolver::SolverBase;
+using QuenloftSolver::TestValue;
+
+namespace {
+
+// Trials without a new best from a local one, in units of N, after which local trials become
+// rarer; four and sixteen times as many make them rarer still.
+constexpr std::uint32_t kBarren = 4;
+// A local trial nearer than this to a trial of the engine stays with the models: it would
+// tell the engine nothing but noise, which looks the steeper the nearer two trials are.
+constexpr double kNear = 0.02;
+
+std::shared_ptr<SolverBase> SolverOf(const Definition& definition,
+                                     const std::vector<FunctionInterface*>& functions) {
+  auto solver = QuenloftSolver::CreateSolver(definition.bounds, definition.categorical_sizes,
+                                             functions, definition.parameters);
+  if (!solver) {
+    throw std::invalid_argument("no search over " + std::to_string(definition.bounds.size() / 2) +
+                                " variables in this build");
+  }
+  return solver;
+}
+}  // namespace
+
+Proposer::Proposer(const Definition& definition)
+    : has_local_models_(definition.local_models),
+      functions_(std::make_shared<const std::vector<FunctionInterface*>>(definition.function_count,
+                                                                         nullptr)),
+      solver_(SolverOf(definition, *functions_)),
+      log_(solver_->Dimension(), definition.function_count),
+      state_{0,
+             0,
+             std::nullopt,
+             false,
+             LocalModels(solver_->Dimension(), definition.batch),
+             ConstrainedModels(solver_->Dimension(), definition.function_count, definition.batch)} {
+}
+
+Proposer::Proposer(const Proposer& other)
+    : has_local_models_(other.has_local_models_),
+      functions_(other.functions_),
+      solver_(other.solver_->Copy()),
+      log_(other.log_),
+      state_(other.state_) {}
+
+std::unique_ptr<Proposer> Proposer::Copy() const {
+  return std::unique_ptr<Proposer>(new Proposer(*this));
+}
+
+void Proposer::Checkpoint() {
+  saved_ = state_;
+  saved_trials_ = log_.Size();
+  solver_->Checkpoint();
+}
+
+void Proposer::Rollback() {
+  if (!saved_) return;
+  solver_->Rollback();
+  log_.Truncate(saved_trials_);
+  state_ = std::move(*saved_);
+  saved_.reset();
+}
+
+std::optional<Proposer::Proposal> Proposer::Propose() {
+  if (!state_.local && !state_.is_global_pending && has_local_models_) ProposeLocal();
+  if (state_.local) {
+    return Proposal{state_.local->point.coordinates.data(), state_.local->point.combination};
+  }
+  const std::optional<Proposal> proposal = solver_->Propose();
+  state_.is_global_pending = proposal.has_value();
+  return proposal;
+}
+
+void Proposer::ProposeLocal() {
+  if (state_.local_due == 0) return;
+  --state_.local_due;
+  if (state_.has_constraints) {
+    if (auto point = state_.constrained.Propose(log_)) {
+      state_.local = LocalProposal{*point, true, state_.constrained.Expected()};
+    }
+    return;
+  }
+  if (auto point = state_.models.Propose(log_, *solver_, state_.best)) {
+    state_.local = LocalProposal{*point, false, state_.models.Expected(log_)};
+  }
+}
+
+bool Proposer::Accept(const TestValue& value, const double* point, const double* functions) {
+  if (state_.local) {
+    AcceptLocal(value, point, functions);
+    return state_.best + 1 == log_.Size();
+  }
+  const Proposal proposal = *solver_->Propose();
+  const std::vector<double> proposed(proposal.point, proposal.point + log_.Dimension());
+  const std::uint32_t position = solver_->TestCount();
+  solver_->Accept(value, point);
+  state_.is_global_pending = false;
+  if (state_.initial_taken < InitialCount()) {
+    ++state_.initial_taken;
+  } else {
+    state_.local_credit += LocalShare();
+    state_.local_due = static_cast<int>(state_.local_credit);
+    state_.local_credit -= state_.local_due;
+  }
+  return Append(point != nullptr ? point : proposed.data(), proposal.combination, value, functions,
+                position);
+}
+
+// Local trials after a step of the engine, while the models have any to offer: as many as
+// their success makes worth while.
+double Proposer::LocalShare() const {
+  const std::uint32_t barren = (log_.Size() - state_.last_gain) / (kBarren * log_.Dimension());
+  return barren < 1 ? 2.0 : barren < 4 ? 1.0 : barren < 16 ? 0.5 : 0.25;
+}
+
+void Proposer::AcceptLocal(const TestValue& value, const double* point, const double* functions) {
+  const LocalProposal proposal = *state_.local;
+  const double* at = point != nullptr ? point : proposal.point.coordinates.data();
+  const std::uint32_t anchor = solver_->Nearest(at, proposal.point.combination);
+  double square = 0.0;
+  for (std::uint32_t k = 0; k < log_.Dimension(); ++k) {
+    const double difference = at[k] - solver_->GetTest(anchor)->Coordinate()[k];
+    square += difference * difference;
+  }
+  const std::uint32_t position = square < kNear * kNear
+                                     ? TrialLog::kNotInEngine
+                                     : InsertEngine(at, proposal.point.combination, value, anchor);
+  state_.local.reset();
+  if (Append(at, proposal.point.combination, value, functions, position))
+    state_.last_gain = log_.Size();
+  if (proposal.is_constrained) {
+    state_.constrained.Accept(log_);
+  } else {
+    state_.models.Accept(log_);
+  }
+}
+
+bool Proposer::Insert(const double* point, std::uint32_t combination, const TestValue& value,
+                      std::uint32_t anchor, const double* functions) {
+  return Append(point, combination, value, functions,
+                InsertEngine(point, combination, value, anchor));
+}
+
+std::uint32_t Proposer::InsertEngine(const double* point, std::uint32_t combination,
+                                     const TestValue& value, std::uint32_t anchor) {
+  const std::uint32_t position = solver_->TestCount();
+  solver_->Insert(point, combination, value, anchor);
+  return position;
+}
+
+void Proposer::Discard() {
+  if (state_.local) {
+    if (state_.local->is_constrained) {
+      state_.constrained.Discard();
+    } else {
+      state_.models.Discard();
+    }
+    state_.local.reset();
+    return;
+  }
+  solver_->Discard();
+  state_.is_global_pending = false;
+  if (state_.initial_taken < InitialCount()) ++state_.initial_taken;
+}
+
+// Writes down a trial that is the engine's already. True when it is the best one.
+bool Proposer::Append(const double* point, std::uint32_t combination, const TestValue& value,
+                      const double* functions, std::uint32_t position) {
+  log_.Append(point, combination, value, functions, position);
+  state_.has_constraints |= functions != nullptr && log_.FunctionCount() > 1;
+  const std::uint32_t trial = log_.Size() - 1;
+  state_.models.Notice(log_);
+  if (trial > 0 && !log_.IsBetter(trial, state_.best)) return false;
+  state_.best = trial;
+  return true;
+}
+
+std::uint32_t Proposer::Kind(std::size_t trial) const {
+  const std::uint32_t position = log_.EnginePosition(static_cast<std::uint32_t>(trial));
+  if (position == TrialLog::kNotInEngine) return SolverBase::TestBase::kInserted;
+  return solver_->GetTest(position)->flags.load(std::memory_order_relaxed) &
+         (SolverBase::TestBase::kFromLocalStep | SolverBase::TestBase::kFromFit |
+          SolverBase::TestBase::kInserted);
+}
+
+// A trial that the engine does not hold stands for the nearest one that it holds.
+double Proposer::Radius(std::size_t trial) const {
+  const auto number = static_cast<std::uint32_t>(trial);
+  std::uint32_t position = log_.EnginePosition(number);
+  if (position == TrialLog::kNotInEngine) {
+    position = solver_->Nearest(log_.Point(number), log_.Combination(number));
+  }
+  return solver_->GetTest(position)->Radius();
+}
+
+double Proposer::BestRadius() const {
+  return TrialCount() == 0 ? std::numeric_limits<double>::infinity() : Radius(state_.best);
+}
+
+std::vector<std::size_t> Proposer::Locals(std::size_t most) const {
+  std::map<double, std::size_t> lowest;
+  for (std::uint32_t trial = 0; trial < log_.Size(); ++trial) {
+    const std::uint32_t position = log_.EnginePosition(trial);
+    if (position == TrialLog::kNotInEngine) continue;
+    const std::uint32_t flags = solver_->GetTest(position)->flags.load(std::memory_order_relaxed);
+    if ((flags & SolverBase::TestBase::kLocal) == 0) continue;
+    lowest.emplace(log_.Value(trial).value, trial);
+    if (lowest.size() > most) lowest.erase(std::prev(lowest.end()));
+  }
+  std::vector<std::size_t> positions;
+  positions.reserve(lowest.size());
+  for (const auto& [value, position] : lowest) positions.push_back(position);
+  return positions;
+}
+
+}  // namespace QuenloftSearch

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+//
+// A quadratic model of a function around a point, from its differences at other points.
+
+#pragma once
+
+#include "search/linear_algebra.h"
+
+namespace QuenloftSearch {
+
+// m(s) = c + g . s + s . H s / 2, the modelled difference to the value at the centre, s being
+// the offset from there.
+struct QuadraticModel {
+  double constant = 0.0;
+  Eigen::VectorXd gradient;
+  Eigen::MatrixXd hessian;  // symmetric
+
+  double At(const Eigen::VectorXd& offset) const;
+};
+
+// Whether a model takes the value at its centre, or comes as near to it as to others.
+enum class Constant { kZero, kFree };
+
+// Fits a model to `differences`, the values at the columns of `offsets` less the value at the
+// centre. Offsets are in units of the distance at which the model should be good: nearer
+// points weigh 1, farther ones less.
+//
+// Of all models it minimises
+//
+//     |H - prior|^2 / 2  +  sum of (w_i e_i)^2 / (2 smoothing),
+//
+// Frobenius norm, e_i being what model and difference i differ by, w_i = 1 / max(1, |s_i|^2).
+// With a small `smoothing` it interpolates where it can, with the Hessian that changes least
+// (Powell 2004); of more points than it has parameters it is their least-squares model.
+// Cost: O(m^2 (m + N)) for m points in N variables.
+QuadraticModel FitQuadratic(const Eigen::MatrixXd& offsets, const Eigen::VectorXd& differences,
+                            const Eigen::MatrixXd& prior, double smoothing,
+                            Constant constant = Constant::kZero);
+
+// The offset in the box lower <= s <= upper (which contains 0) where the model is lowest, as
+// far as can be told: a local minimiser of the model that no change of a single variable
+// improves, the minimiser where the model is convex.
+Eigen::VectorXd MinimiseInBox(const QuadraticModel& model, const Eigen::VectorXd& lower,
+                              const Eigen::VectorXd& upper);
+
+// A step of a cube's radius in the direction in which the points near enough tell
+// least; empty when they tell enough in all directions.
+Eigen::VectorXd MissingDirection(const Eigen::MatrixXd& offsets, const Eigen::VectorXd& lower,
+                                 const Eigen::VectorXd& upper);
+
+}  // namespace QuenloftSearch

@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: MIT
+
+#include "solver/candidates.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "solver/errors.h"
+#include "solver/list_demand.h"
+
+namespace QuenloftSolver {
+
+const double Candidates::kClassBytes = sizeof(Class) + sizeof(Bounds);
+
+Candidates::Candidates(std::uint32_t function_count, std::uint32_t combination_count)
+    : combination_count_(combination_count),
+      classes_(std::size_t{function_count} * combination_count),
+      bounds_(classes_.size()),
+      positions_(combination_count > 1 ? combination_count : 0),
+      best_keys_(function_count) {}
+
+void Candidates::RaiseSlope(std::uint32_t c, double slope) {
+  if (!(slope > classes_[c].slope)) return;
+  classes_[c].slope = slope;
+  classes_[c].slope_changed = true;
+  slopes_changed_ = true;
+  if (slope > max_slope_) max_slope_ = slope;
+}
+
+std::uint32_t Candidates::BestClass(StepKind kind, const Preference& preference) const {
+  double best_ratio = -kUnbounded;
+  std::uint32_t best = ClassCount();
+  for (std::uint32_t c = 0; c < ClassCount(); ++c) {
+    const CandidateList& list = List(kind, c);
+    if (list.IsEmpty()) continue;
+    double key = list.BestKey();
+    if (c / combination_count_ == static_cast<std::uint32_t>(preference.index)) {
+      key += classes_[c].slope * preference.slopes + preference.value;
+    }
+    const double ratio = key / UsableSlope(classes_[c].slope);
+    if (ratio > best_ratio) {
+      best_ratio = ratio;
+      best = c;
+    }
+  }
+  if (best == ClassCount()) throw SearchExhausted();
+  return best;
+}
+
+void Candidates::Prefetch(std::uint32_t position) const {
+  if (combination_count_ > 1) return;  // its bounds are looked for in another place
+  for (const Bounds& bounds : bounds_) {
+    bounds.local.Prefetch(position);
+    bounds.global.Prefetch(position);
+  }
+}
+
+// What a trial that came to nothing, where memory ran out, left is overwritten.
+void Candidates::Append(std::uint32_t position, std::uint32_t combination) {
+  TakeBack(position);
+  if (combination_count_ > 1) {
+    std::vector<std::uint32_t>& positions = positions_[combination];
+    ranks_.push_back(static_cast<std::uint32_t>(positions.size()));
+    positions.push_back(position);
+  }
+  trial_count_ = position + 1;
+}
+
+// The trials from `position` on.
+void Candidates::TakeBack(std::uint32_t position) {
+  trial_count_ = position;
+  if (combination_count_ == 1 || ranks_.size() <= position) return;
+  ranks_.resize(position);
+  for (std::vector<std::uint32_t>& positions : positions_) {
+    while (!positions.empty() && positions.back() >= position) positions.pop_back();
+  }
+}
+
+void Candidates::Begin(SegmentSource& source) {
+  std::vector<std::uint32_t> all(trial_count_);
+  for (std::uint32_t position = 0; position < trial_count_; ++position) all[position] = position;
+  UpdateAll(all, source);
+}
+
+void Candidates::Update(const Disturbance& disturbance, SegmentSource& source) {
+  MarkStale(disturbance);
+  if (ClearOutdatedLists()) {
+    CommitLists();
+    UpdateAll(disturbance.rebuilt, source);
+    return;
+  }
+  // Where more than the rebuilt trials offer their segments some of these may be listed.
+  const bool are_all_new = disturbance.rescored.size() == disturbance.rebuilt.size();
+  if (!are_all_new) CommitLists();
+  for (const std::uint32_t position : disturbance.rescored) {
+    const std::size_t count = Rescore(position, source);
+    for (std::size_t i = 0; i < count; ++i) {
+      const ClassedSegment& segment = segments_[i];
+      Class& its = classes_[segment.segment_class];
+      const Candidate local = {segment.local_key, position, segment.test};
+      const Candidate global = {segment.global_key, position, segment.test};
+      if (are_all_new) {
+        its.local.Stage(local);
+        its.global.Stage(global);
+      } else {
+        its.local.Offer(local, UpdateMode::kIncremental);
+        its.global.Offer(global, UpdateMode::kIncremental);
+      }
+    }
+    work_.offers += 2 * count;
+  }
+  if (are_all_new) CommitLists();
+  ForgetSlopeChanges();
+}
+
+void Candidates::ForgetSlopeChanges() {
+  if (slopes_changed_) {
+    for (Class& its : classes_) its.slope_changed = false;
+  }
+  slopes_changed_ = false;
+}
+
+// Marks what the lists hold of the trials whose tables were rebuilt.
+//
+// The plain way looks every entry up in its trial's table, to see whether its
+// characteristic still stands. But a characteristic is unset by a rebuild alone, and
+// the next update sets it again, so an entry is stale exactly when its trial was
+// rebuilt since (or its key happens to be the mark for unset). And rebuilt trials are of
+// one combination, so the lists of others hold nothing stale; nor does a list whose
+// least key none of the rebuilt trials reached before: more than half of all.
+void Candidates::MarkStale(const Disturbance& disturbance) {
+  for (std::uint32_t c = 0; c < ClassCount(); ++c) {
+    const bool may_be_stale = c % combination_count_ == disturbance.combination;
+    const auto mark = [&](CandidateList& list, const KeyBounds& bounds) {
+      if (!may_be_stale && !list.HasUnorderedKeys()) return;
+      in_list_.clear();
+      if (!list.IsEmpty()) {
+        const double least = list.LeastKey();
+        for (const std::uint32_t position : disturbance.rebuilt) {
+          if (list.HasUnorderedKeys() || !(bounds[RankOf(position)] < least)) {
+            in_list_.push_back(position);
+          }
+        }
+      }
+      if (!in_list_.empty()) work_.entries_visited += list.Size();
+      list.MarkStale(in_list_.data(), in_list_.size());
+    };
+    mark(classes_[c].local, bounds_[c].local);
+    mark(classes_[c].global, bounds_[c].global);
+  }
+}
+
+// A global list is outdated as a whole when its class slope grew, which all its keys use. True
+// when some list, global or local, held something once and has nothing left that is not stale:
+// it asks for an update of every trial.
+bool Candidates::ClearOutdatedLists() {
+  bool some_ran_dry = false;
+  for (Class& its : classes_) {
+    if (its.slope_changed) its.global.Clear();
+    for (const CandidateList* const list : {&its.local, &its.global}) {
+      some_ran_dry |= list->IsUsed() && list->StayingCount() == 0;
+    }
+  }
+  return some_ran_dry;
+}
+
+void Candidates::CommitLists() {
+  for (Class& its : classes_) {
+    its.local.Commit();
+    its.global.Commit();
+  }
+}
+
+// Offers every segment that can leave a trace, to each list in the order of the store. Bounds
+// of no trials but the given ones are out of date.
+void Candidates::UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSource& source) {
+  ++work_.full_updates;
+  for (const std::uint32_t position : rebuilt) Rescore(position, source);
+  for (std::uint32_t c = 0; c < ClassCount(); ++c) {
+    Class& its = classes_[c];
+    UpdateList(c, its.global, bounds_[c].global, &ClassedSegment::global_key, source);
+    UpdateList(c, its.local, bounds_[c].local, &ClassedSegment::local_key, source);
+  }
+  ForgetSlopeChanges();
+}
+
+void Candidates::UpdateList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
+                            double ClassedSegment::*key, SegmentSource& source) {
+  bounds.Settle();
+  // Then every global key must be computed anew.
+  const bool is_outdated = classes_[c].slope_changed && &list == &classes_[c].global;
+  const auto rank_of = [this](std::uint32_t position) { return RankOf(position); };
+  const ListDemand demand = is_outdated ? ListDemand() : ListDemand(list, bounds, rank_of);
+  const auto needs = [&](double bound, std::size_t first, std::size_t end) {
+    return demand.Needs(bound, first, end);
+  };
+  bounds.List(needs, needed_);
+  work_.visited += needed_.size();
+  // An empty list is filled in one go.
+  const bool is_staged = list.IsEmpty() && !list.HasUnorderedKeys() && !is_outdated &&
+                         !bounds.HasUnknown() && needed_.size() < 4 * kListCapacity;
+  if (is_staged) list.StageAll();
+  constexpr std::size_t kAhead = 8;  // they stand anywhere in memory
+  for (std::size_t i = 0; i < needed_.size(); ++i) {
+    const std::size_t ahead = std::min(i + kAhead, needed_.size() - 1);
+    source.Prefetch(PositionOf(needed_[ahead], c % combination_count_));
+    const std::uint32_t position = PositionOf(needed_[i], c % combination_count_);
+    const std::size_t count =
+        is_outdated ? Rescore(position, source) : source.SegmentsOf(position, segments_);
+    for (const ClassedSegment* segment = segments_; segment != segments_ + count; ++segment) {
+      if (segment->segment_class != c || !demand.Wants(segment->*key)) continue;
+      const Candidate candidate = {segment->*key, position, segment->test};
+      if (is_staged) {
+        list.Stage(candidate);
+      } else {
+        list.Offer(candidate, UpdateMode::kFull);
+      }
+      ++work_.offers;
+    }
+  }
+  if (is_staged) list.Commit();
+}
+
+// Reads the segments of a trial and keeps their best keys. Returns their number.
+std::size_t Candidates::Rescore(std::uint32_t position, SegmentSource& source) {
+  const std::size_t count = source.SegmentsOf(position, segments_);
+  for (BestKeys& best : best_keys_) best = BestKeys();
+  for (const ClassedSegment* segment = segments_; segment != segments_ + count; ++segment) {
+    BestKeys& best = best_keys_[segment->segment_class / combination_count_];
+    best.local = KeyBounds::Better(best.local, segment->local_key);
+    best.global = KeyBounds::Better(best.global, segment->global_key);
+  }
+  const std::uint32_t rank = RankOf(position);
+  std::uint32_t c = source.CombinationOf(position);
+  for (const BestKeys& best : best_keys_) {
+    bounds_[c].local.Set(rank, best.local);
+    bounds_[c].global.Set(rank, best.global);
+    c += combination_count_;
+  }
+  return count;
+}
+
+void Candidates::Checkpoint() {
+  remembered_ = {classes_, max_slope_, slopes_changed_, trial_count_};
+  for (Bounds& bounds : bounds_) {
+    bounds.local.Checkpoint();
+    bounds.global.Checkpoint();
+  }
+}
+
+void Candidates::Rollback() {
+  classes_.swap(remembered_.classes);
+  max_slope_ = remembered_.max_slope;
+  slopes_changed_ = remembered_.slopes_changed;
+  TakeBack(remembered_.trial_count);
+  for (Bounds& bounds : bounds_) {
+    bounds.local.Rollback();
+    bounds.global.Rollback();
+  }
+}
+
+}  // namespace QuenloftSolver

@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+//
+// The rebuilding of neighbour tables around the newest trial.
+
+#pragma once
+
+#include <omp.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "solver/refresh.h"
+#include "solver/team.h"
+
+namespace QuenloftSolver {
+
+template <int N>
+void Refresh<N>::RebuildTables(const TableRules& rules, int threads) {
+  RebuildAmong(listed_, rules,
+               threads > 0 ? threads : ThreadsFor(rebuilt_.size(), listed_.size(), N));
+}
+
+template <int N>
+void Refresh<N>::RebuildInitial(std::uint32_t position, const std::vector<std::uint32_t>& rivals,
+                                const TableRules& rules) {
+  is_listed_.Set(position);
+  rebuilt_.assign(1, {position});
+  ++rebuilt_count_;
+  RebuildAmong(rivals, rules, 1);
+  is_listed_.ClearAround(position);
+}
+
+// Rebuilt are those whose extent holds the newest point and those that never had a table.
+// Of the others only initial trials may still be flagged as changed, so nobody else's flags
+// are looked at. Which they are cannot be foreseen, so each trial is written down, and kept
+// by counting it.
+template <int N>
+void Refresh<N>::ListRebuilt() {
+  constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
+  const std::array<double, N> newest = (*store_)[store_->Size() - 1].coordinate;
+  const std::uint32_t initial_count = initial_count_;
+  rescored_.resize(listed_.size());
+  std::uint32_t* listed = rescored_.data();
+  bool all_rebuilt = true;
+  const auto needs_table = [&newest](const Test<N>& trial) {
+    bool needs = trial.extent.Contains(newest);
+    needs |= !trial.extent.IsSet();
+    return needs;
+  };
+  for (const std::uint32_t position : listed_) {
+    is_listed_.Set(position);
+    const Test<N>& trial = (*store_)[position];
+    const bool is_rebuilt = needs_table(trial);
+    const bool is_changed =
+        position < initial_count && (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0;
+    *listed = position;
+    listed += is_rebuilt | is_changed;
+    all_rebuilt &= is_rebuilt | !is_changed;
+  }
+  rescored_.resize(static_cast<std::size_t>(listed - rescored_.data()));
+
+  rebuilt_.clear();
+  rebuilt_positions_.clear();
+  for (const std::uint32_t position : rescored_) {
+    if (all_rebuilt || needs_table((*store_)[position])) {
+      rebuilt_.push_back({position});
+      rebuilt_positions_.push_back(position);
+    }
+  }
+  listed_count_ += listed_.size();
+  rebuilt_count_ += rebuilt_.size();
+}
+
+// The parallel loop; what its body does and may do, see TableWorker. What depends on the
+// order of the list is left to the caller's thread.
+template <int N>
+void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, const TableRules& rules,
+                              int threads) {
+  ListLocalCandidates(candidates);
+  ReserveWorkers(threads, candidates.size());
+  if (threads == 1) {
+    workers_[0].Gather(candidates, *store_, rules);
+    for (RebuiltTable& table : rebuilt_) workers_[0].Rebuild(table, is_listed_, rules, *store_);
+  } else {
+#pragma omp parallel num_threads(threads)
+    {
+      TableWorker<N>& worker = workers_[static_cast<std::size_t>(omp_get_thread_num())];
+      worker.Gather(candidates, *store_, rules);
+#pragma omp for schedule(dynamic)
+      for (std::size_t i = 0; i < rebuilt_.size(); ++i) {
+        worker.Rebuild(rebuilt_[i], is_listed_, rules, *store_);
+      }
+    }
+  }
+  ResolveLocalMarks();
+}
+
+template <int N>
+void Refresh<N>::ReserveWorkers(int threads, std::size_t candidates) {
+  const auto count = static_cast<std::size_t>(threads);
+  if (workers_.size() < count) workers_.resize(count);
+  for (std::size_t number = 0; number < count; ++number) workers_[number].Reserve(candidates);
+}
+
+template <int N>
+SelectionCounters Refresh<N>::Selections() const {
+  SelectionCounters all;
+  for (const TableWorker<N>& worker : workers_) {
+    all.candidates += worker.Counters().candidates;
+    all.kept += worker.Counters().kept;
+    all.cosines += worker.Counters().cosines;
+    all.rounded_cosines += worker.Counters().rounded_cosines;
+  }
+  return all;
+}
+
+template <int N>
+void Refresh<N>::Checkpoint() {
+  remembered_ = {initial_count_, listed_, rescored_};
+}
+
+template <int N>
+void Refresh<N>::Rollback() {
+  for (const std::uint32_t position : listed_) is_listed_.ClearAround(position);
+  initial_count_ = remembered_.initial_count;
+  listed_.swap(remembered_.listed);
+  rescored_.swap(remembered_.rescored);
+  for (const std::uint32_t position : listed_) is_listed_.Set(position);
+}
+
+}  // namespace QuenloftSolver

@@ -1,0 +1,110 @@
+# SPDX-License-Identifier: MIT
+"""Variables as they are declared, and the way between the caller's units and the search's."""
+
+import math
+import pickle
+
+import pytest
+
+import Quenloft
+from Quenloft._variables import declare
+
+BOUNDS = {
+    "rate": (1e-6, 1.0, "log"),
+    "solver": ["a", "b"],
+    "stages": (1, 20, "int"),
+    "width": (0.5, 3.0, 0.25),
+    "gravity": (9.81, 9.81),
+    "batch": (1, 256, "log", "int"),
+    "teeth": (12, 60, 6, "int"),
+}
+
+
+def test_variables_by_name_are_what_their_bounds_say():
+    variables = declare(BOUNDS, (), (), None)
+    assert variables.names == ("rate", "stages", "width", "gravity", "batch", "teeth", "solver")
+    assert variables.dimension == 6 and variables.searched == (0, 1, 2, 4, 5)
+    assert "; ".join(str(number) for number in variables.numbers) == (
+        "[1e-06, 1], logarithmic; [1, 20], integer; [0.5, 3], in steps of 0.25; 9.81, fixed; "
+        "[1, 256], logarithmic, integer; [12, 60], integer, in steps of 6"
+    )
+    assert pickle.loads(pickle.dumps(variables)) == variables
+    unnamed = declare(list(BOUNDS.values())[2:], (), [["a", "b"]], None)
+    assert unnamed.numbers == variables.numbers[1:]
+
+
+LATTICES = {
+    "integers": ((1, 20, "int"), list(range(1, 21))),
+    "decimals": ((0, 1, 0.1), [0.0, 0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 1.0]),
+    "decades": ((1, 50, "int", "log"), list(range(1, 51))),
+    "beyond 2**52": ((2**53 - 2, 2**53, "int"), [2**53 - 2, 2**53 - 1, 2**53]),
+}
+
+
+@pytest.mark.parametrize("name", LATTICES)
+def test_each_point_of_a_lattice_is_reached_there_and_back(name):
+    bounds, values = LATTICES[name]
+    variables = declare([bounds], (), (), None)
+    (cells,) = variables.lattices()
+    points = cells if isinstance(cells, tuple) else [(k + 0.5) / cells for k in range(cells)]
+    decode = variables.unit_decoder()
+    assert [decode([u])[0] for u in points] == values
+    assert {type(decode([u])[0]) for u in points} == {type(values[0])}
+    assert [variables.to_unit([value])[0] for value in values] == pytest.approx(points, abs=1e-12)
+    # Anywhere else in the box is one of them, too.
+    assert {decode([i / 997])[0] for i in range(998)} == set(values)
+
+
+def test_points_that_the_caller_names_are_found_and_checked():
+    variables = declare(BOUNDS, (), (), None)
+    values = (1e-3, 7, 1.25, 9.81, 64, 18)
+    by_name = dict(zip(variables.names, (*values, "b")))
+    del by_name["gravity"]
+    x, category = variables.point(by_name)
+    assert (x, category) == variables.point([*values, "b"]) == (values, (1,))
+    assert type(x[1]) is int and variables.unit_decoder()(variables.to_unit(x)) == pytest.approx(x)
+    assert variables.arguments("mapping")(x, ("b",)) == ({**by_name, "gravity": 9.81},)
+    for wrong, message in [
+        ({**by_name, "mass": 1}, "x0 names 'mass'"),
+        ({"rate": 1}, "no value for stages, width, batch, teeth, solver"),
+        ({**by_name, "stages": 2.5}, r"stages of x0 is 2.5, not in \[1, 20\], integer"),
+        ({**by_name, "solver": "c"}, "solver of x0 is no choice: 'c'"),
+        ([1, 2], "x0 must hold 7 values, not 2"),
+    ]:
+        with pytest.raises((TypeError, ValueError), match=message):
+            variables.point(wrong)
+
+
+@pytest.mark.parametrize(
+    "bounds, message",
+    [
+        ({"solver": ("a", "b")}, r"choices are a list: \['a', 'b'\]"),
+        ({"rate": 5}, "bounds of rate must be a tuple"),
+        ({"g": (1, 1)}, "every variable of bounds is fixed"),
+        ([(0, 1.5, "int")], r"x\[0\] is an integer: its bounds must be whole numbers, not 1.5"),
+        ([(0, 1, 0.3)], "a whole number of steps of 0.3"),
+        ([(1, 4, "int", 1.5)], "step must be a whole number"),
+        ([(1, 2, 0.5, "log")], "logarithmic: it cannot have a step"),
+        ([(1, 2**40, "int", "log")], "leave 'int' out and round"),
+        ([(0, 1e300, 1e-9)], "step of .* is too small"),
+    ],
+)
+def test_a_wrong_declaration_is_named(bounds, message):
+    with pytest.raises((TypeError, ValueError), match=message):
+        declare(bounds, (), (), None)
+    with pytest.raises(TypeError, match="leave names out"):
+        declare({"x": (0, 1)}, (), (), ["x"])
+
+
+def test_search_over_named_variables_stays_on_their_lattices():
+    seen = []
+
+    def fun(x, choices):
+        seen.append(x)
+        return (math.log10(x[0]) + 2) ** 2 + (x[1] - 7) ** 2 + x[2] + (choices[0] == "a")
+
+    bounds = {name: BOUNDS[name] for name in ("rate", "stages", "width", "gravity", "solver")}
+    result = Quenloft.minimize(fun, bounds, maxfun=300, polish="pattern")
+    assert {type(x[1]) for x in seen} == {int} and {x[3] for x in seen} == {9.81}
+    assert all(x[1] in range(1, 21) and x[2] * 4 in range(2, 13) for x in seen)
+    assert result.categories == ("b",) and result.x in seen

@@ -1,0 +1,346 @@
+# SPDX-License-Identifier: MIT
+"""One search on many workers: the trials of one worker, whatever the workers and their order."""
+
+import io
+import math
+import multiprocessing
+import os
+import signal
+import subprocess
+import sys
+import threading
+import time
+from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
+from concurrent.futures.process import BrokenProcessPool
+
+import pytest
+
+import Quenloft
+from Quenloft import Status
+
+# From Python 3.12 on, a fork of a process that has threads (the engine's) is warned about.
+pytestmark = pytest.mark.filterwarnings("ignore:.*multi-threaded, use of fork:DeprecationWarning")
+
+BOX = [(-1.0, 2.0), (0.5, 4.0)]
+
+
+def wavy(x, choices=(), delay=0.0):
+    """Takes up to `delay` seconds, of which the point decides how many."""
+    time.sleep(delay * (abs(hash(x)) % 7) / 7)
+    shift = sum(choices) / 3
+    return sum((v - 0.3 - shift) ** 2 + math.sin(9 * v + i) / 3 for i, v in enumerate(x))
+
+
+class Slope:
+    """A constraint that holds in part of the box."""
+
+    def __init__(self, level):
+        self.level = level
+
+    def __call__(self, x, choices=()):
+        return x[0] + 0.5 * x[-1] - self.level - sum(choices) / 5
+
+
+class Problem:
+    """Of thirty problems over 1, 2, 3 or 5 variables."""
+
+    def __init__(self, number, delay=0.0):
+        dimension = (1, 2, 3, 5)[number % 4]
+        self.bounds = [(-1.0 - i / 10, 1.5 + number / 30) for i in range(dimension)]
+        self.constraints = [Slope(level) for level in (0.6, 0.3)[: number % 3]]
+        self.categories = [(), [(0, 1)], [(0, 1, 2), (5,)]][number // 4 % 3]
+        self.settings = {"spread": 9.0 + number % 5, "fit": 2 * (number % 7 == 0)}
+        self.maxfun = 90 if self.categories else 45
+        self.delay = delay
+
+    def fun(self, x, choices=()):
+        return wavy(x, choices, self.delay)
+
+    def minimize(self, **options):
+        return Quenloft.minimize(
+            self.fun, self.bounds, constraints=self.constraints, categories=self.categories,
+            maxfun=self.maxfun, local_models=False, **self.settings, **options,
+        )  # fmt: skip
+
+    def native_trials(self):
+        free = [c for c in self.categories if len(c) > 1]
+        trials = []
+
+        def chosen(categories):
+            picked = iter(categories)
+            return tuple(c[next(picked)] if len(c) > 1 else c[0] for c in self.categories)
+
+        def calling(function, is_first):
+            def call(x, categories=()):
+                point = (*x,), chosen(categories)
+                value = function(*point)
+                if is_first:
+                    trials.append(point)
+                return value
+
+            return call
+
+        functions = [*self.constraints, self.fun]
+        functions = [calling(function, i == 0) for i, function in enumerate(functions)]
+        arguments = {"bounds": [b for pair in self.bounds for b in pair], "target": functions[-1]}
+        if free:
+            arguments["categorical"] = [len(c) for c in free]
+        if self.constraints:
+            arguments["constraints"] = functions[:-1]
+        Quenloft.Problem(**arguments).Minimize(stop_tests=self.maxfun, **self.settings)
+        return trials
+
+
+def essence(result):
+    """All of a result that must not depend on the workers."""
+    left_out = ("elapsed_seconds", "nfev", "surplus", "history", "replayed")
+    shown = {key: repr(value) for key, value in result.items() if key not in left_out}
+    return shown, [
+        (t.x, t.categories, t.index, repr((t.constraints, t.value))) for t in result.history
+    ]
+
+
+@pytest.fixture(scope="module")
+def executors():
+    with ThreadPoolExecutor(8) as threads, ProcessPoolExecutor(2) as processes:
+        with multiprocessing.Pool(4) as pool:
+            yield {"threads": threads, "processes": processes, "pool": pool.imap_unordered}
+
+
+@pytest.mark.parametrize("number", range(30))
+def test_the_trials_are_the_native_ones_on_workers_of_every_kind(number, executors):
+    problem = Problem(number)
+    expected = essence(problem.minimize())
+    native = problem.native_trials()
+    assert [(x, categories) for x, categories, *_ in expected[1]] == native[: problem.maxfun]
+    slow = Problem(number, 0.002)
+    assert essence(slow.minimize(workers=executors["threads"])) == expected
+    kind = ("processes", "pool")[number % 2]
+    assert essence(problem.minimize(workers=executors[kind])) == expected
+    if number % 10 == 0:
+        for workers in (2, 4, 8):
+            assert essence(problem.minimize(workers=workers)) == expected
+    if number % 10 == 5:
+        for workers in (map, executors["threads"].map):
+            assert essence(problem.minimize(workers=workers)) == expected
+
+
+@pytest.mark.parametrize(
+    "options",
+    [
+        {"polish": "pattern"},
+        {"local_models": False},
+        {"f_min": -0.3},
+        {"min_radius": 0.2},
+        {"callback": lambda result: result.nit == 37},
+        {"constraints": lambda x: math.nan if x[1] > 3.5 else -1, "nonfinite": "infeasible"},
+    ],
+    ids=lambda options: next(iter(options)),
+)
+def test_a_stop_comes_at_the_trial_at_which_it_comes_with_one_worker(options, executors):
+    expected = Quenloft.minimize(wavy, BOX, maxfun=120, **options)
+    args = ((), 0.003)
+    result = Quenloft.minimize(
+        lambda x: wavy(x, *args), BOX, maxfun=120, workers=executors["threads"], **options
+    )
+    assert essence(result)[1] == essence(expected)[1]
+    assert essence(result)[0] == essence(expected)[0]
+
+
+def test_what_was_not_needed_is_counted_listed_kept_and_used(tmp_path):
+    calls = []
+
+    def run(workers, maxfun, **options):
+        calls.clear()
+        result = Quenloft.minimize(
+            noting, BOX, maxfun=maxfun, workers=workers, journal=tmp_path / "run.db", **options
+        )
+        assert result.nit == maxfun and result.nfev == maxfun + len(result.surplus)
+        return result
+
+    global noting
+
+    def noting(x):
+        noted.append(x)
+        return wavy(x, delay=0.004)
+
+    noted = calls
+    with ThreadPoolExecutor(6) as threads:
+        # What still runs when the last trial is made is neither waited for nor counted.
+        first = run(threads, 60)
+        assert len(first.surplus) > 0 and {t.x for t in first.surplus} <= set(calls)
+    recorded = Quenloft.read_journal(tmp_path / "run.db").history
+    assert sorted(t.x for t in recorded) == sorted(t.x for t in [*first.history, *first.surplus])
+    known = {t.x for t in recorded}
+    more = run(1, 90, verify=False)
+    assert essence(more)[1] == essence(Quenloft.minimize(wavy, BOX, maxfun=90))[1]
+    assert not known & set(calls) and len(calls) == len({t.x for t in more.history} - known)
+
+
+def fails_elsewhere(x, asked):
+    if x not in asked:
+        raise ZeroDivisionError("nobody asked")
+    return wavy(x, delay=0.002)
+
+
+def fails_at(x, place):
+    if x == place:
+        raise ArithmeticError("mine")
+    return wavy(x, delay=0.002)
+
+
+@pytest.mark.parametrize("trial", [2, 30])
+def test_an_exception_counts_if_the_search_asks_for_its_point(trial, executors):
+    whole = Quenloft.minimize(wavy, BOX, maxfun=60)
+    asked = {t.x for t in whole.history}
+    for workers in (executors["threads"], executors["processes"]):
+        result = Quenloft.minimize(fails_elsewhere, BOX, (asked,), maxfun=60, workers=workers)
+        assert essence(result)[1] == essence(whole)[1]
+        with pytest.raises(ArithmeticError, match="mine") as caught:
+            place = whole.history[trial].x
+            Quenloft.minimize(fails_at, BOX, (place,), maxfun=60, workers=workers)
+        assert caught.value.result.nit == trial and caught.value.result.status is Status.ERROR
+        # Where it was raised is to be seen, wherever that was.
+        frames = []
+        error = caught.value
+        if error.__cause__ is not None:
+            frames.append(str(error.__cause__))
+        traceback = error.__traceback__
+        while traceback is not None:
+            frames.append(traceback.tb_frame.f_code.co_name)
+            traceback = traceback.tb_next
+        assert "fails_at" in "".join(frames)
+
+
+def dies(x, place):
+    if x == place:
+        os._exit(3)
+    return wavy(x)
+
+
+def test_the_death_of_a_worker_is_an_error_with_the_result_so_far():
+    place = Quenloft.minimize(wavy, BOX, maxfun=30).history[20].x
+    with pytest.raises(BrokenProcessPool) as caught:
+        Quenloft.minimize(dies, BOX, (place,), maxfun=60, workers=2)
+    assert caught.value.result.nit <= 20 and caught.value.result.status is Status.ERROR
+
+
+# fmt: off
+REFUSED = [
+    ({"fun": lambda x: 0.0}, TypeError, "cannot be sent .*lambda.* top level of a module, or pass"),
+    ({"constraints": lambda x: 0.0}, TypeError, "cannot be sent"),
+    ({"args": (threading.Lock(),)}, TypeError, "cannot be sent"),
+    ({"workers": 0}, ValueError, "workers must be from 1"),
+    ({"workers": True}, TypeError, "workers must be a whole number"),
+    ({"workers": "two"}, TypeError, "workers must be a whole number"),
+]
+# fmt: on
+
+
+@pytest.mark.parametrize("change, error, message", REFUSED)
+def test_what_cannot_work_is_said_before_anything_starts(change, error, message, tmp_path):
+    path = tmp_path / "run.db"
+    arguments = {"fun": wavy, "workers": 2, "journal": path, **change}
+    with pytest.raises(error, match=message) as caught:
+        Quenloft.minimize(bounds=BOX, **arguments)
+    assert "\n" not in str(caught.value) and not path.exists()
+
+
+def test_the_time_ends_a_search_on_workers(executors):
+    start = time.perf_counter()
+    result = Quenloft.minimize(
+        lambda x: wavy(x, delay=0.05), BOX, maxtime=0.4, workers=executors["threads"]
+    )
+    assert result.status is Status.MAXTIME and 0.4 <= time.perf_counter() - start < 3
+    # The evaluations that were under way then are waited for.
+    assert result.nfev == result.nit + len(result.surplus)
+
+
+def sleeps_long(x):
+    if x[0] > 1.5:
+        os.kill(os.getppid(), signal.SIGALRM)
+        time.sleep(60)
+    return x[0]
+
+
+class Timeout(Exception):
+    pass
+
+
+def test_a_signal_does_not_wait_for_the_workers():
+    def handler(*_):
+        raise Timeout
+
+    before = signal.signal(signal.SIGALRM, handler)
+    start = time.perf_counter()
+    others = set(multiprocessing.active_children())
+    try:
+        with pytest.raises(Timeout) as caught:
+            Quenloft.minimize(sleeps_long, BOX, workers=2)
+    finally:
+        signal.signal(signal.SIGALRM, before)
+    assert time.perf_counter() - start < 30 and caught.value.result.status is Status.ERROR
+    # They sleep for longer than this unless they were ended.
+    while not set(multiprocessing.active_children()) <= others:
+        assert time.perf_counter() - start < 30
+        time.sleep(0.01)
+
+
+ORPHANED = """
+import os, time, Quenloft, sys
+def fun(x):
+    with open(os.path.join(sys.argv[1], str(os.getpid())), "w"):
+        pass
+    time.sleep(60)
+    return x[0]
+Quenloft.minimize(fun, [(0, 1), (0, 1)], workers=3)
+"""
+
+
+def test_workers_end_when_their_parent_is_killed(tmp_path):
+    parent = subprocess.Popen([sys.executable, "-c", ORPHANED, str(tmp_path)])
+    deadline = time.monotonic() + 60
+    while len(os.listdir(tmp_path)) < 3:
+        assert time.monotonic() < deadline and parent.poll() is None
+        time.sleep(0.01)
+    parent.kill()
+    parent.wait()
+    workers = [int(name) for name in os.listdir(tmp_path)]
+    while any(is_running(worker) for worker in workers):
+        assert time.monotonic() < deadline
+        time.sleep(0.01)
+
+
+def is_running(process):
+    try:
+        with open(f"/proc/{process}/stat") as file:
+            return file.read().rsplit(")", 1)[1].split()[0] not in "ZX"
+    except OSError:
+        return False
+
+
+def test_a_dask_cluster_runs_one_search():
+    distributed = pytest.importorskip("distributed")
+    expected = essence(Quenloft.minimize(wavy, BOX, maxfun=40))
+    options = {"n_workers": 2, "threads_per_worker": 2, "processes": False}
+    with distributed.LocalCluster(dashboard_address=None, **options) as cluster:
+        with distributed.Client(cluster) as client:
+            for workers in (client.get_executor(), client.map):
+                result = Quenloft.minimize(
+                    lambda x: wavy(x, delay=0.01), BOX, maxfun=40, workers=workers
+                )
+                assert essence(result) == expected
+
+
+def test_progress_shows_how_many_workers_are_busy(monkeypatch, executors):
+    class Terminal(io.StringIO):
+        def isatty(self):
+            return True
+
+    terminal = Terminal()
+    monkeypatch.setattr(sys, "stderr", terminal)
+    monkeypatch.setitem(sys.modules, "tqdm.auto", None)
+    monkeypatch.setattr("Quenloft._progress._INTERVAL", 0.0)
+    fun = lambda x: wavy(x, delay=0.01)  # noqa: E731
+    Quenloft.minimize(fun, BOX, maxfun=40, workers=executors["threads"], progress=True)
+    assert " of 8 workers busy" in terminal.getvalue()

@@ -1,0 +1,280 @@
+// SPDX-License-Identifier: MIT
+//
+// The serial search with local models: what it reaches, and that it can be taken back and
+// copied.
+
+#include "search/proposer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <vector>
+
+#include "solver/errors.h"
+
+namespace QuenloftSearch {
+namespace {
+
+using Function = std::function<double(const std::vector<double>&)>;
+
+Definition Box(std::size_t dimension, double lower, double upper) {
+  Definition definition;
+  definition.local_models = true;
+  definition.parameters.overestimation = 2.5;
+  for (std::size_t k = 0; k < dimension; ++k) {
+    definition.bounds.push_back(lower);
+    definition.bounds.push_back(upper);
+  }
+  return definition;
+}
+
+// The next point in the caller's box.
+std::vector<double> Ask(Proposer& proposer) {
+  std::vector<double> point(proposer.Solver().Dimension());
+  for (;;) {
+    const auto proposal = proposer.Propose();
+    if (!proposal) continue;
+    proposer.Solver().ToBounds(proposal->point, point.data());
+    return point;
+  }
+}
+
+std::vector<std::vector<double>> Drive(Proposer& proposer, const Function& function, int trials) {
+  std::vector<std::vector<double>> points;
+  for (int i = 0; i < trials; ++i) {
+    points.push_back(Ask(proposer));
+    proposer.Accept({0, function(points.back())});
+  }
+  return points;
+}
+
+double Rosenbrock(const std::vector<double>& x) {
+  double sum = 0.0;
+  for (std::size_t k = 0; k + 1 < x.size(); ++k) {
+    sum += 100.0 * std::pow(x[k + 1] - x[k] * x[k], 2) + std::pow(1.0 - x[k], 2);
+  }
+  return sum;
+}
+
+double Camel(const std::vector<double>& x) {
+  const double a = x[0] * x[0];
+  const double b = x[1] * x[1];
+  return (4.0 - 2.1 * a + a * a / 3.0) * a + x[0] * x[1] + (-4.0 + 4.0 * b) * b;
+}
+
+double Bowl(const std::vector<double>& x) {
+  double sum = 0.0;
+  for (std::size_t k = 0; k < x.size(); ++k) {
+    sum += (1.0 + static_cast<double>(k)) * std::pow(x[k] - 0.3, 2);
+  }
+  return sum;
+}
+
+double Constant(const std::vector<double>&) { return 1.0; }
+
+struct Accuracy {
+  const char* name;
+  Function function;
+  std::size_t dimension;
+  double lower, upper;
+  int trials;
+  double value;
+};
+
+class ProposerReaches : public testing::TestWithParam<Accuracy> {};
+
+TEST_P(ProposerReaches, TheMinimumInFewTrials) {
+  const Accuracy& goal = GetParam();
+  Proposer proposer(Box(goal.dimension, goal.lower, goal.upper));
+  Drive(proposer, goal.function, goal.trials);
+  EXPECT_LE(proposer.Trials().Value(static_cast<std::uint32_t>(proposer.Best())).value, goal.value);
+}
+
+INSTANTIATE_TEST_SUITE_P(Smooth, ProposerReaches,
+                         testing::Values(Accuracy{"Bowl5", Bowl, 5, -1.0, 1.7, 60, 1e-8},
+                                         Accuracy{"Rosenbrock2", Rosenbrock, 2, -2.1, 1.9, 150,
+                                                  1e-6},
+                                         Accuracy{"Camel", Camel, 2, -2.1, 1.8, 80, -1.0316274}),
+                         [](const auto& info) { return info.param.name; });
+
+TEST(Proposer, GoesOnAfterARollbackAndInACopyAsIfNothingHadBeen) {
+  for (const Function& function : {Function(Rosenbrock), Function(Camel), Function(Constant)}) {
+    Proposer proposer(Box(2, -2.1, 1.9));
+    Proposer straight(Box(2, -2.1, 1.9));
+    const auto expected = Drive(straight, function, 120);
+    std::vector<std::vector<double>> points;
+    for (int i = 0; i < 120; ++i) {
+      if (i % 3 == 0) Ask(proposer);  // a proposal waits at the checkpoint
+      proposer.Checkpoint();
+      Drive(proposer, Bowl, i % 7);
+      proposer.Rollback();
+      points.push_back(Ask(proposer));
+      proposer.Accept({0, function(points.back())});
+    }
+    EXPECT_EQ(points, expected);
+    const auto copy = proposer.Copy();
+    EXPECT_EQ(Drive(*copy, function, 40), Drive(straight, function, 40));
+  }
+}
+
+TEST(Proposer, WithoutLocalModelsHasTheTrialsOfTheEngine) {
+  Definition definition = Box(2, -2.1, 1.9);
+  definition.local_models = false;
+  Proposer proposer(definition);
+  const auto engine = proposer.Solver().Copy();
+  const auto points = Drive(proposer, Camel, 100);
+  std::vector<double> point(2);
+  for (std::size_t i = 0; i < points.size();) {
+    const auto proposal = engine->Propose();
+    if (!proposal) continue;
+    engine->ToBounds(proposal->point, point.data());
+    ASSERT_EQ(point, points[i++]);
+    engine->Accept({0, Camel(point)});
+  }
+}
+
+// A point that the caller drops, as he has its value already, must not be proposed for ever.
+TEST(Proposer, FindsOtherPointsAfterDiscarding) {
+  Proposer proposer(Box(2, -2.1, 1.9));
+  Drive(proposer, Camel, 20);
+  for (int i = 0; i < 200; ++i) {
+    Ask(proposer);
+    if (proposer.IsLocal()) {
+      proposer.Discard();
+    } else {
+      proposer.Accept({0, Camel(Ask(proposer))});
+    }
+  }
+  EXPECT_GT(proposer.TrialCount(), 60U);
+}
+
+// Points of a model are taken elsewhere, and outcomes are infeasible or worse than expected.
+TEST(Proposer, TakesAnyOutcomeAndPoint) {
+  Definition definition = Box(3, 0.0, 1.0);
+  definition.function_count = 2;
+  Proposer proposer(definition);
+  for (int i = 0; i < 300; ++i) {
+    const std::vector<double> x = Ask(proposer);
+    std::vector<double> moved(3);
+    for (std::size_t k = 0; k < 3; ++k) moved[k] = std::round(x[k] * 64.0) / 64.0;
+    const double constraint = 0.7 - moved[0] * moved[1];
+    const bool is_taken = proposer.Solver().Nearest(moved.data(), 0) < proposer.TrialCount() &&
+                          proposer.Trials().SquaredDistance(
+                              proposer.Solver().Nearest(moved.data(), 0), moved.data()) == 0.0;
+    if (i < 7) {
+      proposer.Accept({constraint > 0.0 ? 0 : 1, constraint > 0.0 ? constraint : Bowl(x)});
+    } else if (is_taken) {
+      proposer.Discard();
+    } else {
+      proposer.Accept({constraint > 0.0 ? 0 : 1, constraint > 0.0 ? constraint : Bowl(moved)},
+                      moved.data());
+    }
+  }
+  EXPECT_EQ(proposer.Trials().Value(static_cast<std::uint32_t>(proposer.Best())).index, 1);
+}
+
+// A disc that touches the bowl's slope, told together or up to the first violated constraint,
+// from a start where nothing is feasible.
+TEST(Proposer, FindsTheMinimumOnTheEdgeOfTheFeasibleSet) {
+  for (const bool is_ordered : {false, true}) {
+    Definition definition = Box(2, 0.0, 1.0);
+    definition.function_count = 3;
+    Proposer proposer(definition);
+    for (int i = 0; i < 100; ++i) {
+      const std::vector<double> x = Ask(proposer);
+      double functions[] = {std::pow(x[0] - 0.8, 2) + std::pow(x[1] - 0.8, 2) - 0.0225,
+                            x[0] + x[1] - 1.55, Bowl(x)};
+      const int index = functions[0] > 0.0 ? 0 : functions[1] > 0.0 ? 1 : 2;
+      if (is_ordered) std::fill(functions + index + 1, functions + 3, std::nan(""));
+      proposer.Accept({index, functions[index]}, nullptr, functions);
+    }
+    // The minimum of the bowl on the disc, by brute force along its edge.
+    double least = 1e300;
+    for (int i = 0; i < 100000; ++i) {
+      const double angle = 6.283185307179586 * i / 100000.0;
+      const double a = 0.8 + 0.15 * std::cos(angle);
+      const double b = 0.8 + 0.15 * std::sin(angle);
+      if (a + b <= 1.55) least = std::min(least, Bowl({a, b}));
+    }
+    const auto& best = proposer.Trials().Value(static_cast<std::uint32_t>(proposer.Best()));
+    EXPECT_EQ(best.index, 2);
+    EXPECT_NEAR(best.value, least, 1e-6);
+  }
+}
+
+// Local minima other than the best one are refined too.
+TEST(Proposer, RefinesBothMinimaOfTheCamel) {
+  Proposer proposer(Box(2, -2.1, 1.9));
+  const auto points = Drive(proposer, Camel, 600);
+  for (const double side : {-1.0, 1.0}) {
+    double least = 1e300;
+    for (const auto& x : points) {
+      if (x[0] * side > 0.0) least = std::min(least, Camel(x));
+    }
+    EXPECT_NEAR(least, -1.0316284535, 1e-6);
+  }
+}
+
+TEST(Proposer, RefinesTheFiveLowestMinimaOfRastrigin) {
+  Definition definition;
+  definition.local_models = true;
+  definition.parameters.overestimation = 2.5;
+  definition.bounds = {-4.3, 4.9, -5.1, 3.7};
+  Proposer proposer(definition);
+  const Function rastrigin = [](const std::vector<double>& x) {
+    double sum = 20.0;
+    for (const double v : x) sum += v * v - 10.0 * std::cos(6.283185307179586 * v);
+    return sum;
+  };
+  const auto points = Drive(proposer, rastrigin, 1500);
+  const double near[][2] = {{0.0, 0.0}, {1.0, 0.0}, {-1.0, 0.0}, {0.0, 1.0}, {0.0, -1.0}};
+  for (const auto& [x, y] : near) {
+    double least = 1e300;
+    for (const auto& point : points) {
+      if (std::abs(point[0] - x) < 0.5 && std::abs(point[1] - y) < 0.5) {
+        least = std::min(least, rastrigin(point));
+      }
+    }
+    EXPECT_NEAR(least, x == 0.0 && y == 0.0 ? 0.0 : 0.9949590570933, 1e-6) << x << ", " << y;
+  }
+}
+
+// The list of trials has them all, and says which of them the engine holds.
+TEST(Proposer, KeepsNearTrialsOutOfTheEngine) {
+  Proposer proposer(Box(2, -2.1, 1.9));
+  Drive(proposer, Camel, 200);
+  EXPECT_EQ(proposer.TrialCount(), 200U);
+  EXPECT_LT(proposer.Solver().TestCount(), 190U);
+  std::uint32_t held = 0;
+  for (std::uint32_t t = 0; t < 200; ++t) {
+    const std::uint32_t position = proposer.Trials().EnginePosition(t);
+    if (position == TrialLog::kNotInEngine) continue;
+    ++held;
+    EXPECT_EQ(
+        proposer.Trials().SquaredDistance(t, proposer.Solver().GetTest(position)->Coordinate()),
+        0.0);
+  }
+  EXPECT_EQ(held, proposer.Solver().TestCount());
+}
+
+// Between trials of one region stand batch - 1 others.
+TEST(Proposer, LeavesRoomForABatchBetweenTrialsOfARegion) {
+  Definition definition = Box(3, -1.0, 1.7);
+  definition.batch = 6;
+  Proposer proposer(definition);
+  int last = -100;
+  for (int i = 0; i < 150; ++i) {
+    const std::vector<double> x = Ask(proposer);
+    if (proposer.IsLocal()) {
+      EXPECT_GE(i - last, 6);
+      last = i;
+    }
+    proposer.Accept({0, Bowl(x)});  // has one region
+  }
+  EXPECT_GT(last, 0);
+}
+
+}  // namespace
+}  // namespace QuenloftSearch
