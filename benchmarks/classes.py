@@ -22,21 +22,20 @@ examples:
 from __future__ import annotations
 
 import argparse
-import importlib
 import os
 import re
-import shlex
 import sys
 from pathlib import Path
-from typing import Callable, Optional, TypeVar
+from typing import Any, Optional
 
 # One thread a search: runs are made side by side instead. Read when the module is loaded; the
 # results are the same for any number.
 os.environ.setdefault("OMP_NUM_THREADS", "1")
 
-from class_sweep import functions, methods, report, runs  # noqa: E402
-
-T = TypeVar("T")
+from class_sweep import functions, methods, report, runs
+from sweep import command
+from sweep.provenance import markdown_provenance, provenance
+from sweep.tables import replace_block
 
 DEFAULT_METHODS = (
     "quenloft",
@@ -47,18 +46,6 @@ DEFAULT_METHODS = (
 )
 DEFAULT_OVERESTIMATION = (1.5, 2.0, 2.5, 3.0, 4.0)
 DEFAULT_LOCAL_VS_GLOBAL = (0.1, 0.3, 1.0)
-
-
-def list_of(convert: Callable[[str], T]) -> Callable[[str], tuple[T, ...]]:
-    """A converter of comma-separated values."""
-
-    def parse(text: str) -> tuple[T, ...]:
-        try:
-            return tuple(convert(item.strip()) for item in text.split(","))
-        except (KeyError, ValueError) as error:
-            raise argparse.ArgumentTypeError(str(error)) from None
-
-    return parse
 
 
 def method_list(text: str) -> tuple[str, ...]:
@@ -77,15 +64,6 @@ def number_range(text: str) -> range:
     return numbers
 
 
-def workers_of(text: str) -> runs.Workers:
-    """A number, or the import path ``module:name`` of a map-like callable."""
-    module, colon, name = text.partition(":")
-    if not colon:
-        return int(text)
-    workers: runs.Workers = getattr(importlib.import_module(module), name)
-    return workers
-
-
 def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
@@ -93,7 +71,7 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
     add = parser.add_argument
     add(
         "--classes",
-        type=list_of(lambda name: functions.CLASSES[name].name),
+        type=command.list_of(lambda name: functions.CLASSES[name].name),
         default=tuple(functions.CLASSES),
         metavar="LIST",
         help=f"of {', '.join(functions.CLASSES)} (default: all)",
@@ -114,20 +92,6 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         help="numbers of the functions of each class (default: 1-100)",
     )
     add("--budget", type=int, help="trials of a search (default: one for each class)")
-    add(
-        "--workers",
-        type=workers_of,
-        default=1,
-        metavar="N",
-        help="processes, -1 for one a processor, or module:name of a map-like callable",
-    )
-    add(
-        "--out",
-        type=Path,
-        default=Path("bench-out/classes"),
-        metavar="FOLDER",
-        help="folder of results (default: bench-out/classes)",
-    )
     add("--settings", action="store_true", help="search for good settings")
     for name, values in (
         ("--overestimation", DEFAULT_OVERESTIMATION),
@@ -135,19 +99,8 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
     ):
         default = ",".join(f"{value:g}" for value in values)
         help_text = f"values to try with --settings (default: {default})"
-        add(name, type=list_of(float), default=values, metavar="LIST", help=help_text)
-    add(
-        "--markdown",
-        type=Path,
-        metavar="FILE",
-        help="write the tables into the marked blocks of this document, and the plot beside it",
-    )
-    add(
-        "--report",
-        action="store_true",
-        help="run nothing; report the methods that are finished on all functions of a class",
-    )
-    add("--quiet", action="store_true", help="no progress bar")
+        add(name, type=command.list_of(float), default=values, metavar="LIST", help=help_text)
+    command.add_common(parser, Path("bench-out/classes"))
     return parser.parse_args(arguments)
 
 
@@ -179,19 +132,15 @@ def own_method(overestimation: float, local_vs_global: float) -> str:
     return f"{methods.OWN}:{text}" if text else methods.OWN
 
 
-def command_line(arguments: list[str]) -> str:
-    return shlex.join(["python", "benchmarks/classes.py", *arguments])
-
-
 def write_markdown(
-    path: Path, options: argparse.Namespace, command: str, done: list[runs.Run], origin: str
+    path: Path, options: argparse.Namespace, done: list[runs.Run], origin: dict[str, Any]
 ) -> None:
     summaries = report.summarise(done)
     document = path.read_text(encoding="utf-8")
-    made_by = f"```sh\n{command}\n```\n\n{origin}"
+    made_by = f"```sh\n{origin['command']}\n```\n\n{markdown_provenance(origin)}"
     if options.settings:
         content = f"{made_by}\n\n{report.markdown_settings(summaries)}"
-        document = report.replace_block(document, "settings", content)
+        document = replace_block(document, "settings", content)
     else:
         image = path.with_name("images") / "operating_characteristics.png"
         image.parent.mkdir(exist_ok=True)
@@ -204,7 +153,7 @@ def write_markdown(
                 report.markdown_classes(summaries),
             )
         )
-        document = report.replace_block(document, "methods", content)
+        document = replace_block(document, "methods", content)
     path.write_text(document, encoding="utf-8")
 
 
@@ -223,8 +172,8 @@ def main(arguments: Optional[list[str]] = None) -> int:
         return 130
     summaries = report.summarise(done)
     print(report.terminal_table(summaries))
-    provenance = {"command": command_line(arguments), **runs.provenance()}
-    report.write_json(options.out / "summary.json", provenance, summaries, done)
+    origin = {"command": command.command_line("classes.py", arguments), **provenance()}
+    report.write_json(options.out / "summary.json", origin, summaries, done)
     if options.settings:
         print("\n" + report.markdown_settings(summaries))
     else:
@@ -233,8 +182,7 @@ def main(arguments: Optional[list[str]] = None) -> int:
         except ImportError:
             print("No plot: matplotlib is not installed.", file=sys.stderr)
     if options.markdown:
-        origin = report.markdown_provenance(provenance)
-        write_markdown(options.markdown, options, command_line(arguments), done, origin)
+        write_markdown(options.markdown, options, done, origin)
     return 0
 
 

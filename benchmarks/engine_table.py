@@ -48,19 +48,20 @@ class Size(NamedTuple):
 
 
 SIZES = [
-    Size(2, 10_000, 5, 4.0, 1.0),
-    Size(2, 100_000, 5, 4.0, 1.0),
+    Size(2, 10_000, 5, 4.0, None),
+    Size(2, 100_000, 5, 4.0, None),
     Size(3, 5_000, 5, 5.0, None),
-    Size(4, 5_000, 5, 6.0, 1.3),
-    Size(8, 3_000, 3, 12.0, 1.6),
-    Size(16, 1_000, 1, 12.0, 1.6),
-    Size(32, 1_000, 1, 12.0, 1.6),
+    Size(4, 5_000, 5, 6.0, None),
+    Size(8, 3_000, 3, 12.0, 1.5),
+    Size(16, 1_000, 1, 12.0, 1.5),
+    Size(32, 1_000, 1, 12.0, 1.5),
 ]
 #: What --quick makes of their numbers of trials.
 QUICK_TRIALS = [500, 5_000, 250, 250, 150, 60, 80]
 
 LARGE = 1_000_000
 GOAL_OF_LARGE_COST = 1.5
+GOAL_OF_GROWTH = 1.5  # of what a trial costs, from the smallest search to the largest
 GOAL_OF_LARGE_MEGABYTES = 450.0
 
 PLAIN, ONE, TWO = "plain", "engine/threads:1", "engine/threads:2"
@@ -103,6 +104,7 @@ class Measurements(NamedTuple):
     rounds: list[Round]  # of searches
     distances: dict[Size, list[float]]  # between the cores, one a round, see core_distances
     parts: list[Run]
+    growth: list[Run]
     large: Optional[Run]
 
 
@@ -194,6 +196,7 @@ def measure(
     rounds: list[Round] = []
     distances: dict[Size, list[float]] = {}
     parts: list[Run] = []
+    growth: list[Run] = []
     large: Optional[Run] = None
     for number in range(repeats):
         of_round: Round = {}
@@ -219,12 +222,14 @@ def measure(
                 options += ["--benchmark_repetitions=3"]
                 options += ["--benchmark_enable_random_interleaving=true"]
             parts = call(program, "^part/", *options)[1]
+            say("searches that grow")
+            growth = call(program, "^growth/", *scale)[1]
         if number == 0 and with_large:
             say(f"N = 2, {LARGE:,} trials")
             (large,) = call(program, "^search/", "--large")[1]
     if not any(rounds):
         raise RuntimeError("none of the searches is in the build")
-    return Measurements(context, rounds, distances, parts, large)
+    return Measurements(context, rounds, distances, parts, growth, large)
 
 
 def differences(rounds: list[Round], sizes: list[Size]) -> list[str]:
@@ -277,9 +282,9 @@ def search_table(
     for size in sizes:
         plain, one, two = (size.prefix + form for form in (PLAIN, ONE, TWO))
 
-        def cost(name: str, clock: str) -> str:
+        def cost(name: str, clock: str, trials: int = size.trials) -> str:
             times = [getattr(of_round[name], clock) for of_round in rounds if name in of_round]
-            return f"{median(times) / size.trials:,.1f}" if times else ""
+            return f"{median(times) / trials:,.1f}" if times else ""
 
         counts = [sum(name in of_round for of_round in rounds) for name in (plain, one)]
         if counts[1] == 0:
@@ -338,6 +343,26 @@ def parts_table(parts: list[Run]) -> Table:
             + [shown(None if plain is None else plain / engine, None)]
         )
     return table
+
+
+def growth_table(runs: list[Run]) -> tuple[Table, bool]:
+    """What a trial costs at each size of a search, for problems of several kinds."""
+    costs: dict[str, dict[int, float]] = {}
+    for run in runs:
+        _, kind, trials = run.name.split("/")
+        count = int(trials.split(":")[1])
+        costs.setdefault(kind, {})[count] = run.cpu / count
+    sizes = sorted({count for of_kind in costs.values() for count in of_kind})
+    table = [["N = 2, with", *(f"{size:,}" for size in sizes), "last to first", "at most"]]
+    all_met = True
+    for kind, of_kind in costs.items():
+        growth = of_kind[sizes[-1]] / of_kind[sizes[0]]
+        is_kept = round(growth, 2) <= GOAL_OF_GROWTH
+        all_met = all_met and is_kept
+        cells = [f"{of_kind[size]:.1f}" for size in sizes]
+        cells += [f"{growth:.2f}x" + ("" if is_kept else " (missed)"), f"{GOAL_OF_GROWTH:g}x"]
+        table.append([kind.replace("-", " "), *cells])
+    return table, all_met
 
 
 def large_table(large: Run, rounds: list[Round], small: Size) -> tuple[Table, bool]:
@@ -422,6 +447,11 @@ def report(measured: Measurements, sizes: list[Size], command: str) -> tuple[str
         all_met = all_met and large_met
         paragraphs += ["### A million trials", "Microseconds a trial, processor time."]
         paragraphs += [format_table(large)]
+    if measured.growth:
+        growth, growth_met = growth_table(measured.growth)
+        all_met = all_met and growth_met
+        paragraphs += ["### Searches that grow", "Microseconds a trial, processor time."]
+        paragraphs += [format_table(growth)]
     paragraphs += ["### Work done", "Per trial, in the engine."]
     paragraphs += [format_table(work_table(measured.rounds, sizes))]
     if measured.parts:

@@ -21,7 +21,7 @@ from typing import Any, Callable
 # One thread: what a team adds to the processor time would drown the difference.
 os.environ["OMP_NUM_THREADS"] = "1"
 
-import Quenloft  # noqa: E402
+import Quenloft
 
 LIMIT = 3e-6
 

@@ -3,7 +3,6 @@
 
 from __future__ import annotations
 
-import math
 from dataclasses import dataclass
 from time import thread_time
 from typing import Any, Callable, Optional, Sequence

@@ -9,15 +9,13 @@ that it allows.
 
 from __future__ import annotations
 
-import ctypes
+import contextlib
 import importlib
 import math
-import sys
-import warnings
-from functools import lru_cache
 from typing import Any, Callable
 
 from _Quenloft import Problem
+from sweep.nlopt_import import import_nlopt
 
 from .functions import FunctionClass, Objective
 
@@ -92,10 +90,8 @@ def _nlopt(function_class: FunctionClass, number: int, budget: int, algorithm: s
     search.set_upper_bounds([upper for _, upper in bounds])
     search.set_maxeval(budget)
     search.set_min_objective(lambda x, gradient: objective(x.tolist()))
-    try:
+    with contextlib.suppress(nlopt.ForcedStop):
         search.optimize([0.5 * (lower + upper) for lower, upper in bounds])
-    except nlopt.ForcedStop:
-        pass
     return objective
 
 
@@ -140,25 +136,7 @@ def prepare(method: str) -> None:
     if method.startswith("scipy"):
         importlib.import_module("scipy.optimize")
     elif method.startswith("nlopt"):
-        _import_nlopt()
-
-
-@lru_cache(maxsize=None)
-def _import_nlopt() -> None:
-    """Import NLopt so that it survives Python being told to turn warnings into errors.
-
-    Its wrapper (NLopt 2.9.1) makes types that Python warns of, and crashes when that fails: at
-    first use, and while the interpreter ends, when it makes one more to destroy the others. So
-    warnings are ignored here, and the others get a reference too many.
-    """
-    with warnings.catch_warnings():
-        warnings.simplefilter("ignore")
-        nlopt = importlib.import_module("nlopt")
-        nlopt.opt(nlopt.LN_BOBYQA, 1)
-    for name, module in list(sys.modules.items()):
-        if name.startswith("swig_runtime_data"):
-            for value in vars(module).values():
-                ctypes.pythonapi.Py_IncRef(ctypes.py_object(value))
+        import_nlopt()
 
 
 def minimise(method: str, function_class: FunctionClass, number: int, budget: int) -> Objective:

@@ -4,9 +4,12 @@
 from __future__ import annotations
 
 import json
+import math
 from dataclasses import asdict, dataclass
 from pathlib import Path
 from typing import Any, Iterable, Optional, Sequence
+
+from sweep.tables import markdown_table, plain_table
 
 from .functions import CLASSES
 from .methods import OWN, label
@@ -117,22 +120,9 @@ def terminal_table(summaries: Iterable[Summary]) -> str:
     """One block for each class, for a terminal."""
     blocks = []
     for class_name, group in _by_class(summaries).items():
-        rows = [_HEADINGS, *_rows(group)]
-        widths = [max(map(len, column)) for column in zip(*rows)]
-        lines = [f"{class_name} (budget {group[0].budget:,} trials)"]
-        for row in rows:
-            numbers = (cell.rjust(width) for cell, width in zip(row[1:], widths[1:]))
-            lines.append("  ".join((row[0].ljust(widths[0]), *numbers)))
-        blocks.append("\n".join(lines))
+        title = f"{class_name} (budget {group[0].budget:,} trials)"
+        blocks.append(f"{title}\n{plain_table(_HEADINGS, _rows(group))}")
     return "\n\n".join(blocks)
-
-
-def _markdown_table(headings: Sequence[str], rows: Iterable[Sequence[str]], words: int = 1) -> str:
-    """A table whose first columns, `words` of them, hold words and the others numbers."""
-    rule = "|---" * words + "|---:" * (len(headings) - words) + "|"
-    lines = ["| " + " | ".join(headings) + " |", rule]
-    lines += ["| " + " | ".join(row) + " |" for row in rows]
-    return "\n".join(lines)
 
 
 def markdown_means(summaries: Sequence[Summary]) -> str:
@@ -155,25 +145,16 @@ def markdown_means(summaries: Sequence[Summary]) -> str:
     for name, means in PUBLISHED.items():
         shown = (means.get(class_name) for class_name in classes)
         rows.append([name, *("" if mean is None else f"{mean:,}" for mean in shown)])
-    return _markdown_table(["mean trials", *classes], rows)
+    return markdown_table(["mean trials", *classes], rows)
 
 
 def markdown_classes(summaries: Iterable[Summary]) -> str:
     """A table for each class."""
     parts = []
     for class_name, group in _by_class(summaries).items():
-        parts.append(f"### {class_name}\n\nBudget: {group[0].budget:,} trials.\n")
-        parts.append(_markdown_table(_HEADINGS, _rows(group)) + "\n")
+        parts.append(f"#### {class_name}\n\nBudget: {group[0].budget:,} trials.\n")
+        parts.append(markdown_table(_HEADINGS, _rows(group)) + "\n")
     return "\n".join(parts).rstrip()
-
-
-def markdown_provenance(provenance: dict[str, Any]) -> str:
-    versions = ", ".join(f"{name} {version}" for name, version in provenance["versions"].items())
-    machine = provenance["machine"]
-    return (
-        f"{versions}; {machine['processor']}, {machine['processors']} processors, "
-        f"{machine['system']}, OMP_NUM_THREADS {machine['OMP_NUM_THREADS']}."
-    )
 
 
 def markdown_settings(summaries: Sequence[Summary]) -> str:
@@ -205,9 +186,9 @@ def markdown_settings(summaries: Sequence[Summary]) -> str:
         if place < 10 or method == OWN
     ]
     return (
-        _markdown_table(headings, rows, words=2)
+        markdown_table(headings, rows, words=2)
         + "\n\n"
-        + _markdown_table(("one setting for all classes", "solved", "cost"), ranking)
+        + markdown_table(("one setting for all classes", "solved", "cost"), ranking)
     )
 
 
@@ -249,6 +230,11 @@ def write_json(
     path.write_text(json.dumps(document, indent=1) + "\n", encoding="utf-8")
 
 
+# How curves are told apart in a print without colours.
+DASHES = ["--", "-.", ":", (0, (6, 2, 1, 2, 1, 2))]
+MARKS = "osD^vP*X<>"
+
+
 def plot(path: Path, runs: Sequence[Run]) -> None:
     """Operating characteristics: the share of functions solved within k trials.
 
@@ -267,19 +253,31 @@ def plot(path: Path, runs: Sequence[Run]) -> None:
         rows, columns, figsize=(4.2 * columns, 3.0 * rows + 0.9), squeeze=False
     )
     for panel, class_name in zip(axes.flat, classes):
+        first = math.inf
         for i, method in enumerate(methods):
             group = [r for r in runs if (r.task.class_name, r.task.method) == (class_name, method)]
             solved = sorted(r.solved_at for r in group if r.solved_at is not None)
-            if not group:
+            if not solved:
                 continue
-            trials = [1, *solved, group[0].task.budget]
+            first = min(first, solved[0])
+            trials = [solved[0], *solved, group[0].task.budget]
             shares = [k / len(group) for k in (*range(len(solved) + 1), len(solved))]
             own = method.partition(":")[0] == OWN
-            style = {"linewidth": 1.8 if own else 1.0, "linestyle": "-" if own else "--"}
+            # Told apart without colours: own methods are solid, each other has its dashes and mark.
+            style = {"linewidth": 2.2} if own else {"linewidth": 1.1, "linestyle": DASHES[i % 4]}
             panel.step(
-                trials, shares, where="post", color=f"C{i % 10}", label=label(method), **style
+                trials,
+                shares,
+                where="post",
+                color=f"C{i % 10}",
+                label=label(method),
+                marker=MARKS[i % len(MARKS)],
+                markersize=5,
+                markevery=(0.05 + 0.02 * i, 0.2),
+                **style,
             )
         panel.set_xscale("log")
+        panel.set_xlim(left=0.9 * first if first < math.inf else None)
         panel.set_ylim(0.0, 1.02)
         panel.set_title(class_name, fontsize=10)
         panel.grid(alpha=0.3)
@@ -289,18 +287,12 @@ def plot(path: Path, runs: Sequence[Run]) -> None:
         row[0].set_ylabel("share solved")
     for panel in axes.flat[len(classes) :]:
         panel.set_visible(False)
-    handles, labels = axes.flat[0].get_legend_handles_labels()
-    figure.legend(handles, labels, loc="lower center", ncol=3, fontsize=9, frameon=False)
+    shown: dict[str, Any] = {}
+    for panel in axes.flat:
+        shown.update(reversed(pair) for pair in zip(*panel.get_legend_handles_labels()))
+    figure.legend(
+        shown.values(), shown.keys(), loc="lower center", ncol=3, fontsize=9, frameon=False
+    )
     figure.tight_layout(rect=(0.0, 0.9 / (3.0 * rows + 0.9), 1.0, 1.0))
     figure.savefig(path, dpi=110)
     pyplot.close(figure)
-
-
-def replace_block(document: str, name: str, content: str) -> str:
-    """The document with new content between its marks ``<!-- name -->`` and ``<!-- /name -->``."""
-    begin, end = f"<!-- {name} -->", f"<!-- /{name} -->"
-    before, found, rest = document.partition(begin)
-    _, closed, after = rest.partition(end)
-    if not found or not closed:
-        raise ValueError(f"the document has no block {begin} ... {end}")
-    return f"{before}{begin}\n\n{content}\n\n{end}{after}"

@@ -27,7 +27,10 @@ int main(int argc, char** argv) {
   benchmark::AddCustomContext("compiler", "g++ " __VERSION__);
 #endif
   QuenloftSolver::RegisterSearches(scale);
-  if (scale != Scale::kLarge) QuenloftSolver::RegisterParts(scale);
+  if (scale != Scale::kLarge) {
+    QuenloftSolver::RegisterGrowth(scale);
+    QuenloftSolver::RegisterParts(scale);
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

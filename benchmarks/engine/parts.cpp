@@ -75,7 +75,7 @@ struct Refresh {
       return square_distance(a) < square_distance(b);
     });
     listed.resize(std::clamp<std::size_t>(work.listed / count, 1, count));
-    rebuilt_count = std::clamp<std::size_t>(work.refreshed / count, 1, listed.size());
+    rebuilt_count = std::clamp<std::size_t>(work.rebuilt / count, 1, listed.size());
     columns.Reserve(listed.size());
     for (const std::uint32_t p : listed) {
       const Test<N>& trial = solver->TrialAt(p);
@@ -233,7 +233,6 @@ void AskKeyBounds(benchmark::State& state) {
   KeyBounds bounds;
   Uniform keys(2);
   Uniform positions(3);
-  bounds.Grow(kTrials);
   for (std::uint32_t p = 0; p < kTrials; ++p) bounds.Set(p, keys.Next());
   const auto ask = [&] {
     bounds.Settle();

@@ -13,7 +13,7 @@ SearchOutcome PlainSearch(const SearchCase& problem, std::uint32_t trials) {
   }
   SearchOutcome outcome;
   outcome.trials = static_cast<std::uint32_t>(solver.tests.size());
-  for (const Test<N>& trial : solver.tests) outcome.sum_of_values += trial.value.value;
+  for (const auto& trial : solver.tests) outcome.sum_of_values += trial.value.value;
   return outcome;
 }
 

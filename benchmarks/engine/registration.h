@@ -17,6 +17,9 @@ enum class Scale {
 // the solver to its end.
 void RegisterSearches(Scale scale);
 
+// searches.cpp: growth/<problem>/trials:<count>, one search in two dimensions each.
+void RegisterGrowth(Scale scale);
+
 // parts.cpp: part/<name>/<form>, or part/<name>/N:<n>/<form>.
 void RegisterParts(Scale scale);
 

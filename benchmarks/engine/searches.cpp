@@ -3,7 +3,6 @@
 // Whole searches with a native objective, in the engine and in the plain form.
 
 #include <benchmark/benchmark.h>
-#include <omp.h>
 #include <sys/resource.h>
 
 #include <memory>
@@ -14,6 +13,7 @@
 #include "solver/built_dimensions.h"
 #include "solver/create_solver.h"
 #include "solver/solver.h"
+#include "solver/threads.h"
 
 namespace QuenloftSolver {
 namespace {
@@ -48,8 +48,7 @@ void SearchPlainly(benchmark::State& state, std::uint32_t trials) {
 template <int N>
 void Search(benchmark::State& state, std::uint32_t trials, int threads) {
   const SearchCase problem = NativeCase(N);
-  const int threads_before = omp_get_max_threads();
-  omp_set_num_threads(threads);
+  SetThreadCount(threads);
   std::shared_ptr<SolverBase> base;
   for (auto _ : state) {
     base = CreateSolver(problem.bounds, problem.categories, problem.functions, problem.parameters);
@@ -57,7 +56,7 @@ void Search(benchmark::State& state, std::uint32_t trials, int threads) {
       base->Step();
     }
   }
-  omp_set_num_threads(threads_before);
+  SetThreadCount(1);
 
   const auto& solver = static_cast<const Solver<N>&>(*base);
   SearchOutcome outcome;
@@ -72,14 +71,14 @@ void Search(benchmark::State& state, std::uint32_t trials, int threads) {
     state.counters[name] = static_cast<double>(count) / outcome.trials;
   };
   report("listed", work.listed);
-  report("refreshed", work.refreshed);
-  report("candidates", work.candidates);
-  report("kept", work.kept);
-  report("cosines", work.cosines);
-  report("rounded_cosines", work.rounded_cosines);
-  report("offers", work.offers);
-  report("entries_visited", work.entries_visited);
-  report("full_updates", work.full_updates);
+  report("refreshed", work.rebuilt);
+  report("candidates", work.selections.candidates);
+  report("kept", work.selections.kept);
+  report("cosines", work.selections.cosines);
+  report("rounded_cosines", work.selections.rounded_cosines);
+  report("offers", work.updates.offers);
+  report("entries_visited", work.updates.entries_visited);
+  report("full_updates", work.updates.full_updates);
 }
 
 template <typename Body>
@@ -113,7 +112,55 @@ void RegisterSize(std::uint32_t trials, double seconds, bool with_all_forms = tr
   }
 }
 
+// What a trial costs as the search grows, whatever the problem has besides its target.
+SearchCase GrowthCase(const std::string& kind) {
+  SearchCase problem;
+  problem.dimension = 2;
+  problem.AddVariable(-1.0, 1.5);
+  problem.AddVariable(-1.0, 1.5);
+  if (kind == "2-combinations") problem.categories = {2};
+  if (kind == "12-combinations") problem.categories = {4, 3};
+  const int constraints = kind == "constraint" ? 1 : kind == "3-constraints" ? 3 : 0;
+  for (int i = 0; i < constraints; ++i) {
+    // The first always holds.
+    problem.Add([i](const double* x, const std::int32_t*) { return i * (x[0] + i * x[1]) - 1.5; });
+  }
+  const auto bowl = RippledBowl(2, 0.1);
+  const bool has_categories = !problem.categories.empty();
+  problem.Add([=](const double* x, const std::int32_t* c) {
+    return bowl(x, c) + (has_categories ? 0.01 * c[0] * (1.0 + x[0]) : 0.0);
+  });
+  return problem;
+}
+
+void Grow(benchmark::State& state, const std::string& kind, std::uint32_t trials) {
+  const SearchCase problem = GrowthCase(kind);
+  std::shared_ptr<SolverBase> solver;
+  for (auto _ : state) {
+    solver =
+        CreateSolver(problem.bounds, problem.categories, problem.functions, problem.parameters);
+    while (solver->TestCount() < trials) solver->Step();
+  }
+  const WorkCounters work = static_cast<const Solver<2>&>(*solver).Work();
+  state.counters["full_updates"] = static_cast<double>(work.updates.full_updates) / trials;
+  state.counters["visited"] = static_cast<double>(work.updates.visited) / trials;
+}
+
 }  // namespace
+
+void RegisterGrowth(Scale scale) {
+  if constexpr (IsBuilt(2)) {
+    for (const char* const kind :
+         {"plain", "constraint", "3-constraints", "2-combinations", "12-combinations"}) {
+      for (const std::uint32_t trials : {50000u, 100000u, 200000u, 400000u}) {
+        const std::uint32_t count = scale == Scale::kQuick ? trials / 100 : trials;
+        Register("growth/" + std::string(kind) + "/trials:" + std::to_string(count),
+                 [=](benchmark::State& state) { Grow(state, kind, count); })
+            ->Iterations(1);
+      }
+    }
+  }
+}
 
 void RegisterSearches(Scale scale) {
   if (scale == Scale::kLarge) {
