@@ -39,8 +39,6 @@ def options_of(method: str) -> Options:
     options: Options = {}
     if name == "quenloft-plain" and "local_models" in _own_parameters():
         options["local_models"] = False
-    if name == "quenloft-polish":
-        options["polish"] = True
     for item in filter(None, text.split(",")):
         key, equals, value = item.partition("=")
         if not equals:
@@ -467,7 +465,6 @@ PACKAGES = tuple(dict.fromkeys(peer.package for peer in _PEERS.values()))
 _OWN_LABELS = {
     "quenloft": "Quenloft",
     "quenloft-plain": "Quenloft, plain",
-    "quenloft-polish": "Quenloft, polish",
 }
 OWN_METHODS = tuple(_OWN_LABELS)
 

@@ -32,7 +32,7 @@ class Search:
         constraint_count: int,
         has_hidden_constraint: bool,
         has_local_models: bool,
-        parameters: tuple[float, float, float, float, float, int],
+        parameters: tuple[float, float, float, float, float],
         # Coordinates, positions of the choices, value, constraints.
         known: Sequence[tuple[Sequence[float], Sequence[int], Optional[float], Sequence[float]]],
     ) -> None: ...

@@ -140,8 +140,6 @@ class History:
         self.bounds: tuple[tuple[float, float], ...] = ()
         self.logarithmic: tuple[int, ...] = ()
         self.integers: tuple[int, ...] = ()
-        #: Trials from this position on were made by `polish`; None without such a phase.
-        self.polish_start: Union[int, None] = None
         self._growing = True
         self._x = array("d")
         self._category = array("i")

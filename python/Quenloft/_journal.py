@@ -71,13 +71,8 @@ def read_journal(path: Path) -> Recording:
     history.bounds = tuple((lower, upper) for lower, upper in header["bounds"])
     history.logarithmic = tuple(header["logarithmic"])
     history.integers = tuple(header["integers"])
-    # A search that went on after a polish was recorded after it.
-    entries = [_entry(row, history) for row in rows]
-    for phase, x, category, (index, value, constraints), time in sorted(
-        entries, key=lambda entry: entry.phase == "polish"
-    ):
-        if phase == "polish" and history.polish_start is None:
-            history.polish_start = len(history)
+    for row in rows:
+        _, x, category, (index, value, constraints), time = _entry(row, history)
         history.append(x, category, index, value, time, constraints)
     history.finish()
     return Recording(header, history)

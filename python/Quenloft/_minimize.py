@@ -9,10 +9,9 @@ from contextlib import ExitStack, closing
 from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence, Union
 
 from ._plan import Plan
-from ._polish import polish as run_polish
 from ._progress import Progress
 from ._report import Report, watcher
-from ._result import OptimizeResult, Status
+from ._result import OptimizeResult
 from ._run import Run
 from ._search import Search
 from ._settings import Settings
@@ -40,7 +39,6 @@ def minimize(
     callback: Optional[Callable[[OptimizeResult], Any]] = None,
     on_interrupt: str = "raise",
     progress: bool = False,
-    polish: Union[bool, str] = False,
     journal: Optional[Union[str, os.PathLike[str]]] = None,
     verify: bool = True,
     workers: WorkersArgument = 1,
@@ -50,7 +48,6 @@ def minimize(
     local_vs_global: float = Settings.local_vs_global,
     spread: float = Settings.spread,
     cross: float = Settings.cross,
-    fit: int = Settings.fit,
 ) -> OptimizeResult:
     """Find the global minimum of a function over a box.
 
@@ -111,12 +108,6 @@ def minimize(
         returns that result.
     progress : bool
         Show best value, evaluations, budget and time left on stderr while it is a terminal.
-    polish : bool or {"cobyla", "pattern"}
-        Refine the best trial by a local derivative-free search, within the bounds, the
-        constraints and the budget, of which a part is held back for it: a quarter of `maxfun` but
-        at most ``25 * (N + 1)`` trials, twice that with constraints, and a tenth of `maxtime`.
-        True takes SciPy's COBYLA if it is installed and not in use, else a pattern search. Not
-        done without a feasible trial, nor after a stop by `f_min` or the callback.
     journal : path, optional
         SQLite file that holds every evaluation before the next one starts. If it exists, the run
         goes on from there and evaluates nothing again: recorded values are replayed, callbacks
@@ -149,8 +140,6 @@ def minimize(
         ``2 * pi / spread`` between any two.
     cross : float
         Size of the initial cross of trials around the centre, in (0, 1]; 0 for none.
-    fit : int
-        Most quadratic fits around a new best trial, >= 0.
 
     Returns
     -------
@@ -197,7 +186,7 @@ def execute(plan: Plan) -> OptimizeResult:
                 display = stack.enter_context(closing(Progress(*limits, run.workers.size)))
             run.watch = watcher(run, report, display, plan.callback)
             try:
-                _run_phases(run, report, plan, book)
+                _search(run, report, plan, book)
             except BaseException as stray:
                 run.error = run.error or stray
             if display is not None:
@@ -227,17 +216,8 @@ def _result(run: Run, report: Report) -> OptimizeResult:
     return report.result()
 
 
-def _run_phases(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> None:
-    """Search, then polish what was found."""
-    stops = plan.budget
-    held_back = 0
-    seconds = stops.maxtime
-    if plan.polish:
-        # Enough for COBYLA to converge from a good trial; constraints make that longer.
-        enough = (50 if plan.goal else 25) * (run.variables.dimension + 1)
-        held_back = math.floor(min(stops.maxfun / 4, enough))
-        seconds *= 0.9
-    limit = stops.maxfun - held_back
+def _search(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> None:
+    limit = plan.budget.maxfun
     search = Search.from_variables(
         plan.variables,
         plan.settings,
@@ -246,18 +226,9 @@ def _run_phases(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -
         hidden_constraint=plan.is_hidden,
         maxfun=None if limit == math.inf else int(limit),
     )
-    run.begin_phase("search", limit, seconds)
     try:
         run.search(search, book)
     except BaseException as error:
         run.error = error
     report.end_search(search)
     run.end_search()
-    if not plan.polish or not run.is_feasible() or run.error is not None:
-        return
-    if run.status in (Status.F_MIN, Status.CALLBACK):
-        return
-    run.history.polish_start = len(run.history)
-    run.begin_phase("polish", stops.maxfun, stops.maxtime)
-    method = "auto" if plan.polish is True else str(plan.polish)
-    report.end_polish(run_polish(run, method))

@@ -20,8 +20,7 @@ Observe = Callable[[Tuple[float, ...], Tuple[int, ...]], Outcome]
 
 
 class Entry(NamedTuple):
-    """An evaluation that was made; `phase` is "search", "ahead" where the search did not wait for it, or
-    "polish"."""
+    """An evaluation that was made; `phase` is "search", or "ahead" where no one waited for it."""
 
     phase: str
     x: tuple[float, ...]

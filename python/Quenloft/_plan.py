@@ -5,7 +5,6 @@ from __future__ import annotations
 
 import os
 from dataclasses import dataclass, field, fields
-from importlib import import_module
 from typing import Any, Callable, Optional, Sequence, Union
 
 from . import _constraints as constraint_forms, _variables as variable_forms
@@ -44,7 +43,6 @@ class Plan:
     callback: Optional[Callable[[OptimizeResult], Any]] = None
     on_interrupt: str = "raise"
     progress: bool = False
-    polish: Union[bool, str] = False
     journal: Optional[Union[str, os.PathLike[str]]] = None
     verify: bool = True
     workers: WorkersArgument = 1
@@ -54,7 +52,6 @@ class Plan:
     local_vs_global: float = Settings.local_vs_global
     spread: float = Settings.spread
     cross: float = Settings.cross
-    fit: int = Settings.fit
 
     variables: Variables = field(init=False)
     form: Form = field(init=False)
@@ -66,7 +63,6 @@ class Plan:
         one_of("point", self.point, ("tuple", "list", "array"))
         one_of("nonfinite", self.nonfinite, ("raise", "infeasible"))
         one_of("on_interrupt", self.on_interrupt, ("raise", "return"))
-        one_of("polish", self.polish, (False, True, "cobyla", "pattern"))
         one_of("verify", self.verify, (False, True))
         one_of("local_models", self.local_models, (False, True))
         check_workers(self.workers)
@@ -74,8 +70,6 @@ class Plan:
             raise TypeError(f"fun must be callable, not {self.fun!r}")
         if self.callback is not None and not callable(self.callback):
             raise TypeError(f"callback must be callable, not {self.callback!r}")
-        if self.polish == "cobyla" and scipy_minimize() is None:
-            raise ValueError("polish='cobyla' needs SciPy, which is not installed")
         # As in SciPy, anything but a tuple is one argument.
         self.args = self.args if isinstance(self.args, tuple) else (self.args,)
         self.variables = variable_forms.declare(
@@ -123,12 +117,3 @@ class Plan:
             self.is_hidden,
             self.variables.dimension,
         )
-
-
-def scipy_minimize() -> Optional[Callable[..., Any]]:
-    """SciPy's `minimize`, for a polish; None where SciPy is not installed."""
-    # Not an import statement: it brings no types, and may be missing.
-    try:
-        return import_module("scipy.optimize").minimize  # type: ignore[no-any-return]
-    except ImportError:
-        return None

@@ -19,7 +19,7 @@ _LARGEST_RADIUS = 6.0
 
 
 class Report:
-    """Collects what the phases leave behind, and makes results of it."""
+    """Collects what the search leaves behind, and makes results of it."""
 
     def __init__(self, run: Run, plan: Plan) -> None:
         self._run = run
@@ -27,7 +27,6 @@ class Report:
         self._form = plan.form
         self._names = [limit.name for limit in plan.limits]
         self._locals: list[LocalMinimum] = []
-        self._phases: dict[str, dict[str, Any]] = {}
         self._status: Optional[Status] = None
         self._message = ""
 
@@ -36,28 +35,8 @@ class Report:
         run = self._run
         radius = search.radius() if run.history else math.nan
         self._locals = self._local_minima(search, radius)
-        self._phases["search"] = {"nit": len(run.history), "fun": run.best_objective()}
         self._status = self._final_status()
         self._message = self._reason(self._status, radius)
-
-    def end_polish(self, method: str) -> None:
-        """Take over what the polish found."""
-        run = self._run
-        before = self._phases["search"]
-        fun = run.best_objective()
-        trials = len(run.history) - before["nit"]
-        gain = before["fun"] - fun
-        if gain > 0:
-            polished = replace(self._minimum(run.best), radius=0.0)
-            self._locals = [polished, *self._locals[1:]]
-        self._phases["polish"] = {"nit": trials, "fun": fun, "method": method, "gain": gain}
-        if run.status is not None or run.error is not None:
-            self._status = self._final_status()
-            self._message = self._reason(self._status, math.nan)
-        elif len(run.history) >= run.limit:
-            self._status = Status.MAXFUN
-            self._message = self._reason(self._status, math.nan)
-        self._message += f"; polish ({method}): {trials} trials, gain {gain:.6g}"
 
     def intermediate(self, nfev: int) -> OptimizeResult:
         """What a callback sees."""
@@ -99,7 +78,6 @@ class Report:
             locals=self._locals,
             xl=[minimum.x for minimum in self._locals],
             funl=[minimum.fun for minimum in self._locals],
-            phases=self._phases,
             elapsed_seconds=run.elapsed(),
             replayed=run.replayed,
             history=history,
@@ -162,11 +140,9 @@ class Report:
         stops = self._stops
         budget = f" of {stops.maxfun:.0f}" if math.isfinite(stops.maxfun) else ""
         if status is Status.MAXFUN:
-            held_back = stops.maxfun - run.limit if run.phase == "search" else 0
-            note = f" ({held_back:.0f} of {stops.maxfun:.0f} for polish)" if held_back else ""
-            return f"maxfun reached: {count} trials of {run.limit:.0f}{note}"
+            return f"maxfun reached: {trials}{budget}"
         if status is Status.MAXTIME:
-            seconds = f"{run.elapsed():.3f} s of {run.allowed_seconds:g} s"
+            seconds = f"{run.elapsed():.3f} s of {stops.maxtime:g} s"
             return f"maxtime reached: {seconds}, {trials}{budget}"
         if status is Status.F_MIN:
             return f"f_min reached: {run.best_objective()!r} <= {stops.f_min!r}, {trials}{budget}"

@@ -43,8 +43,7 @@ class LocalMinimum:
     categories : tuple
         Choices of the categorical variables.
     radius : float
-        Distance to the farthest of its neighbours, in the unit box; 0.0 for a polished point,
-        infinity where the search ended before it looked for neighbours.
+        Distance to the farthest of its neighbours, in the unit box; infinity where the search ended before it looked for neighbours.
     """
 
     x: Any
@@ -92,9 +91,6 @@ class OptimizeResult(Dict[str, Any]):
     surplus : History
         Evaluations ahead that the search did not come to need, in the order in which they ended;
         empty with one worker. A journal keeps them for a search that goes on further.
-    phases : dict
-        What each phase contributed: ``{"search": {"nit": ..., "fun": ...}}``, with `polish` also
-        ``"polish": {"nit": ..., "fun": ..., "method": ..., "gain": ...}``.
     replayed : int
         Trials that came from the journal.
     elapsed_seconds : float
@@ -116,7 +112,6 @@ class OptimizeResult(Dict[str, Any]):
     funl: list[float]
     history: History
     surplus: History
-    phases: dict[str, dict[str, Any]]
     replayed: int
     elapsed_seconds: float
     #: The trial just made; only in what a callback is given.

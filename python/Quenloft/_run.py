@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A run: the trials of one call of `minimize`, whatever phase asks for them."""
+"""A run: the trials of one call of `minimize`."""
 
 from __future__ import annotations
 
@@ -25,9 +25,9 @@ _SAME = 1e-6
 
 
 class Run:
-    """The state that the phases of a run share.
+    """The loop around a search, and its state.
 
-    An outcome goes to the search or the polish that asked for it, then to the journal. When its
+    An outcome goes to the search, then to the journal. When its
     turn comes, it is a trial: in the history first, then shown to the watcher (the callback and the
     progress display). What happens afterwards cannot lose it.
     """
@@ -41,6 +41,8 @@ class Run:
         self.history = plan.new_history()
         self.surplus = plan.new_history()
         self.goal = plan.goal
+        self._limit = plan.budget.maxfun
+        self._allowed_seconds = plan.budget.maxtime
         self._f_min = plan.budget.f_min
         self._min_radius = plan.budget.min_radius
         self._verify = plan.verify
@@ -48,15 +50,11 @@ class Run:
         self._initial_count = points * math.prod(map(len, plan.variables.choices))
         # Set by the driver, where there is one.
         self.watch: Optional[Callable[[], None]] = None
-        # Set by the driver for each phase.
-        self.limit = math.inf
-        self.allowed_seconds = math.inf
-        self.phase = "search"
         # Written by each trial.
         self.status: Optional[Status] = None
         self.error: Optional[BaseException] = None
-        self.deadline = math.inf
         self.start = perf_counter()
+        self.deadline = self.start + self._allowed_seconds
         #: When the last evaluation ended of which a trial was made.
         self.latest = 0.0
         self.best = -1
@@ -76,20 +74,12 @@ class Run:
         # Of evaluations that no search asked for.
         self._other_keys = count(-1, -1)
 
-    def begin_phase(self, phase: str, limit: float, seconds: float) -> None:
-        """Set what the phase may use of the budget, as totals of the run."""
-        self.phase = phase
-        self.limit = limit
-        self.allowed_seconds = seconds
-        self.deadline = self.start + seconds
-        self.status = None
-
     def elapsed(self) -> float:
         """Seconds since the run began, in all sessions."""
         return perf_counter() - self.start
 
     def stop(self, status: Status) -> None:
-        """Make no more trials in this phase; of several reasons the first counts."""
+        """Make no more trials; of several reasons the first counts."""
         self.status = self.status or status
 
     def is_feasible(self) -> bool:
@@ -101,7 +91,7 @@ class Run:
         return self.best_rank[1] if self.is_feasible() else math.inf
 
     def search(self, search: Search, journal: Optional[Journal]) -> None:
-        """Ask, evaluate and tell until the phase ends; the reason is in `status`."""
+        """Ask, evaluate and tell until the end; the reason is in `status`."""
         self._search = search
         if journal is not None:
             self._journal = journal
@@ -115,7 +105,7 @@ class Run:
             while self.status is None and search.advance(1):
                 self._make_trial()
             if self.status is None and search.is_finished:
-                is_spent = len(self.history) >= self.limit
+                is_spent = len(self.history) >= self._limit
                 self.stop(Status.MAXFUN if is_spent else Status.EXHAUSTED)
             if self.status is not None:
                 break
@@ -144,34 +134,6 @@ class Run:
             vars(self._search).clear()
             self._search = None
 
-    def trial(self, coordinates: Sequence[float], selected: Sequence[int]) -> bool:
-        """Make a trial of the polish at a point of the engine's box; False when its phase ends.
-
-        It never raises: an exception is kept in `error`.
-        """
-        try:
-            if self.status is None and perf_counter() >= self.deadline:
-                self.stop(Status.MAXTIME)
-            if self.status is not None or self.error or len(self.history) >= self.limit:
-                return False
-            x = self.variables.decoder()(coordinates)
-            category = self.variables.category_decoder()(selected)
-            entry = self._recorded.get((x, category))
-            is_replayed = entry is not None
-            if entry is None:
-                self._end_replay()
-                outcome = self._evaluate(x, category)
-                entry = Entry("polish", x, category, outcome, self.elapsed())
-            try:
-                if not is_replayed:
-                    self._record(entry)
-            finally:
-                self._append(entry, is_replayed)
-        except BaseException as error:
-            self.error = error
-            return False
-        return True
-
     def close(self) -> None:
         """Drop what an interruption left half-written, and count what was not needed."""
         self.history.finish()
@@ -185,12 +147,11 @@ class Run:
         for entry in journal.entries:
             if self._recorded.setdefault((entry.x, entry.category), entry) is not entry:
                 continue
-            if entry.phase != "polish":
-                chosen = self.history.chosen(entry.category)
-                assert self._search is not None
-                point = self._search.supply(entry.x, categories=chosen, **self._told(entry))
-                self._known[point.id] = entry
-                self._supplied.add(point.id)
+            chosen = self.history.chosen(entry.category)
+            assert self._search is not None
+            point = self._search.supply(entry.x, categories=chosen, **self._told(entry))
+            self._known[point.id] = entry
+            self._supplied.add(point.id)
 
     def _told(self, entry: Entry) -> dict[str, Any]:
         """An outcome as the search is told of it."""
@@ -211,7 +172,7 @@ class Run:
 
     def _set_elapsed(self, seconds: float) -> None:
         self.start = perf_counter() - seconds
-        self.deadline = self.start + self.allowed_seconds
+        self.deadline = self.start + self._allowed_seconds
 
     def _end_replay(self) -> None:
         """Make sure that the journal is of this problem, before anything is added to it."""
@@ -261,7 +222,7 @@ class Run:
         self.latest = max(self.latest, entry.time)
         if is_replayed:
             self.replayed += 1
-            if entry.time >= self.allowed_seconds:
+            if entry.time >= self._allowed_seconds:
                 self.stop(Status.MAXTIME)
         if index == self.goal and value <= self._f_min:
             self.stop(Status.F_MIN)

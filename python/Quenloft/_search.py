@@ -65,7 +65,7 @@ class Trials(NamedTuple):
     constraints: memoryview
     #: The `Point.id` of each trial.
     id: memoryview
-    #: 2: by a local step; 32: by a quadratic fit; 64: inserted, as known points are; else 0.
+    #: 2: by a local step; 64: inserted, as known points are; else 0.
     kind: memoryview
 
 
@@ -96,7 +96,7 @@ class Search:
     local_models : bool
         Quadratic models of the trials around the best minima share the search: they converge
         where the method alone is slow. Without them the trials are the native module's.
-    overestimation, overestimation_local, local_vs_global, spread, cross, fit
+    overestimation, overestimation_local, local_vs_global, spread, cross
         See `minimize`.
 
     Raises
@@ -132,7 +132,6 @@ class Search:
         local_vs_global: float = Settings.local_vs_global,
         spread: float = Settings.spread,
         cross: float = Settings.cross,
-        fit: int = Settings.fit,
     ) -> None:
         variables = variable_forms.declare(bounds, logarithmic, categories, names)
         settings = Settings.of(
@@ -142,7 +141,6 @@ class Search:
             local_vs_global=local_vs_global,
             spread=spread,
             cross=cross,
-            fit=fit,
         )
         self._set_up(
             variables,
@@ -215,7 +213,6 @@ class Search:
                     settings.local_vs_global,
                     settings.spread,
                     settings.cross,
-                    settings.fit,
                 ),
                 known,
             )

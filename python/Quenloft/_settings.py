@@ -17,7 +17,6 @@ class Settings:
     local_vs_global: float = 0.1
     spread: float = 12.0
     cross: float = 0.99
-    fit: int = 0
 
     def __post_init__(self) -> None:
         # Below 1 a step could leave the segment that it splits, and with it the bounds.
@@ -26,7 +25,6 @@ class Settings:
         _require("local_vs_global", self.local_vs_global, "at least 0", lambda v: v >= 0)
         _require("spread", self.spread, "above 2", lambda v: v > 2)
         _require("cross", self.cross, "from 0 to 1", lambda v: 0 <= v <= 1)
-        whole_number("fit", self.fit, 0)
 
     @classmethod
     def of(cls, local_models: bool, overestimation: Optional[float], **others: Any) -> Settings:
@@ -80,7 +78,7 @@ def budget(
 
 def one_of(name: str, value: Any, allowed: tuple[Any, ...]) -> None:
     """Check an argument that takes one of a few values."""
-    # A true 1 is not True here: `polish=1` would be read as a count.
+    # A true 1 is not True here: `verify=1` would be read as a count.
     if not any(value is item or (isinstance(item, str) and value == item) for item in allowed):
         raise ValueError(f"{name} must be one of {', '.join(map(repr, allowed))}, not {value!r}")
 

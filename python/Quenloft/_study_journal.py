@@ -69,7 +69,7 @@ class StudyJournal:
 
 def _description(plan: Plan) -> dict[str, Any]:
     """What decides the result of a task."""
-    return {**describe(plan), **asdict(plan.budget), "polish": plan.polish, "point": plan.point}
+    return {**describe(plan), **asdict(plan.budget), "point": plan.point}
 
 
 def _pack(result: OptimizeResult) -> dict[str, Any]:
@@ -82,7 +82,6 @@ def _pack(result: OptimizeResult) -> dict[str, Any]:
     packed["locals"] = [
         [_numbers(m.x), m.fun, _positions(choices, m.categories), m.radius] for m in result.locals
     ]
-    packed["polish_start"] = result.history.polish_start
     return packed
 
 
@@ -108,7 +107,6 @@ def _history(plan: Plan, columns: Sequence[bytes]) -> History:
 
 def _unpack(plan: Plan, packed: dict[str, Any], columns: list[bytes]) -> OptimizeResult:
     history = _history(plan, columns[: len(_HISTORY)])
-    history.polish_start = packed.pop("polish_start")
     x = packed["x"]
     minima = [
         LocalMinimum(plan.form(tuple(x)), fun, history.chosen(category), radius)

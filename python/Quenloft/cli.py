@@ -167,7 +167,7 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     for name, default in _settings().items():
         settings.add_argument(
             "--" + name.replace("_", "-"),
-            type=int if name == "fit" else float,
+            type=float,
             default=default,
             metavar="X",
             help=_SETTINGS[name] + ("" if default is None else " (%(default)s)"),
@@ -178,15 +178,6 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
         action="store_false",
         help="the search alone, without quadratic models around the best minima",
     )
-    if "polish" in known:
-        settings.add_argument(
-            "--polish",
-            nargs="?",
-            const=True,
-            default=False,
-            choices=("cobyla", "pattern"),
-            help="refine the best point by a local search at the end",
-        )
 
     output = parser.add_argument_group("run")
     output.add_argument(
@@ -255,7 +246,6 @@ _SETTINGS = {
     "local_vs_global": "local steps for each global one",
     "spread": "neighbours are 2 pi / X apart",
     "cross": "size of the first cross of trials, 0 for none",
-    "fit": "quadratic fits after a new best point",
 }
 
 
@@ -306,7 +296,7 @@ def run_minimize(options: argparse.Namespace) -> int:
     nonfinite = options.nonfinite or ("infeasible" if options.tolerate else "raise")
     further = {
         name: getattr(options, name)
-        for name in (*_settings(), "local_models", "polish", "workers")
+        for name in (*_settings(), "local_models", "workers")
         if getattr(options, name, None) is not None
     }
     try:
@@ -693,7 +683,6 @@ def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]
             }
             for local in result.locals
         ],
-        "phases": result.phases,
         "replayed": result.replayed,
         "elapsed_seconds": result.elapsed_seconds,
     }

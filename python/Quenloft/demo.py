@@ -86,7 +86,7 @@ def slope_excess(x: Sequence[float]) -> float:
 
 def calibrate(maxfun: int = 1000) -> OptimizeResult:
     """Fit the Michaelis-Menten law."""
-    return minimize(sum_of_squares, BOUNDS, names=NAMES, maxfun=maxfun, polish="pattern")
+    return minimize(sum_of_squares, BOUNDS, names=NAMES, maxfun=maxfun)
 
 
 def choose_law(maxfun: int = 1000) -> OptimizeResult:
@@ -97,7 +97,6 @@ def choose_law(maxfun: int = 1000) -> OptimizeResult:
         names=(*NAMES, "law"),
         categories=[tuple(RATE_LAWS)],
         maxfun=maxfun,
-        polish="pattern",
     )
 
 
@@ -109,7 +108,6 @@ def calibrate_limited(maxfun: int = 1000) -> OptimizeResult:
         names=NAMES,
         constraints=slope_excess,
         maxfun=maxfun,
-        polish="pattern",
     )
 
 

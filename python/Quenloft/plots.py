@@ -107,8 +107,6 @@ def plot_convergence(
             if single
             else f"search {position + 1}",
         )
-        if view.history.polish_start is not None and single:
-            ax.axvline(view.history.polish_start + 0.5, color="0.4", linestyle=":", label="polish")
         last = best[-1]
         if not math.isnan(last):
             ax.plot(len(best), last, "o", color=line.get_color(), markersize=5, zorder=4)

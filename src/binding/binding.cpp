@@ -153,8 +153,8 @@ nb::list Ask(Search& search, std::size_t count) {
 
 // lower, upper, is_logarithmic, is_integer, count
 using VariableTuple = std::tuple<double, double, bool, bool, std::uint64_t>;
-// overestimation, overestimation_local, local_vs_global, spread, cross, fit
-using ParametersTuple = std::tuple<double, double, double, double, double, std::uint32_t>;
+// overestimation, overestimation_local, local_vs_global, spread, cross
+using ParametersTuple = std::tuple<double, double, double, double, double>;
 // x, positions of the choices, value, constraints
 using KnownTuple = std::tuple<std::vector<double>, std::vector<std::int32_t>, std::optional<double>,
                               std::vector<double>>;
@@ -173,7 +173,7 @@ Problem ToProblem(const std::vector<VariableTuple>& variables,
   problem.has_local_models = has_local_models;
   auto& [overestimation, overestimation_local, local_vs_global, spread, cross, fit, reserve] =
       problem.parameters;
-  std::tie(overestimation, overestimation_local, local_vs_global, spread, cross, fit) = parameters;
+  std::tie(overestimation, overestimation_local, local_vs_global, spread, cross) = parameters;
   for (const auto& [x, categories, value, constraints] : known) {
     Outcome outcome = QuenloftSearch::MakeOutcome(problem, value, constraints, false);
     problem.known.push_back({x, categories, std::move(outcome)});

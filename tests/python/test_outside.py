@@ -138,8 +138,7 @@ def test_every_method_uses_its_budget_and_no_more(method, capfd):
             continue
         recorder, failure = methods.minimise(method, problem, 60, seed=1)
         assert not failure
-        # Polishing may converge before.
-        assert recorder.count == 60 or (method == "quenloft-polish" and recorder.count > 40)
+        assert recorder.count == 60
         again, _ = methods.minimise(method, problem, 60, seed=1)
         assert again.reached == recorder.reached
     assert capfd.readouterr() == ("", "")

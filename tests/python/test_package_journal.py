@@ -34,7 +34,7 @@ def constraint(x, choices):
     return x[1] - 3
 result = Quenloft.minimize(
     fun, [(-1, 2), (0.5, 4, "log")], categories=[(2, 1)], constraints=constraint,
-    maxfun=150, polish="pattern", journal=sys.argv[1], verify=False, workers=int(sys.argv[3]),
+    maxfun=150, journal=sys.argv[1], verify=False, workers=int(sys.argv[3]),
 )
 print(repr([result.fun, result.x, result.nit]))
 """
@@ -95,10 +95,9 @@ def test_a_run_killed_at_random_moments_loses_at_most_the_evaluations_in_flight(
 # fmt: off
 RUNS = [
     {},
-    {"polish": "cobyla"},
-    {"polish": "pattern", "constraints": [lambda x: x[0] - 0.4, lambda x: 1.1 - x[1]]},
+    {"constraints": [lambda x: x[0] - 0.4, lambda x: 1.1 - x[1]]},
     {"nonfinite": "infeasible", "constraints": lambda x: math.nan if x[1] > 3.9 else -1},
-    {"categories": [("a", math.nan, None)], "fit": 2},
+    {"categories": [("a", math.nan, None)]},
     {"callback": lambda result: result.nit == 33},
 ]
 # fmt: on
@@ -136,7 +135,7 @@ def test_a_run_taken_up_again_is_the_run_that_was_not_interrupted(options, path)
         for field in ("x", "fun", "status", "nfev", "nit", "funl", "message"):
             assert repr(result[field]) == repr(whole[field])
     recorded = Quenloft.read_journal(path).history
-    for field in ("polish_start", "names", "bounds", "goal"):
+    for field in ("names", "bounds", "goal"):
         assert getattr(recorded, field) == getattr(whole.history, field)
 
 

@@ -49,9 +49,9 @@ def test_the_package_runs_silently_on_the_standard_library_alone():
         import sys
         sys.modules.update(dict.fromkeys(["numpy", "scipy", "scipy.optimize", "tqdm.auto"]))
         import Quenloft
-        result = Quenloft.minimize(lambda x: x[0] ** 2, [(-1, 2)], maxfun=60, polish=True,
+        result = Quenloft.minimize(lambda x: x[0] ** 2, [(-1, 2)], maxfun=60,
                                    constraints=lambda x: -1, progress=True)
-        assert result.phases["polish"]["method"] == "pattern" and result.fun < 1e-6
+        assert result.fun < 1e-6
         assert "locals" in repr(result) and Quenloft.minimize_many([], progress=True) == []
     """
     done = subprocess.run([sys.executable, "-c", program], stderr=subprocess.PIPE, text=True)

@@ -23,7 +23,7 @@ def minimize(*args, **options):
 def test_it_serves_as_a_method_of_scipy(bounds):
     seen = []
     limits = [LinearConstraint([[1, 1]], 1, math.inf), {"type": "ineq", "fun": lambda x: x[1] + 1}]
-    options = {"polish": True, "maxfun": 900}
+    options = {"maxfun": 900}
     result = minimize(sphere, [0, 0], args=(0.25,), bounds=bounds, constraints=limits, tol=0.05,
                       callback=seen.append, options=options)  # fmt: skip
     assert type(result) is OptimizeResult and result.success

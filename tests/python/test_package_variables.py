@@ -104,7 +104,7 @@ def test_search_over_named_variables_stays_on_their_lattices():
         return (math.log10(x[0]) + 2) ** 2 + (x[1] - 7) ** 2 + x[2] + (choices[0] == "a")
 
     bounds = {name: BOUNDS[name] for name in ("rate", "stages", "width", "gravity", "solver")}
-    result = Quenloft.minimize(fun, bounds, maxfun=300, polish="pattern")
+    result = Quenloft.minimize(fun, bounds, maxfun=300)
     assert {type(x[1]) for x in seen} == {int} and {x[3] for x in seen} == {9.81}
     assert all(x[1] in range(1, 21) and x[2] * 4 in range(2, 13) for x in seen)
     assert result.categories == ("b",) and result.x in seen

@@ -49,7 +49,7 @@ class Problem:
         self.bounds = [(-1.0 - i / 10, 1.5 + number / 30) for i in range(dimension)]
         self.constraints = [Slope(level) for level in (0.6, 0.3)[: number % 3]]
         self.categories = [(), [(0, 1)], [(0, 1, 2), (5,)]][number // 4 % 3]
-        self.settings = {"spread": 9.0 + number % 5, "fit": 2 * (number % 7 == 0)}
+        self.settings = {"spread": 9.0 + number % 5}
         self.maxfun = 90 if self.categories else 45
         self.delay = delay
 
@@ -128,7 +128,6 @@ def test_the_trials_are_the_native_ones_on_workers_of_every_kind(number, executo
 @pytest.mark.parametrize(
     "options",
     [
-        {"polish": "pattern"},
         {"local_models": False},
         {"f_min": -0.3},
         {"min_radius": 0.2},

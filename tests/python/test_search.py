@@ -94,7 +94,7 @@ PROBLEMS = {
     "plain": {},
     "constraint": {"constraints": 1},
     "categories": {"categories": [["a", "bcd"], ["xy", "e"]]},
-    "settings": {"local_vs_global": 1.5, "spread": 8, "cross": 0.5, "fit": 1},
+    "settings": {"local_vs_global": 1.5, "spread": 8, "cross": 0.5},
 }
 
 
