@@ -10,7 +10,7 @@ Every finished run is written to runs.jsonl in the folder of results at once: th
 given again goes on where it was stopped. At the end the folder holds summary.json with versions,
 machine and all runs, and operating_characteristics.png.
 
-With --settings it searches for good settings of Quenloft instead: every combination of
+With --settings it searches for good settings without local models instead: every combination of
 --overestimation and --local-vs-global is a method.
 
 examples:
@@ -37,13 +37,7 @@ from sweep import command
 from sweep.provenance import markdown_provenance, provenance
 from sweep.tables import replace_block
 
-DEFAULT_METHODS = (
-    "quenloft",
-    "quenloft:overestimation=2.5,local_vs_global=0.3",
-    "quenloft:overestimation=3",
-    "quenloft:local_vs_global=1",
-    *methods.PEERS,
-)
+DEFAULT_METHODS = (methods.OWN, methods.PLAIN, *methods.PEERS)
 DEFAULT_OVERESTIMATION = (1.5, 2.0, 2.5, 3.0, 4.0)
 DEFAULT_LOCAL_VS_GLOBAL = (0.1, 0.3, 1.0)
 
@@ -81,7 +75,7 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         type=method_list,
         default=DEFAULT_METHODS,
         metavar="LIST",
-        help=f"of {', '.join(methods.PEERS)}, quenloft and quenloft:NAME=VALUE,... "
+        help=f"of {', '.join(methods.PEERS)}, quenloft, quenloft-plain and quenloft:NAME=VALUE,... "
         f"(default: {', '.join(DEFAULT_METHODS)})",
     )
     add(
@@ -129,7 +123,7 @@ def own_method(overestimation: float, local_vs_global: float) -> str:
     """The identifier with only those settings that are not the defaults."""
     changed = [("overestimation", overestimation, 2.0), ("local_vs_global", local_vs_global, 0.1)]
     text = ",".join(f"{name}={value:g}" for name, value, default in changed if value != default)
-    return f"{methods.OWN}:{text}" if text else methods.OWN
+    return f"{methods.PLAIN}:{text}" if text else methods.PLAIN
 
 
 def write_markdown(

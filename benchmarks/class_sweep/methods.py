@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 """The methods that are compared, each known by an identifier.
 
-``quenloft`` is the solver at its defaults, ``quenloft:overestimation=3,local_vs_global=1`` the
-solver with settings. The peers are used as their manuals recommend, with every rule that could
+``quenloft`` is the search at its defaults, ``quenloft-plain`` the search without local models, and
+``quenloft:overestimation=3,local_vs_global=1`` the search with settings. The peers are used as their manuals recommend, with every rule that could
 stop them before the budget is used up turned off. Each is stopped at a solved function in the way
 that it allows.
 """
@@ -11,37 +11,39 @@ from __future__ import annotations
 
 import contextlib
 import importlib
-import math
 from typing import Any, Callable
 
-from _Quenloft import Problem
+import Quenloft
 from sweep.nlopt_import import import_nlopt
 
 from .functions import FunctionClass, Objective
 
 OWN = "quenloft"
+PLAIN = "quenloft-plain"
+_OWN_LABELS = {OWN: "Quenloft", PLAIN: "Quenloft without local models"}
 Settings = dict[str, Any]
 
 
 def settings_of(method: str) -> Settings:
-    """The keywords of `Problem.Minimize` in an identifier of our own method."""
-    _, _, text = method.partition(":")
-    settings: Settings = {}
+    """The keywords of `Quenloft.Search` in an identifier of our own method."""
+    name, _, text = method.partition(":")
+    settings: Settings = {"local_models": False} if name == PLAIN else {}
     for item in filter(None, text.split(",")):
         name, equals, value = item.partition("=")
         if not equals:
             raise ValueError(f"{item!r} in {method!r} is not of the form name=value")
-        settings[name.strip()] = int(value) if name.strip() == "fit" else float(value)
+        settings[name.strip()] = float(value)
     return settings
 
 
 def _quenloft(
     function_class: FunctionClass, number: int, budget: int, settings: Settings
 ) -> Objective:
-    # A search ends quietly, with a result, at a value that is not finite.
-    objective = Objective(function_class, number, budget, lambda: math.nan)
-    flat = [limit for pair in function_class.bounds for limit in pair]
-    Problem(bounds=flat, target=objective).Minimize(stop_tests=budget, **settings)
+    objective = Objective(function_class, number, budget, lambda: 0.0)
+    search = Quenloft.Search(function_class.bounds, **settings)
+    while objective.solved_at is None and objective.count < budget:
+        (point,) = search.ask()
+        search.tell(point, objective(point.x))
     return objective
 
 
@@ -119,14 +121,18 @@ def label(method: str) -> str:
     if method in _PEERS:
         return _PEERS[method][0]
     settings = settings_of(method)
-    return "Quenloft" + "".join(f", {name} {value:g}" for name, value in settings.items())
+    settings.pop("local_models", None)
+    return _OWN_LABELS[method.partition(":")[0]] + "".join(
+        f", {name} {value:g}" for name, value in settings.items()
+    )
 
 
 def check(method: str) -> str:
     """The identifier itself, if there is such a method; else raises ValueError."""
     if method not in _PEERS:
-        if method.partition(":")[0] != OWN:
-            raise ValueError(f"no method {method!r}; there are {OWN}, {', '.join(PEERS)}")
+        if method.partition(":")[0] not in _OWN_LABELS:
+            known = ", ".join((*_OWN_LABELS, *PEERS))
+            raise ValueError(f"no method {method!r}; there are {known}")
         settings_of(method)
     return method
 

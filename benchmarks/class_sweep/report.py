@@ -12,7 +12,7 @@ from typing import Any, Iterable, Optional, Sequence
 from sweep.tables import markdown_table, plain_table
 
 from .functions import CLASSES
-from .methods import OWN, label
+from .methods import OWN, PLAIN, label
 from .runs import Run
 
 # Mean trials reported for the classes (Sergeyev and Kvasov 2006), where all 100 functions were
@@ -164,7 +164,7 @@ def markdown_settings(summaries: Sequence[Summary]) -> str:
     """
     rows = []
     for class_name, group in _by_class(summaries).items():
-        default = next((s for s in group if s.method == OWN), None)
+        default = next((s for s in group if s.method == PLAIN), None)
         best = best_of(group)
         rows.append(
             (
@@ -183,7 +183,7 @@ def markdown_settings(summaries: Sequence[Summary]) -> str:
             f"{ratio:.2f}",
         )
         for place, (method, solved, ratio) in enumerate(rank_settings(summaries))
-        if place < 10 or method == OWN
+        if place < 10 or method == PLAIN
     ]
     return (
         markdown_table(headings, rows, words=2)
@@ -262,7 +262,7 @@ def plot(path: Path, runs: Sequence[Run]) -> None:
             first = min(first, solved[0])
             trials = [solved[0], *solved, group[0].task.budget]
             shares = [k / len(group) for k in (*range(len(solved) + 1), len(solved))]
-            own = method.partition(":")[0] == OWN
+            own = method.partition(":")[0] in (OWN, PLAIN)
             # Told apart without colours: own methods are solid, each other has its dashes and mark.
             style = {"linewidth": 2.2} if own else {"linewidth": 1.1, "linestyle": DASHES[i % 4]}
             panel.step(

@@ -43,7 +43,7 @@ def test_a_function_is_solved_near_its_minimizer_in_every_coordinate(budget, sol
     assert objective.solved_at == solved_at
 
 
-@pytest.mark.parametrize("method", ["quenloft", "quenloft:fit=1", *methods.PEERS])
+@pytest.mark.parametrize("method", ["quenloft", "quenloft-plain:spread=9", *methods.PEERS])
 def test_every_method_stops_when_the_function_is_solved_or_the_budget_used_up(method):
     try:
         methods.prepare(method)
@@ -60,7 +60,7 @@ def test_every_method_stops_when_the_function_is_solved_or_the_budget_used_up(me
 def test_the_defaults_solve_the_whole_class_in_few_trials():
     done = [runs.execute(task) for task in tasks(100)]
     (summary,) = report.summarise(done)
-    assert summary.solved == 100 and 115 < summary.mean < 130 and summary.maximum < 400
+    assert summary.solved == 100 and 80 < summary.mean < 105 and summary.maximum < 400
 
 
 # ---- Many runs
