@@ -155,15 +155,9 @@ def main(arguments: Optional[list[str]] = None) -> int:
     arguments = sys.argv[1:] if arguments is None else arguments
     options = parse_arguments(arguments)
     tasks = tasks_of(options)
-    path = options.out / "runs.jsonl"
-    try:
-        if options.report:
-            done = runs.finished(tasks, path)
-        else:
-            done = runs.run_all(tasks, options.workers, path=path, progress=not options.quiet)
-    except KeyboardInterrupt:
-        print(f"Stopped; the same command goes on from {path}.", file=sys.stderr)
-        return 130
+    done = command.runs_of(runs, tasks, options)
+    if done is None:
+        return command.STOPPED
     summaries = report.summarise(done)
     print(report.terminal_table(summaries))
     origin = {"command": command.command_line("classes.py", arguments), **provenance()}

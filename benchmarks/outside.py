@@ -145,15 +145,9 @@ def main(arguments: Optional[list[str]] = None) -> int:
     if not outside_problems.load(outside_problems.bbob.KINDS):
         print("Left out: BBOB (ioh is missing).", file=sys.stderr)
     tasks = runs.tasks_of(problems, installed(names), options.seeds, options.budget)
-    path = options.out / "runs.jsonl"
-    try:
-        if options.report:
-            done = runs.finished(tasks, path)
-        else:
-            done = runs.run_all(tasks, options.workers, path=path, progress=not options.quiet)
-    except KeyboardInterrupt:
-        print(f"Stopped; the same command goes on from {path}.", file=sys.stderr)
-        return 130
+    done = command.runs_of(runs, tasks, options)
+    if done is None:
+        return command.STOPPED
     for title, (headings, rows) in report.tables(done):
         print(f"{title}\n{plain_table(headings, rows)}\n")
     for failure, count in report.failures(done).items():

@@ -6,8 +6,9 @@ from __future__ import annotations
 import argparse
 import importlib
 import shlex
+import sys
 from pathlib import Path
-from typing import Callable, TypeVar
+from typing import Any, Callable, Optional, Sequence, TypeVar
 
 from .runs import Workers
 
@@ -64,3 +65,22 @@ def add_common(parser: argparse.ArgumentParser, out: Path) -> None:
 
 def command_line(script: str, arguments: list[str]) -> str:
     return shlex.join(["python", f"benchmarks/{script}", *arguments])
+
+
+#: The exit code of a benchmark that Ctrl-C ended.
+STOPPED = 130
+
+
+def runs_of(kind: Any, tasks: Sequence[Any], options: argparse.Namespace) -> Optional[list[Any]]:
+    """The runs of the tasks, done now or, with --report, before; None after Ctrl-C.
+
+    `kind` has the functions `run_all` and `finished` for its kind of run.
+    """
+    path = options.out / "runs.jsonl"
+    if options.report:
+        return list(kind.finished(tasks, path))
+    try:
+        return list(kind.run_all(tasks, options.workers, path=path, progress=not options.quiet))
+    except KeyboardInterrupt:
+        print(f"Stopped; the same command goes on from {path}.", file=sys.stderr)
+        return None

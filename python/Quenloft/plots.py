@@ -801,17 +801,7 @@ def _draw_histogram(ax: Any, view: _View, trials: Sequence[int], variable: int) 
 def _draw_along(ax: Any, view: _View, trials: Sequence[int], variable: int) -> None:
     drawn = view.drawn(trials)
     x, values = view.column(variable, drawn), view.values(drawn)
-    ax.scatter(
-        x,
-        values,
-        c=[i + 1 for i in drawn],
-        cmap=_ORDER,
-        s=10.0,
-        linewidths=0,
-        vmin=1,
-        vmax=len(view.history),
-        zorder=2,
-    )
+    _scatter_in_order(ax, view, x, values, drawn)
     if len(view.varying()) > 1 or view.history.choices:
         for left, right, value in _lowest(view, variable, drawn):
             ax.plot([left, right], [value, value], color="0.3", zorder=3)
@@ -865,6 +855,15 @@ def _lowest(
     return [(ends[part], ends[part + 1], lowest[part]) for part in sorted(lowest)]
 
 
+def _scatter_in_order(
+    ax: Any, view: _View, x: Sequence[float], y: Sequence[float], trials: Sequence[int]
+) -> None:
+    """Dots coloured by when the trials were made."""
+    order = [i + 1 for i in trials]
+    last = len(view.history)
+    ax.scatter(x, y, c=order, cmap=_ORDER, s=10.0, linewidths=0, vmin=1, vmax=last, zorder=2)
+
+
 def _draw_choices(ax: Any, view: _View, variable: int) -> None:
     """One column for each choice: its trials, spread by their order, and the lowest."""
     history = view.history
@@ -875,17 +874,8 @@ def _draw_choices(ax: Any, view: _View, variable: int) -> None:
     values = view.values(drawn)
     chosen = [columns[i][which] for i in drawn]
     spread = [0.5 * i / max(1, len(history) - 1) - 0.25 for i in drawn]
-    ax.scatter(
-        [choice + offset for choice, offset in zip(chosen, spread)],
-        values,
-        c=[i + 1 for i in drawn],
-        cmap=_ORDER,
-        s=10.0,
-        linewidths=0,
-        vmin=1,
-        vmax=len(history),
-        zorder=2,
-    )
+    x = [choice + offset for choice, offset in zip(chosen, spread)]
+    _scatter_in_order(ax, view, x, values, drawn)
     for choice in sorted(set(chosen)):
         lowest = min(value for value, other in zip(values, chosen) if other == choice)
         ax.plot([choice - 0.35, choice + 0.35], [lowest] * 2, color="0.3", zorder=3)
