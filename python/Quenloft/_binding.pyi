@@ -33,8 +33,12 @@ class Search:
         has_hidden_constraint: bool,
         has_local_models: bool,
         parameters: tuple[float, float, float, float, float],
-        # Coordinates, positions of the choices, value, constraints.
-        known: Sequence[tuple[Sequence[float], Sequence[int], Optional[float], Sequence[float]]],
+        # Coordinates, positions of the choices, value, constraints, whether it failed.
+        known: Sequence[
+            tuple[Sequence[float], Sequence[int], Optional[float], Sequence[float], bool]
+        ],
+        # Coordinates, positions of the choices.
+        wanted: Sequence[tuple[Sequence[float], Sequence[int]]],
     ) -> None: ...
     def ask(self, count: int) -> list[_Point]: ...
     def tell(

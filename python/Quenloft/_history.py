@@ -140,6 +140,8 @@ class History:
         self.bounds: tuple[tuple[float, float], ...] = ()
         self.logarithmic: tuple[int, ...] = ()
         self.integers: tuple[int, ...] = ()
+        #: How many trials, the first ones, were known beforehand.
+        self.known = 0
         self._growing = True
         self._x = array("d")
         self._category = array("i")

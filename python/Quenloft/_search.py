@@ -11,6 +11,7 @@ from typing import Any, Iterable, NamedTuple, Optional, Sequence, Union
 from . import _variables as variable_forms
 from ._binding import NO_LIMIT, Search as Core
 from ._history import History
+from ._known import Known, known_points, wanted_points
 from ._observation import as_number
 from ._result import LocalMinimum, OptimizeResult, Status
 from ._settings import Settings, whole_number
@@ -65,7 +66,7 @@ class Trials(NamedTuple):
     constraints: memoryview
     #: The `Point.id` of each trial.
     id: memoryview
-    #: 2: by a local step; 64: inserted, as known points are; else 0.
+    #: 2: by a local step; 64: inserted, as `known` and `x0` are; else 0.
     kind: memoryview
 
 
@@ -87,10 +88,8 @@ class Search:
         How many constraints there are. A point is feasible when all are <= 0.
     hidden_constraint : bool
         Whether evaluations may fail: that they do not is one more constraint, the last.
-    known : sequence, optional
-        Points with known values: pairs ``(point, value)``, or triples ``(point, value,
-        constraints)``. They are trials from the start, after the initial ones, and do not count
-        for `maxfun`.
+    x0, known
+        See `minimize`. Points of `x0` are handed out first.
     maxfun : int, optional
         Most trials; nothing is asked for beyond them. No limit by default.
     local_models : bool
@@ -124,7 +123,8 @@ class Search:
         names: Optional[Sequence[str]] = None,
         logarithmic: Sequence[int] = (),
         hidden_constraint: bool = True,
-        known: Iterable[Any] = (),
+        x0: Any = None,
+        known: Any = (),
         maxfun: Optional[float] = None,
         local_models: bool = True,
         overestimation: Optional[float] = None,
@@ -148,7 +148,8 @@ class Search:
             whole_number("constraints", constraints, 0),
             bool(hidden_constraint),
             bool(local_models),
-            _known(variables, known),
+            known_points(variables, constraints, bool(hidden_constraint), known),
+            wanted_points(variables, x0),
         )
         self.maxfun = maxfun
 
@@ -161,18 +162,14 @@ class Search:
         local_models: bool,
         constraints: int = 0,
         hidden_constraint: bool = True,
-        known: Iterable[Any] = (),
+        known: Sequence[Known] = (),
+        wanted: Sequence[Any] = (),
         maxfun: Optional[float] = None,
     ) -> Search:
-        """A search over variables and with settings that are checked already."""
+        """A search over variables, with settings and from points that are checked already."""
         search = cls.__new__(cls)
         search._set_up(
-            variables,
-            settings,
-            constraints,
-            hidden_constraint,
-            local_models,
-            _known(variables, known),
+            variables, settings, constraints, hidden_constraint, local_models, known, wanted
         )
         search.maxfun = maxfun
         return search
@@ -184,7 +181,8 @@ class Search:
         constraints: int,
         hidden_constraint: bool,
         local_models: bool,
-        known: list[Any],
+        known: Sequence[Known],
+        wanted: Sequence[Any],
         core: Optional[Core] = None,
     ) -> None:
         self._variables = variables
@@ -193,6 +191,7 @@ class Search:
         self._hidden_constraint = hidden_constraint
         self._local_models = local_models
         self._known = known
+        self._wanted = wanted
         self._choices = variables.choices
         # A search without trials has the length 0, and counts as false.
         self._core = (
@@ -215,6 +214,7 @@ class Search:
                     settings.cross,
                 ),
                 known,
+                wanted,
             )
         )
 
@@ -396,6 +396,7 @@ class Search:
         history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
         history.integers = variables.integers
         trials = self.trials
+        history.known = len(self._known)
         history.adopt(
             _flat(trials.x),
             _flat(trials.category),
@@ -461,7 +462,7 @@ class Search:
             status=status,
             **fields,
             nfev=len(history) + len(surplus) - len(self._known),
-            nit=len(history),
+            nit=len(history) - history.known,
             locals=minima,
             xl=[minimum.x for minimum in minima],
             funl=[minimum.fun for minimum in minima],
@@ -490,6 +491,7 @@ class Search:
                 self._hidden_constraint,
                 self._local_models,
                 self._known,
+                self._wanted,
             ),
             "saved": self._core.save(),
         }
@@ -510,6 +512,7 @@ class Search:
             self._hidden_constraint,
             self._local_models,
             self._known,
+            self._wanted,
             core,
         )
         return other
@@ -547,22 +550,6 @@ def _count(name: str, value: int) -> int:
     if not 0 <= count < 2**31:
         raise ValueError(f"{name} must be from 0 to {2**31 - 1}, not {count}")
     return count
-
-
-def _known(variables: Variables, known: Iterable[Any]) -> list[Any]:
-    """Known points, checked: coordinates, positions of the choices, value, constraints."""
-    points = []
-    for i, item in enumerate(known):
-        label = f"known[{i}]"
-        if not isinstance(item, (tuple, list)) or len(item) not in (2, 3):
-            raise TypeError(f"{label} must be (point, value) or (point, value, constraints)")
-        given, value, *rest = item
-        x, category = variables.point(given, label)
-        chosen = variables.chosen(category)
-        number = None if value is None else as_number(label, value, x, chosen)
-        limits = [as_number(label, limit, x, chosen) for limit in (rest[0] if rest else ())]
-        points.append((x, category, number, limits))
-    return points
 
 
 def _flat(column: memoryview) -> Any:

@@ -292,7 +292,7 @@ class Variables:
             if missing:
                 raise ValueError(f"{label} has no value for {', '.join(missing)}")
             values = [given.get(name, value) for name, value in zip(self.names, only)]
-        elif _is_sequence(given):
+        elif is_sequence(given):
             values = list(given)
         else:
             raise TypeError(f"{label} must be a sequence or a mapping of values, not {given!r}")
@@ -412,7 +412,7 @@ def _name(name: Any) -> str:
 
 
 def _sides(name: str, side: Any) -> tuple[Any, ...]:
-    if not _is_sequence(side):
+    if not is_sequence(side):
         raise TypeError(
             f"bounds of {name} must be a tuple (lower, upper) or a list of choices, not {side!r}"
         )
@@ -433,7 +433,7 @@ def _pairs(bounds: Any) -> list[tuple[Any, ...]]:
         raise TypeError(
             f"bounds must be a sequence of pairs, not {type(bounds).__name__}"
         ) from None
-    if items and not any(_is_sequence(item) for item in items):
+    if items and not any(is_sequence(item) for item in items):
         if len(items) % 2:
             raise ValueError(
                 "flat bounds must be lower, upper, lower, upper, ...: "
@@ -441,13 +441,13 @@ def _pairs(bounds: Any) -> list[tuple[Any, ...]]:
             )
         return list(zip(items[::2], items[1::2]))
     for i, item in enumerate(items):
-        if not _is_sequence(item):
+        if not is_sequence(item):
             raise TypeError(f"bounds of x[{i}] must be a pair (lower, upper), not {item!r}")
     return [tuple(item) for item in items]
 
 
 def _from_sides(lb: Any, ub: Any) -> list[tuple[Any, ...]]:
-    lower, upper = (list(side) if _is_sequence(side) else [side] for side in (lb, ub))
+    lower, upper = (list(side) if is_sequence(side) else [side] for side in (lb, ub))
     count = max(len(lower), len(upper))
     lower, upper = (side * count if len(side) == 1 else side for side in (lower, upper))
     if len(lower) != len(upper):
@@ -455,7 +455,7 @@ def _from_sides(lb: Any, ub: Any) -> list[tuple[Any, ...]]:
     return list(zip(lower, upper))
 
 
-def _is_sequence(item: Any) -> bool:
+def is_sequence(item: Any) -> bool:
     # An array of no dimension has the method and refuses the call.
     try:
         iter(item)
@@ -564,14 +564,14 @@ def _lattice_size(
 def _choices(
     categories: Iterable[Iterable[Any]], names: Sequence[str] = ()
 ) -> tuple[tuple[Any, ...], ...]:
-    if not _is_sequence(categories):
+    if not is_sequence(categories):
         raise TypeError(
             f"categories must be a sequence of sequences of choices, not {categories!r}"
         )
     choices = []
     for i, variable in enumerate(categories):
         label = names[i] if names else f"categories[{i}]"
-        if not _is_sequence(variable):
+        if not is_sequence(variable):
             raise TypeError(f"{label} must be a sequence of choices, not {variable!r}")
         choices.append(tuple(variable))
         if not choices[-1]:

@@ -155,14 +155,17 @@ nb::list Ask(Search& search, std::size_t count) {
 using VariableTuple = std::tuple<double, double, bool, bool, std::uint64_t>;
 // overestimation, overestimation_local, local_vs_global, spread, cross
 using ParametersTuple = std::tuple<double, double, double, double, double>;
-// x, positions of the choices, value, constraints
+// x, positions of the choices, value, constraints, whether it failed
 using KnownTuple = std::tuple<std::vector<double>, std::vector<std::int32_t>, std::optional<double>,
-                              std::vector<double>>;
+                              std::vector<double>, bool>;
+// x, positions of the choices
+using WantedTuple = std::tuple<std::vector<double>, std::vector<std::int32_t>>;
 
 Problem ToProblem(const std::vector<VariableTuple>& variables,
                   std::vector<std::int32_t> category_sizes, std::uint32_t constraint_count,
                   bool has_hidden_constraint, bool has_local_models,
-                  const ParametersTuple& parameters, const std::vector<KnownTuple>& known) {
+                  const ParametersTuple& parameters, const std::vector<KnownTuple>& known,
+                  const std::vector<WantedTuple>& wanted) {
   Problem problem;
   for (const auto& [lower, upper, is_logarithmic, is_integer, count] : variables) {
     problem.variables.push_back({lower, upper, is_logarithmic, is_integer, count});
@@ -174,10 +177,11 @@ Problem ToProblem(const std::vector<VariableTuple>& variables,
   auto& [overestimation, overestimation_local, local_vs_global, spread, cross, fit, reserve] =
       problem.parameters;
   std::tie(overestimation, overestimation_local, local_vs_global, spread, cross) = parameters;
-  for (const auto& [x, categories, value, constraints] : known) {
-    Outcome outcome = QuenloftSearch::MakeOutcome(problem, value, constraints, false);
+  for (const auto& [x, categories, value, constraints, has_failed] : known) {
+    Outcome outcome = QuenloftSearch::MakeOutcome(problem, value, constraints, has_failed);
     problem.known.push_back({x, categories, std::move(outcome)});
   }
+  for (const auto& [x, categories] : wanted) problem.wanted.push_back({x, categories});
   return problem;
 }
 
@@ -264,14 +268,14 @@ NB_MODULE(_binding, m) {  // NOLINT(performance-unnecessary-value-param)
           [](Search* self, const std::vector<VariableTuple>& variables,
              std::vector<std::int32_t> category_sizes, std::uint32_t constraint_count,
              bool has_hidden_constraint, bool has_local_models, const ParametersTuple& parameters,
-             const std::vector<KnownTuple>& known) {
-            new (self)
-                Search(ToProblem(variables, std::move(category_sizes), constraint_count,
-                                 has_hidden_constraint, has_local_models, parameters, known));
+             const std::vector<KnownTuple>& known, const std::vector<WantedTuple>& wanted) {
+            new (self) Search(ToProblem(variables, std::move(category_sizes), constraint_count,
+                                        has_hidden_constraint, has_local_models, parameters, known,
+                                        wanted));
           },
           nb::arg("variables"), nb::arg("category_sizes"), nb::arg("constraint_count"),
           nb::arg("has_hidden_constraint"), nb::arg("has_local_models"), nb::arg("parameters"),
-          nb::arg("known"))
+          nb::arg("known"), nb::arg("wanted"))
       .def("ask", &Ask, nb::arg("count"))
       .def("tell", &Tell, nb::arg("id"), nb::arg("x"), nb::arg("value").none(),
            nb::arg("constraints"), nb::arg("has_failed"), nb::arg("advances"))

@@ -78,6 +78,10 @@ void Check(const Problem& problem) {
     space.CombinationOf(known.categories);
     Check(problem, known.outcome);
   }
+  for (const WantedPoint& wanted : problem.wanted) {
+    if (!space.Contains(wanted.x)) Refuse("a wanted point must be a point of the problem");
+    space.CombinationOf(wanted.categories);
+  }
 }
 
 void Check(const Problem& problem, const Outcome& outcome) {

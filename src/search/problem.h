@@ -47,6 +47,12 @@ struct KnownPoint {
   Outcome outcome;
 };
 
+// A point that the caller wants evaluated.
+struct WantedPoint {
+  std::vector<double> x;
+  std::vector<std::int32_t> categories;
+};
+
 struct Problem {
   // From 1 to 32 that are not fixed.
   std::vector<Variable> variables;
@@ -59,8 +65,9 @@ struct Problem {
   QuenloftSolver::SearchParameters parameters;
   // Whether local models share the search; without them its trials are the engine's.
   bool has_local_models = true;
-  // Trials from the start, in this order, after the initial ones.
+  // The first trials, in this order: those known, then those wanted.
   std::vector<KnownPoint> known;
+  std::vector<WantedPoint> wanted;
 
   // The index of a trial at which everything holds.
   std::int32_t Goal() const {

@@ -46,6 +46,7 @@ Proposer::Proposer(const Definition& definition)
       log_(solver_->Dimension(), definition.function_count),
       state_{0,
              0,
+             0,
              std::nullopt,
              false,
              LocalModels(solver_->Dimension(), definition.batch),
@@ -73,6 +74,13 @@ void Proposer::Rollback() {
   if (!saved_) return;
   solver_->Rollback();
   log_.Truncate(saved_trials_);
+  if (saved_->initial_taken < InitialCount()) {
+    for (std::uint32_t trial = 0; trial < saved_->begun; ++trial) {
+      if (log_.EnginePosition(trial) >= solver_->TestCount()) {
+        log_.SetEnginePosition(trial, TrialLog::kNotInEngine);
+      }
+    }
+  }
   state_ = std::move(*saved_);
   saved_.reset();
 }
@@ -111,15 +119,50 @@ bool Proposer::Accept(const TestValue& value, const double* point, const double*
   const std::uint32_t position = solver_->TestCount();
   solver_->Accept(value, point);
   state_.is_global_pending = false;
-  if (state_.initial_taken < InitialCount()) {
-    ++state_.initial_taken;
-  } else {
+  const bool is_initial = state_.initial_taken < InitialCount();
+  if (!is_initial) {
     state_.local_credit += LocalShare();
     state_.local_due = static_cast<int>(state_.local_credit);
     state_.local_credit -= state_.local_due;
   }
-  return Append(point != nullptr ? point : proposed.data(), proposal.combination, value, functions,
-                position);
+  const bool is_best = Append(point != nullptr ? point : proposed.data(), proposal.combination,
+                              value, functions, position);
+  if (is_initial) TakeInitial();
+  return is_best;
+}
+
+void Proposer::Begin(const double* point, std::uint32_t combination, const TestValue& value,
+                     const double* functions) {
+  Append(point, combination, value, functions, TrialLog::kNotInEngine);
+  ++state_.begun;
+}
+
+void Proposer::TakeBegun(std::size_t trial, const double* point) {
+  const auto number = static_cast<std::uint32_t>(trial);
+  solver_->Propose();
+  log_.SetEnginePosition(number, solver_->TestCount());
+  solver_->Accept(log_.Value(number), point);
+  state_.is_global_pending = false;
+  TakeInitial();
+}
+
+bool Proposer::IsInEngine(std::size_t trial) const {
+  return log_.EnginePosition(static_cast<std::uint32_t>(trial)) != TrialLog::kNotInEngine;
+}
+
+// Counts an initial point. After the last one the engine is told of the trials that precede
+// them; one that coincides with a trial of the engine stays with the models.
+void Proposer::TakeInitial() {
+  if (++state_.initial_taken < InitialCount()) return;
+  for (std::uint32_t trial = 0; trial < state_.begun; ++trial) {
+    if (IsInEngine(trial)) continue;
+    const double* point = log_.Point(trial);
+    const std::uint32_t anchor = solver_->Nearest(point, log_.Combination(trial));
+    const double* near = solver_->GetTest(anchor)->Coordinate();
+    if (std::equal(point, point + log_.Dimension(), near)) continue;
+    log_.SetEnginePosition(trial,
+                           InsertEngine(point, log_.Combination(trial), log_.Value(trial), anchor));
+  }
 }
 
 // Local trials after a step of the engine, while the models have any to offer: as many as
@@ -176,7 +219,7 @@ void Proposer::Discard() {
   }
   solver_->Discard();
   state_.is_global_pending = false;
-  if (state_.initial_taken < InitialCount()) ++state_.initial_taken;
+  if (state_.initial_taken < InitialCount()) TakeInitial();
 }
 
 // Writes down a trial that is the engine's already. True when it is the best one.
@@ -203,6 +246,7 @@ std::uint32_t Proposer::Kind(std::size_t trial) const {
 double Proposer::Radius(std::size_t trial) const {
   const auto number = static_cast<std::uint32_t>(trial);
   std::uint32_t position = log_.EnginePosition(number);
+  if (state_.initial_taken < InitialCount()) return std::numeric_limits<double>::infinity();
   if (position == TrialLog::kNotInEngine) {
     position = solver_->Nearest(log_.Point(number), log_.Combination(number));
   }

@@ -61,6 +61,14 @@ class Proposer {
   bool Insert(const double* point, std::uint32_t combination,
               const QuenloftSolver::TestValue& value, std::uint32_t anchor,
               const double* functions = nullptr);
+  // Writes down a trial that precedes the initial ones. The engine is told of it when these
+  // are complete, unless one of them is at this very point: then TakeBegun accepts the
+  // proposed point with the outcome of that trial, instead of a trial of its own.
+  void Begin(const double* point, std::uint32_t combination, const QuenloftSolver::TestValue& value,
+             const double* functions = nullptr);
+  void TakeBegun(std::size_t trial, const double* point = nullptr);
+  // Whether the engine was told of a trial.
+  bool IsInEngine(std::size_t trial) const;
   // Whether the proposed point is of a local model, and the value that the model expects.
   bool IsLocal() const { return state_.local.has_value(); }
   double Expected() const { return state_.local->expected; }
@@ -78,7 +86,8 @@ class Proposer {
   std::size_t Best() const { return state_.best; }
   // Bits of TestBase::Flag: kFromLocalStep, kFromFit, kInserted.
   std::uint32_t Kind(std::size_t trial) const;
-  // Distance to the farthest neighbour in the unit box, of a trial and of the best one.
+  // Distance to the farthest neighbour in the unit box, of a trial and of the best one;
+  // infinity before the initial trials are complete.
   double Radius(std::size_t trial) const;
   double BestRadius() const;
   // The trials that are local minima, ascending by value: the lowest distinct values, each
@@ -97,6 +106,7 @@ class Proposer {
   };
   // All that is not the engine's or the list of trials.
   struct State {
+    std::uint32_t begun = 0;          // trials that precede the initial ones
     std::uint32_t initial_taken = 0;  // initial points accepted or discarded
     std::uint32_t best = 0;
     std::optional<LocalProposal> local;
@@ -118,6 +128,7 @@ class Proposer {
   bool Append(const double* point, std::uint32_t combination,
               const QuenloftSolver::TestValue& value, const double* functions,
               std::uint32_t position);
+  void TakeInitial();
   std::uint32_t InsertEngine(const double* point, std::uint32_t combination,
                              const QuenloftSolver::TestValue& value, std::uint32_t anchor);
 

@@ -52,6 +52,7 @@ class Search::Lookahead {
  public:
   explicit Lookahead(Search& search)
       : search_(search),
+        steps_(search.start_ids_.size() - search.next_start_),
         current_(search.current_),
         is_exhausted_(search.is_exhausted_),
         initial_taken_(search.initial_taken_),
@@ -82,11 +83,12 @@ class Search::Lookahead {
 
  private:
   Search& search_;
+  std::size_t
+      steps_;  // since the search's trials, the points that precede the initial ones included
   std::optional<Candidate> current_;
   const bool is_exhausted_;
   const std::uint32_t initial_taken_;
   const std::uint64_t next_filler_;
-  std::size_t steps_ = 0;
   std::vector<PointKey> added_;
 };
 
@@ -99,7 +101,14 @@ Search::Search(Problem problem)
       constraints_(problem_.constraint_count),
       worst_(static_cast<std::size_t>(problem_.Goal())) {
   for (const KnownPoint& known : problem_.known) {
-    known_ids_.push_back(Supply(known.x, known.categories, known.outcome).id);
+    start_ids_.push_back(Supply(known.x, known.categories, known.outcome).id);
+  }
+  known_count_ = start_ids_.size();
+  while (next_start_ < known_count_) TakeStart();
+  for (const WantedPoint& wanted : problem_.wanted) {
+    PointKey key{wanted.x, space_.CombinationOf(wanted.categories)};
+    space_.Snap(key.x);
+    if (FindOpen(key) == nullptr) start_ids_.push_back(Open(key).point.id);
   }
 }
 
@@ -112,14 +121,15 @@ Search::Search(const Search& other)
       current_(other.current_),
       is_exhausted_(other.is_exhausted_),
       initial_taken_(other.initial_taken_),
-      inserted_count_(other.inserted_count_),
       on_lattice_(other.on_lattice_),
       next_filler_(other.next_filler_),
       next_id_(other.next_id_),
       open_(other.open_),
       open_ids_(other.open_ids_),
-      known_ids_(other.known_ids_),
-      next_known_(other.next_known_),
+      start_ids_(other.start_ids_),
+      known_count_(other.known_count_),
+      next_start_(other.next_start_),
+      start_rows_(other.start_rows_),
       x_(other.x_),
       categories_(other.categories_),
       index_(other.index_),
@@ -144,11 +154,16 @@ std::vector<Point> Search::Ask(std::size_t count) {
   std::vector<Point> points;
   if (count == 0 || IsAtLimit()) return points;
   const auto hand_out = [&points](OpenPoint& open) {
-    if (open.is_pending) return;
+    if (open.is_pending || open.outcome) return;
     points.push_back(open.point);
     open.is_pending = true;
   };
   try {
+    for (std::size_t i = next_start_; i < start_ids_.size(); ++i) {
+      if (points.size() == count || IsAtLimit(i - next_start_)) return points;
+      hand_out(open_.at(start_ids_[i]));
+    }
+    if (points.size() == count) return points;
     // One worker needs no look-ahead, which costs more than a step.
     if (const Candidate* wanted = Current()) hand_out(Open(wanted->key));
     if (points.size() == count) return points;
@@ -291,6 +306,10 @@ std::vector<Point> Search::Needed() const {
     if (open != nullptr && open->is_pending) points.push_back(open->point);
   };
   if (is_exhausted_ || IsAtLimit()) return points;
+  for (std::size_t i = next_start_; i < start_ids_.size(); ++i) {
+    const OpenPoint& open = open_.at(start_ids_[i]);
+    if (open.is_pending) points.push_back(open.point);
+  }
   const std::uint32_t initial_count = proposer_->InitialCount();
   for (std::uint32_t i = initial_taken_; i < initial_count; ++i) {
     add(CandidateAt(proposer_->Initial(i)).key);
@@ -328,8 +347,10 @@ void Search::Restore(const State& state) {
     open_ids_.insert_or_assign(KeyOf(open.point), open.point.id);
   };
   next_id_ = state.next_id;
-  for (const auto& [point, outcome] : state.trials) {
-    if (open_.count(point.id) == 0) add({point, false, outcome});
+  for (std::size_t i = known_count_; i < state.trials.size(); ++i) {
+    const auto& [point, outcome] = state.trials[i];
+    const auto found = open_.find(point.id);
+    if (found == open_.end() || !found->second.outcome) add({point, false, outcome});
     if (!Step() || id_[id_.Rows() - 1] != point.id) {
       throw std::invalid_argument("these are not the trials of this search");
     }
@@ -339,8 +360,8 @@ void Search::Restore(const State& state) {
 
 // Makes one trial, if the value is there.
 bool Search::Step() {
-  if (initial_taken_ == proposer_->InitialCount() && InsertKnown()) return true;
   if (IsAtLimit()) return false;
+  if (next_start_ < start_ids_.size()) return TakeStart();
   const Candidate* wanted = Current();
   if (wanted == nullptr) return false;
   const auto found = open_ids_.find(wanted->key);
@@ -353,27 +374,23 @@ bool Search::Step() {
   return true;
 }
 
-// Inserts the next of the points known beforehand. One that was a trial is not among them;
-// one that coincides with a trial in the engine's box stays surplus.
-bool Search::InsertKnown() {
-  const SolverBase& solver = proposer_->Solver();
-  for (; next_known_ < known_ids_.size(); ++next_known_) {
-    const auto known = open_.find(known_ids_[next_known_]);
-    if (known == open_.end()) continue;
-    const auto found = open_ids_.find(KeyOf(known->second.point));
-    const PointKey& key = found->first;
-    const std::vector<double> unit = space_.Encode(key.x);
-    const std::uint32_t nearest = solver.Nearest(unit.data(), key.combination);
-    if (std::equal(unit.begin(), unit.end(), solver.GetTest(nearest)->Coordinate())) continue;
-    ReserveRow();
-    if (space_.HasLattice()) on_lattice_.insert(key);
-    proposer_->Insert(unit.data(), key.combination, EngineValue(*known->second.outcome), nearest);
-    ++next_known_;
-    ++inserted_count_;
-    TakeRow(found);
-    return true;
-  }
-  return false;
+// Makes a trial of the next of the points that precede the initial ones, if its value is there.
+bool Search::TakeStart() {
+  const OpenPoint& open = open_.at(start_ids_[next_start_]);
+  if (!open.outcome) return false;
+  const auto found = open_ids_.find(KeyOf(open.point));
+  const PointKey& key = found->first;
+  const std::vector<double> unit = space_.Encode(key.x);
+  ReserveRow();
+  start_rows_.emplace(key, value_.Rows());
+  if (space_.HasLattice()) on_lattice_.insert(key);
+  const std::vector<double> functions = FunctionsOf(*open.outcome);
+  proposer_->Begin(unit.data(), key.combination, EngineValue(*open.outcome),
+                   functions.empty() ? nullptr : functions.data());
+  ++next_start_;
+  current_.reset();  // it may be at this very point
+  TakeRow(found);
+  return true;
 }
 
 const Search::Candidate* Search::Current() {
@@ -385,7 +402,7 @@ const Search::Candidate* Search::Current() {
 }
 
 // What the method wants next, none when there is nothing. A point of the lattice that is a
-// trial is dropped.
+// trial is dropped, and so is an initial point that was given to begin with.
 std::optional<Search::Candidate> Search::Next() {
   // Local steps may have nothing left to split where a global one has.
   int kinds_left = space_.HasLattice()
@@ -396,6 +413,12 @@ std::optional<Search::Candidate> Search::Next() {
       const std::optional<SolverBase::Proposal> proposal = proposer_->Propose();
       if (!proposal) continue;
       Candidate candidate = CandidateAt(*proposal);
+      if (const auto row = WaitingStart(candidate.key)) {
+        const bool is_moved = candidate.way == Candidate::kMoved;
+        proposer_->TakeBegun(*row, is_moved ? candidate.unit.data() : nullptr);
+        ++initial_taken_;
+        continue;
+      }
       if (!space_.HasLattice() || on_lattice_.count(candidate.key) == 0) return candidate;
       proposer_->Discard();
       if (initial_taken_ < proposer_->InitialCount()) ++initial_taken_;
@@ -531,7 +554,15 @@ TestValue Search::GuessOf(const Candidate& candidate) const {
 }
 
 bool Search::IsAtLimit(std::size_t further) const {
-  return value_.Rows() - inserted_count_ + further >= limit_;
+  return value_.Rows() - std::min(next_start_, known_count_) + further >= limit_;
+}
+
+// The row of an initial point that was given to begin with, if the engine is not told of it yet.
+std::optional<std::size_t> Search::WaitingStart(const PointKey& key) const {
+  if (start_rows_.empty() || initial_taken_ == proposer_->InitialCount()) return std::nullopt;
+  const auto found = start_rows_.find(key);
+  if (found == start_rows_.end() || proposer_->IsInEngine(found->second)) return std::nullopt;
+  return found->second;
 }
 
 const OpenPoint* Search::FindOpen(const PointKey& key) const {

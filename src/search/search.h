@@ -152,7 +152,7 @@ class Search {
   Search(const Search& other);
 
   bool Step();
-  bool InsertKnown();
+  bool TakeStart();
   const Candidate* Current();
   std::optional<Candidate> Next();
   std::optional<Candidate> NextFiller();
@@ -165,6 +165,7 @@ class Search {
   std::vector<double> FunctionsOf(const Outcome& outcome) const;
   QuenloftSolver::TestValue GuessOf(const Candidate& candidate) const;
   bool IsAtLimit(std::size_t further = 0) const;
+  std::optional<std::size_t> WaitingStart(const PointKey& key) const;
   const OpenPoint* FindOpen(const PointKey& key) const;
   OpenPoint& Open(const PointKey& key);
   OpenPoint& Untold(const Point& point);
@@ -180,7 +181,6 @@ class Search {
   std::optional<Candidate> current_;
   bool is_exhausted_ = false;
   std::uint32_t initial_taken_ = 0;  // initial points that are trials, or were dropped
-  std::size_t inserted_count_ = 0;   // trials known beforehand
   // On a lattice, the points that are trials.
   std::unordered_set<PointKey, PointKeyHash> on_lattice_;
   std::uint64_t next_filler_ = 0;
@@ -189,8 +189,12 @@ class Search {
   std::uint64_t next_id_ = 0;
   std::map<std::uint64_t, OpenPoint> open_;
   OpenIds open_ids_;
-  std::vector<std::uint64_t> known_ids_;
-  std::size_t next_known_ = 0;  // of them, to be inserted
+  // Ids of the points that precede the initial ones: those known beforehand, then those wanted.
+  std::vector<std::uint64_t> start_ids_;
+  std::size_t known_count_ = 0;
+  std::size_t next_start_ = 0;  // of them, to be made a trial
+  // Their rows.
+  std::unordered_map<PointKey, std::size_t, PointKeyHash> start_rows_;
 
   // One row per trial.
   Column<double> x_;

@@ -56,6 +56,11 @@ class TrialLog {
         value.value;
   }
 
+  // The engine was told of a trial that it did not hold, or has forgotten it.
+  void SetEnginePosition(std::uint32_t trial, std::uint32_t position) {
+    positions_[trial] = position;
+  }
+
   // Forgets all trials but the first `size`.
   void Truncate(std::uint32_t size) {
     points_.resize(static_cast<std::size_t>(size) * dimension_);

@@ -120,34 +120,58 @@ def full_search():
     return Search(
         {"a": (-2, 3), "b": (1, 30, "int", "log"), "c": (0.5, 0.5), "d": ["u", "vw"]},
         constraints=1,
+        x0=[(0.5, 5, 0.5, "vw"), {"a": 0.0, "b": 5, "d": "u"}],
         known=[({"a": 0.5, "b": 2, "d": "u"}, 0.25, [-1.0]), ([1.0, 3, 0.5, "vw"], None, [0.5])],
     )
+
+
+POINTS = [(0.6, 0.15), (0.5, 0.25), (-2.0, 1.5)]  # (0.5, 0.25) is the first initial point
+
+
+@pytest.mark.parametrize("local_models", [True, False])
+def test_what_a_search_begins_with_comes_first_and_never_twice(local_models):
+    def search(x0=POINTS[:2]):
+        known = [(POINTS[2], bowl(POINTS[2])), ([3, -1], NAN)]
+        return Search(BOX, x0=x0, known=known, local_models=local_models)
+
+    one = run(search(), 1)
+    assert [t.x for t in one.history][:5] == [POINTS[2], (3, -1), *POINTS[:2], (-1.975, 0.25)]
+    assert len(one) == 62 and len({t.x for t in one.history}) == 62 and one.result().nit == 60
+    for workers in (2, 7):
+        assert rows(run(search(), workers, seed=workers)) == rows(one)
+    least = run(search(), 4, trials=1).result()
+    assert least.x == POINTS[0] and len(least.history) == 3 and least.nfev == 1
+    assert run(search(x0=dict(zip(("x[0]", "x[1]"), POINTS[0]))), 1).result().x is not None
+    with pytest.raises(ValueError, match=r"x\[1\] of x0\[1\] is 2"):
+        search(x0=[POINTS[0], (0, 2)])
 
 
 def test_copies_and_pickles_go_on_as_the_original():
     for turns in (0, 1, 7, 30):
         search = run(full_search(), 4, trials=turns)
         search.maxfun = None
-        out = search.ask(3)
+        out = sorted(search.pending + search.ask(3), key=lambda point: point.id)
         others = [copy.copy(search), copy.deepcopy(search), pickle.loads(pickle.dumps(search))]
         for other in others:
             assert other.pending == out
             assert other.surplus == search.surplus
             assert rows(run(other, 5, seed=turns)) == rows(run(copy.copy(search), 1))
-        assert rows(search) == rows(run(full_search(), 1, trials=turns)), "it went on by itself"
+        made = len(search) - search.history.known
+        assert rows(search) == rows(run(full_search(), 1, trials=made)), "it went on by itself"
 
 
 def test_points_are_in_the_callers_terms_and_travel():
     search = full_search()
-    point = search.ask()[0]
+    first, point = search.ask(2)
+    assert search.tell(first, 1.0, constraints=[-1.0]) == 1
     assert [type(v) for v in point.x] == [float, int, float]
     assert point.categories == ("u",) and point.category == (0,)
     assert pickle.loads(pickle.dumps(point)) == point
     # Told by its coordinates, as a list or an array would be.
     assert search.tell(numpy.array(point.x), 1.5, constraints=[0.0], categories=["u"]) == 1
     history = run(search, 3, trials=20).history
-    assert history[0].x == point.x and type(history[0].x[1]) is int
-    assert history.category[0] == (0,)
+    assert history[3].x == point.x and type(history[3].x[1]) is int
+    assert history.category[3] == (0,) and history.known == 2
     assert repr(pickle.loads(pickle.dumps(history))[5]) == repr(history[5])
 
 
@@ -251,7 +275,7 @@ def test_a_point_of_another_search_is_refused():
         ({"spread": 1}, ValueError),
         ({"known": [(1.0, 2.0)]}, TypeError),
         ({"known": [((9, 9), 2.0)]}, ValueError),
-        ({"known": [((0, 0), NAN)]}, ValueError),
+        ({"known": [((0, 0), NAN)], "hidden_constraint": False}, ValueError),
         ({"known": [((0, 0), 1.0), ((0, 0), 1.0)]}, ValueError),
         ({"bounds": []}, ValueError),
         ({"bounds": [(1, 1)]}, ValueError),
