@@ -22,6 +22,7 @@ from ._database import Database, Kind, Path, read
 from ._digest import Unknown, digest, digests
 from ._errors import JournalError
 from ._history import History
+from ._known import Known
 from ._observation import Entry
 from ._plan import Plan
 
@@ -123,6 +124,8 @@ def describe(plan: Plan) -> dict[str, Any]:
         "categories": [[_plain(choice) for choice in choices] for choices in variables.choices],
         "constraints": [limit.name for limit in plan.limits],
         "nonfinite": plan.nonfinite,
+        "x0": [[*x, *category] for x, category in plan.wanted],
+        "known": _summary(plan.known_points),
         **plan.settings.engine_arguments(),
         "local_models": plan.local_models,
         "goal": plan.goal,
@@ -163,6 +166,10 @@ def _text(value: Any) -> str:
     """A text of bounded length for people."""
     text = re.sub(r" at 0x[0-9a-fA-F]+", "", repr(value))
     return text if len(text) <= 200 else f"{text[:150]}..."
+
+
+def _summary(known: Sequence[Known]) -> str:
+    return f"{len(known)} points ({digest(list(known), None)})" if known else ""
 
 
 def _plain(choice: Any) -> Any:

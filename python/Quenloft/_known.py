@@ -29,9 +29,7 @@ class Known(NamedTuple):
     has_failed: bool
 
 
-def wanted_points(
-    variables: Variables, x0: Any
-) -> list[tuple[tuple[float, ...], tuple[int, ...]]]:
+def wanted_points(variables: Variables, x0: Any) -> list[tuple[tuple[float, ...], tuple[int, ...]]]:
     """One point or several, as the caller gives them as `x0`.
 
     Raises

@@ -30,6 +30,8 @@ def minimize(
     logarithmic: Sequence[int] = (),
     categories: Sequence[Sequence[Any]] = (),
     constraints: Any = (),
+    x0: Any = None,
+    known: Any = (),
     point: str = "tuple",
     nonfinite: str = "raise",
     maxfun: Optional[float] = None,
@@ -80,6 +82,16 @@ def minimize(
         order, and none after the first that is violated. SciPy's `NonlinearConstraint`,
         `LinearConstraint` and dicts of the type ``"ineq"`` are understood. Equality constraints
         are refused, as no sampled point satisfies one.
+    x0 : point or sequence of points, optional
+        Where to begin: evaluated first, in this order, so that the result is never worse. A point
+        is a mapping of values by name, or a sequence of the numbers and then the choices.
+    known : sequence, History or path, optional
+        Points whose values are known: trials from the start, which are not evaluated and do not
+        count for `maxfun`. Pairs ``(point, value)``, or triples ``(point, value, constraints)``
+        with the values of all constraints or of those up to the first violated one; a value of
+        NaN or None is a failed point. Or the history of another search, the path of its journal
+        or of a CSV file with the columns of `History.to_csv` (at least the variables, ``value``
+        and the constraints): of these, points outside the bounds are left out.
     point : {"tuple", "list", "array"}
         The form of `x` for `fun`, the constraints and the result. Each call gets a fresh one,
         which may be kept. ``"array"`` needs NumPy.
@@ -190,7 +202,7 @@ def execute(plan: Plan) -> OptimizeResult:
             except BaseException as stray:
                 run.error = run.error or stray
             if display is not None:
-                display.update(len(run.history), run.best_objective(), run.elapsed(), is_last=True)
+                display.update(run.made, run.best_objective(), run.elapsed(), is_last=True)
     except BaseException as stray:  # of an argument or a file, or from a signal in between
         run.error = run.error or stray
     result = _result(run, report)
@@ -224,6 +236,8 @@ def _search(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> No
         local_models=plan.local_models,
         constraints=len(plan.limits),
         hidden_constraint=plan.is_hidden,
+        known=plan.known_points,
+        wanted=plan.wanted,
         maxfun=None if limit == math.inf else int(limit),
     )
     try:

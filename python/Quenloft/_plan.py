@@ -10,6 +10,7 @@ from typing import Any, Callable, Optional, Sequence, Union
 from . import _constraints as constraint_forms, _variables as variable_forms
 from ._constraints import Constraint
 from ._history import History
+from ._known import Known, known_points, wanted_points
 from ._observation import Evaluation, Form, point_form
 from ._result import OptimizeResult
 from ._settings import Budget, Settings, budget, one_of
@@ -34,6 +35,8 @@ class Plan:
     logarithmic: Sequence[int] = ()
     categories: Sequence[Sequence[Any]] = ()
     constraints: Any = ()
+    x0: Any = None
+    known: Any = ()
     point: str = "tuple"
     nonfinite: str = "raise"
     maxfun: Optional[float] = None
@@ -58,6 +61,8 @@ class Plan:
     limits: tuple[Constraint, ...] = field(init=False)
     settings: Settings = field(init=False)
     budget: Budget = field(init=False)
+    wanted: Sequence[Any] = field(init=False)
+    known_points: Sequence[Known] = field(init=False)
 
     def __post_init__(self) -> None:
         one_of("point", self.point, ("tuple", "list", "array"))
@@ -85,6 +90,10 @@ class Plan:
             self.local_models, **{name: getattr(self, name) for name in names}
         )
         self.budget = budget(self.maxfun, self.maxtime, self.f_min, self.min_radius, dimension)
+        self.wanted = wanted_points(self.variables, self.x0)
+        self.known_points = known_points(
+            self.variables, len(self.limits), self.is_hidden, self.known
+        )
 
     @property
     def is_hidden(self) -> bool:
@@ -104,6 +113,7 @@ class Plan:
         history.bounds = tuple(zip(variables.lower, variables.upper))
         history.integers = variables.integers
         history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
+        history.known = len(self.known_points)
         return history
 
     def evaluation(self) -> Evaluation:

@@ -44,12 +44,12 @@ class Report:
         history = run.history
         trial = history[-1]
         return OptimizeResult(
-            message=f"running: {len(history)} trials, {trial.time:.3f} s",
+            message=f"running: {run.made} trials, {trial.time:.3f} s",
             success=run.is_feasible(),
             status=Status.RUNNING,
             **self._best(),
             nfev=nfev,
-            nit=len(history),
+            nit=run.made,
             elapsed_seconds=trial.time,
             replayed=run.replayed,
             trial=trial,
@@ -74,7 +74,7 @@ class Report:
             status=status,
             **self._best(),
             nfev=self._calls(),
-            nit=len(history),
+            nit=run.made,
             locals=self._locals,
             xl=[minimum.x for minimum in self._locals],
             funl=[minimum.fun for minimum in self._locals],
@@ -87,7 +87,8 @@ class Report:
     def _calls(self) -> int:
         run = self._run
         count = run.history.constraint_count
-        return sum(i >= count for history in (run.history, run.surplus) for i in history.index)
+        made = run.history.index[run.history.known :]
+        return sum(i >= count for index in (made, run.surplus.index) for i in index)
 
     def _final_status(self) -> Status:
         error = self._run.error
@@ -135,7 +136,7 @@ class Report:
 
     def _reason(self, status: Status, radius: float) -> str:
         run = self._run
-        count = len(run.history)
+        count = run.made
         trials = f"{count} trials"
         stops = self._stops
         budget = f" of {stops.maxfun:.0f}" if math.isfinite(stops.maxfun) else ""
@@ -181,7 +182,7 @@ def watcher(
         nonlocal nfev
         nfev += history._index[-1] >= history.constraint_count
         if display is not None:
-            display.update(len(history), run.best_objective(), run.latest, busy=run.workers.busy)
+            display.update(run.made, run.best_objective(), run.latest, busy=run.workers.busy)
         if callback is not None:
             try:
                 answer = callback(report.intermediate(nfev))

@@ -46,8 +46,10 @@ class Run:
         self._f_min = plan.budget.f_min
         self._min_radius = plan.budget.min_radius
         self._verify = plan.verify
+        self._known_count = len(plan.known_points)
         points = 2 * len(plan.variables.searched) + 1 if plan.settings.cross else 1
         self._initial_count = points * math.prod(map(len, plan.variables.choices))
+        self._initial_count += len(plan.wanted)
         # Set by the driver, where there is one.
         self.watch: Optional[Callable[[], None]] = None
         # Written by each trial.
@@ -74,6 +76,11 @@ class Run:
         # Of evaluations that no search asked for.
         self._other_keys = count(-1, -1)
 
+    @property
+    def made(self) -> int:
+        """How many trials were made, not known beforehand."""
+        return len(self.history) - self._known_count
+
     def elapsed(self) -> float:
         """Seconds since the run began, in all sessions."""
         return perf_counter() - self.start
@@ -93,6 +100,7 @@ class Run:
     def search(self, search: Search, journal: Optional[Journal]) -> None:
         """Ask, evaluate and tell until the end; the reason is in `status`."""
         self._search = search
+        self._take_known(search)
         if journal is not None:
             self._journal = journal
             self._supply(journal)
@@ -105,7 +113,7 @@ class Run:
             while self.status is None and search.advance(1):
                 self._make_trial()
             if self.status is None and search.is_finished:
-                is_spent = len(self.history) >= self._limit
+                is_spent = self.made >= self._limit
                 self.stop(Status.MAXFUN if is_spent else Status.EXHAUSTED)
             if self.status is not None:
                 break
@@ -142,6 +150,15 @@ class Run:
             for entry in self._known.values():
                 _append(self.surplus, entry)
         self.surplus.finish()
+
+    def _take_known(self, search: Search) -> None:
+        """The trials that the search begins with."""
+        watch, self.watch = self.watch, None
+        for trial, category in zip(search.history, search.history.category):
+            outcome = trial.index, trial.value, trial.constraints
+            chosen = tuple(map(int, category))
+            self._append(Entry("known", trial.x, chosen, outcome, 0.0), is_replayed=False)
+        self.watch = watch
 
     def _supply(self, journal: Journal) -> None:
         for entry in journal.entries:
@@ -182,17 +199,19 @@ class Run:
         self._set_elapsed(max(entry.time for entry in self._recorded.values()))
         assert self._journal is not None
         path = self._journal.path
-        if len(self.history) > self._initial_count and any(
+        if self.made > self._initial_count and any(
             entry.phase == "search" for entry in self._known.values()
         ):
             raise JournalError(
                 f"the journal {path!r} holds other points than this search asks for from trial "
-                f"{len(self.history)} on: another version wrote it"
+                f"{self.made} on: another version wrote it"
             )
-        if not self._verify or self.best < 0:
+        if not self._verify or not self.made:
             return
-        x = tuple(self.history.x[self.best])
-        category = tuple(self.history.category[self.best])
+        ranks = [*map(rank, self.history.index, self.history.value)][self._known_count :]
+        best = self._known_count + ranks.index(min(ranks))
+        x = tuple(self.history.x[best])
+        category = tuple(self.history.category[best])
         index, value, _ = self._recorded[x, category].outcome
         found = self._evaluate(x, category)[:2]
         distances = sorted(abs(v - value) for v in self.history.value if math.isfinite(v))
