@@ -11,7 +11,7 @@ from typing import TYPE_CHECKING, Any
 
 from _Quenloft import Problem, Result, Test, TestFunction, TestFunction2
 
-from ._errors import JournalError, NonFiniteError
+from ._errors import EvaluationTimeout, JournalError, NonFiniteError, WorkerError
 from ._history import History, Trial
 from ._minimize import minimize
 from ._result import LocalMinimum, OptimizeResult, Status
@@ -39,6 +39,7 @@ _LATER = {
 __all__ = [
     "Command",
     "CommandError",
+    "EvaluationTimeout",
     "History",
     "JournalError",
     "LocalMinimum",
@@ -56,6 +57,7 @@ __all__ = [
     "TestFunction2",
     "Trial",
     "Trials",
+    "WorkerError",
     "minimize",
     "minimize_many",
     "read_journal",

@@ -40,6 +40,22 @@ class NonFiniteError(ValueError):
         return type(self), self._arguments, self.__dict__
 
 
+class EvaluationTimeout(TimeoutError):
+    """An evaluation took longer than `timeout` seconds; its process was ended and replaced."""
+
+    def __init__(self, seconds: float) -> None:
+        super().__init__(f"an evaluation took longer than {seconds:g} s")
+        self.seconds = seconds
+
+    def __reduce__(self) -> Any:
+        return type(self), (self.seconds,), self.__dict__
+
+
+class WorkerError(RuntimeError):
+    """A process of `workers` ended in an evaluation: it was killed, as where memory runs out, or
+    crashed."""
+
+
 class JournalError(RuntimeError):
     """A journal cannot be used: it belongs to another problem or other settings (the message
     names the difference), is in use by another process, or is no journal at all."""

@@ -44,6 +44,7 @@ def minimize(
     journal: Optional[Union[str, os.PathLike[str]]] = None,
     verify: bool = True,
     workers: WorkersArgument = 1,
+    timeout: Optional[float] = None,
     local_models: bool = True,
     overestimation: Optional[float] = None,
     overestimation_local: float = Settings.overestimation_local,
@@ -137,6 +138,11 @@ def minimize(
         ``workers(function, items)`` and returns the results, or futures of them. The trials and
         the result are those of one worker, whatever the number: points that the search will
         probably ask for are evaluated ahead. Functions are pickled on the way to other processes.
+    timeout : float, optional
+        Seconds that one evaluation, constraints included, may take. It then is an
+        `EvaluationTimeout`. Evaluations are made in processes, one with ``workers=1``; that which
+        took too long is killed and replaced. Not with executors and map-like callables, whose
+        calls cannot be ended.
     local_models : bool
         Let quadratic models around the best local minima place trials too: they converge where
         the method alone is slow. Without them the trials are those of `Problem.Minimize`.
@@ -165,6 +171,8 @@ def minimize(
         See `nonfinite`.
     JournalError
         See `journal`.
+    EvaluationTimeout, WorkerError
+        See `timeout`; a process of `workers` ended in an evaluation.
     Exception
         Whatever `fun`, a constraint or `callback` raises, unchanged and at once. It carries the
         result so far in its attribute ``result``.
@@ -186,7 +194,9 @@ def execute(plan: Plan) -> OptimizeResult:
     report = Report(run, plan)
     try:
         with ExitStack() as stack:
-            run.workers = stack.enter_context(opened(plan.workers, plan.evaluation()))
+            run.workers = stack.enter_context(
+                opened(plan.workers, plan.evaluation(), timeout=plan.timeout)
+            )
             book = None
             if plan.journal is not None:
                 from ._journal import Journal as Opened  # most runs have none

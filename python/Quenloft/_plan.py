@@ -49,6 +49,7 @@ class Plan:
     journal: Optional[Union[str, os.PathLike[str]]] = None
     verify: bool = True
     workers: WorkersArgument = 1
+    timeout: Optional[float] = None
     local_models: bool = True
     overestimation: Optional[float] = None
     overestimation_local: float = Settings.overestimation_local
@@ -70,7 +71,7 @@ class Plan:
         one_of("on_interrupt", self.on_interrupt, ("raise", "return"))
         one_of("verify", self.verify, (False, True))
         one_of("local_models", self.local_models, (False, True))
-        check_workers(self.workers)
+        check_workers(self.workers, self.timeout)
         if not callable(self.fun):
             raise TypeError(f"fun must be callable, not {self.fun!r}")
         if self.callback is not None and not callable(self.callback):

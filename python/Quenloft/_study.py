@@ -62,8 +62,8 @@ def minimize_many(
     JournalError
         See `journal`.
     Exception
-        See `return_errors`. Ctrl-C and failures of the workers, such as a process that was killed,
-        are raised at once, also with the attribute ``results``.
+        See `return_errors`. Ctrl-C and failures of an executor are raised at once, also with the
+        attribute ``results``; a process that was killed is a `WorkerError` of its task.
     """
     items = [{**common, **task} for task in tasks]
     plans = [_plan(number, task) for number, task in enumerate(items)]

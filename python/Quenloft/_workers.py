@@ -11,8 +11,9 @@ import pickle
 import signal
 from collections import deque
 from concurrent.futures import Executor
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from queue import Empty, SimpleQueue
+from time import monotonic
 from traceback import format_exc
 from typing import (
     TYPE_CHECKING,
@@ -27,10 +28,13 @@ from typing import (
     Union,
 )
 
+from ._errors import EvaluationTimeout, WorkerError
 from ._settings import whole_number
 
 if TYPE_CHECKING:
-    from concurrent.futures import ProcessPoolExecutor
+    from multiprocessing.connection import Connection
+    from multiprocessing.context import BaseContext
+    from multiprocessing.process import BaseProcess
 
 #: What `minimize` and `minimize_many` take as their workers.
 WorkersArgument = Union[int, Executor, Callable[..., Any]]
@@ -69,17 +73,30 @@ class Workers(Protocol):
         """
 
 
-def check(workers: Any) -> None:
-    """Raise TypeError or ValueError if these are no workers."""
+def check(workers: Any, timeout: Optional[float] = None) -> None:
+    """Raise TypeError or ValueError if these are no workers, or none that can be ended."""
     if isinstance(workers, bool):
         raise TypeError(f"workers must be a whole number, not {workers!r}")
     if not callable(workers) and not isinstance(workers, Executor) and workers != -1:
         whole_number("workers", workers, 1)
+    if timeout is None:
+        return
+    is_number = isinstance(timeout, (int, float)) and not isinstance(timeout, bool)
+    if not is_number or not timeout > 0:
+        raise ValueError(f"timeout must be a number of seconds above 0, not {timeout!r}")
+    if callable(workers) or isinstance(workers, Executor):
+        raise ValueError(
+            "timeout needs workers that can be ended: a number of processes, not an executor or a "
+            "map"
+        )
 
 
 @contextmanager
 def opened(
-    workers: Any, function: Callable[..., Any], most: Optional[int] = None
+    workers: Any,
+    function: Callable[..., Any],
+    most: Optional[int] = None,
+    timeout: Optional[float] = None,
 ) -> Iterator[Workers]:
     """Workers for a function; at the end nobody waits for calls that are still under way.
 
@@ -91,6 +108,9 @@ def opened(
         The same for all calls.
     most : int, optional
         Calls there will be.
+    timeout : float, optional
+        Seconds that one call may take, in processes of our own: its answer is then an
+        `EvaluationTimeout`.
     """
     executor = _executor_of(workers)
     kind = type(executor).__module__
@@ -106,17 +126,15 @@ def opened(
         return
     number = os.cpu_count() or 1 if workers == -1 else int(workers)
     count = number if most is None else min(number, most)
-    if count <= 1:
+    if count <= 1 and timeout is None:
         yield _Here(function)
         return
     require_picklable(function)
-    from concurrent.futures import ProcessPoolExecutor  # which brings much with it
-
-    pool = ProcessPoolExecutor(count, initializer=_begin, initargs=(function, os.getpid()))
+    processes = _Processes(function, count, timeout)
     try:
-        yield _Submitted(pool, _call_global)
+        yield processes
     finally:
-        _end(pool)
+        processes.close()
 
 
 def require_picklable(function: Callable[..., Any]) -> None:
@@ -266,7 +284,7 @@ class _Call:
 
     def __init__(self, function: Callable[..., Any]) -> None:
         self._function = function
-        self._home = _place()
+        self._home: Any = _place()
 
     def __call__(self, item: tuple[int, Sequence[Any]]) -> Answer:
         key, arguments = item
@@ -308,35 +326,152 @@ class _InWorker(Exception):
         return f"\n{self.args[0]}"
 
 
-# The function of this process, where it is a worker of a pool of ours.
-_global_call: Optional[_Call] = None
+class _Process:
+    """One of our processes, and the call that it has under way."""
+
+    def __init__(self, context: BaseContext, function: Callable[..., Any]) -> None:
+        self.connection, theirs = context.Pipe()
+        # Not a daemon, which could not have workers itself.
+        self.process: BaseProcess = context.Process(  # type: ignore[attr-defined]
+            target=_work, args=(function, theirs, os.getpid(), context.get_start_method())
+        )
+        self.process.start()
+        theirs.close()
+        #: It has begun, and sits idle where there is no key.
+        self.is_ready = False
+        self.key: Optional[int] = None
+        self.deadline = float("inf")
+
+    def end(self) -> None:
+        self.process.kill()
+        self.process.join()
+        self.connection.close()
+
+    def ending(self) -> str:
+        """What it ended with."""
+        self.process.join(1.0)
+        self.process.kill()  # if it has only closed its files
+        self.process.join()
+        code = self.process.exitcode or 0
+        return f"signal {signal.Signals(-code).name}" if code < 0 else f"exit code {code}"
 
 
-def _begin(function: Callable[..., Any], owner: int) -> None:
-    global _global_call
-    _global_call = _Call(function)
-    _global_call._home = "", 0
+class _Processes:
+    """Calls made in processes of our own, each of which can be ended and replaced."""
+
+    def __init__(self, function: Callable[..., Any], size: int, timeout: Optional[float]) -> None:
+        import multiprocessing  # which brings much with it
+
+        self.size = size
+        self._function = function
+        self._timeout = timeout
+        self._context = multiprocessing.get_context()
+        self._processes: list[_Process] = []
+        self._items: deque[tuple[int, Sequence[Any]]] = deque()
+        self._answers: deque[Answer] = deque()
+        self.busy = 0
+
+    def submit(self, key: int, arguments: Sequence[Any]) -> None:
+        self._items.append((key, arguments))
+        self.busy += 1
+        self._hand_out()
+
+    def wait(self, seconds: Optional[float] = None) -> Optional[Answer]:
+        from multiprocessing.connection import wait
+
+        end = float("inf") if seconds is None else monotonic() + seconds
+        while not self._answers:
+            self._hand_out()
+            until = min([end, *(p.deadline for p in self._processes)])
+            things: list[Any] = [p.connection for p in self._processes]
+            things += [p.process.sentinel for p in self._processes]
+            ready = wait(things, None if until == float("inf") else max(until - monotonic(), 0.0))
+            for process in self._processes[:]:
+                if process.connection in ready:
+                    self._hear(process)
+                elif process.process.sentinel in ready:
+                    self._lose(process)
+                elif monotonic() >= process.deadline:
+                    assert self._timeout is not None
+                    self._replace(process, EvaluationTimeout(self._timeout))
+            if not ready and monotonic() >= end:
+                break
+        self._hand_out()
+        if not self._answers:
+            return None
+        self.busy -= 1
+        return self._answers.popleft()
+
+    def close(self) -> None:
+        """End them, whatever they do."""
+        for process in self._processes:
+            process.process.terminate()
+        for process in self._processes:
+            process.process.join()
+            process.connection.close()
+
+    def _hand_out(self) -> None:
+        """Let idle processes begin, and as many more as there is work for."""
+        for process in self._processes:
+            if self._items and process.is_ready and process.key is None:
+                item = self._items.popleft()
+                process.key = item[0]
+                if self._timeout is not None:
+                    process.deadline = monotonic() + self._timeout
+                with suppress(OSError):  # it has just ended, as `wait` will notice
+                    process.connection.send(item)
+        beginning = sum(not process.is_ready for process in self._processes)
+        missing = min(len(self._items) - beginning, self.size - len(self._processes))
+        for _ in range(missing):
+            self._processes.append(_Process(self._context, self._function))
+
+    def _hear(self, process: _Process) -> None:
+        try:
+            answer = process.connection.recv()
+        except (EOFError, OSError):
+            self._lose(process)
+            return
+        process.is_ready = True
+        if answer is not None:
+            process.key, process.deadline = None, float("inf")
+            self._answers.append(answer)
+
+    def _lose(self, process: _Process) -> None:
+        """A process has ended by itself."""
+        ending = process.ending()
+        if not process.is_ready:
+            raise WorkerError(f"a worker process could not begin: it ended with {ending}")
+        self._replace(process, WorkerError(f"a worker process ended with {ending}"))
+
+    def _replace(self, process: _Process, error: Exception) -> None:
+        """Take an error as the answer; another process begins when it is needed."""
+        process.end()
+        self._processes.remove(process)
+        if process.key is not None:
+            self._answers.append(Answer(process.key, None, error))
+
+
+def _work(
+    function: Callable[..., Any], connection: Connection, owner: int, start_method: str
+) -> None:
+    """What a process of ours does."""
     # Ctrl-C is the parent's to answer, and it ends its workers by this signal.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     signal.signal(signal.SIGTERM, signal.SIG_DFL)
     import ctypes
-    from multiprocessing import get_start_method
 
     # Nor do they outlive it when it is killed (Linux).
     ctypes.CDLL(None).prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)
-    if os.getppid() != owner and get_start_method() != "forkserver":
+    if os.getppid() != owner and start_method != "forkserver":
         os._exit(1)  # it was killed before that was said
-
-
-def _call_global(item: tuple[int, Sequence[Any]]) -> Answer:
-    assert _global_call is not None
-    return _global_call(item)
-
-
-def _end(executor: ProcessPoolExecutor) -> None:
-    processes = list((executor._processes or {}).values())
-    executor.shutdown(wait=False, cancel_futures=True)
-    for process in processes:
-        process.terminate()
-    for process in processes:
-        process.join()
+    call = _Call(function)
+    call._home = None  # every exception has a way to go
+    connection.send(None)
+    with suppress(EOFError):
+        while True:
+            item = connection.recv()
+            answer = call(item)
+            try:
+                connection.send(answer)
+            except Exception as error:  # the value cannot be sent
+                connection.send(Answer(item[0], None, _portable(error)))

@@ -11,7 +11,6 @@ import sys
 import threading
 import time
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
-from concurrent.futures.process import BrokenProcessPool
 
 import pytest
 
@@ -219,7 +218,7 @@ def dies(x, place):
 
 def test_the_death_of_a_worker_is_an_error_with_the_result_so_far():
     place = Quenloft.minimize(wavy, BOX, maxfun=30).history[20].x
-    with pytest.raises(BrokenProcessPool) as caught:
+    with pytest.raises(Quenloft.WorkerError, match="exit code 3") as caught:
         Quenloft.minimize(dies, BOX, (place,), maxfun=60, workers=2)
     assert caught.value.result.nit <= 20 and caught.value.result.status is Status.ERROR
 
@@ -231,6 +230,8 @@ REFUSED = [
     ({"args": (threading.Lock(),)}, TypeError, "cannot be sent"),
     ({"workers": 0}, ValueError, "workers must be from 1"),
     ({"workers": True}, TypeError, "workers must be a whole number"),
+    ({"timeout": 0}, ValueError, "timeout must be a number of seconds"),
+    ({"timeout": 1, "workers": map}, ValueError, "not an executor or a map"),
     ({"workers": "two"}, TypeError, "workers must be a whole number"),
 ]
 # fmt: on
@@ -253,6 +254,24 @@ def test_the_time_ends_a_search_on_workers(executors):
     assert result.status is Status.MAXTIME and 0.4 <= time.perf_counter() - start < 3
     # The evaluations that were under way then are waited for.
     assert result.nfev == result.nit + len(result.surplus)
+
+
+def hangs(x, limit):
+    while x[0] > limit:
+        pass
+    return wavy(x)
+
+
+@pytest.mark.parametrize("workers", [1, 3])
+def test_an_evaluation_that_takes_too_long_is_ended(workers):
+    others = set(multiprocessing.active_children())
+    options = {"workers": workers, "timeout": 0.2, "maxfun": 40}
+    with pytest.raises(Quenloft.EvaluationTimeout, match="longer than 0.2 s") as caught:
+        Quenloft.minimize(hangs, BOX, (1.5,), **options)
+    assert isinstance(caught.value, TimeoutError) and caught.value.result.nit == 2
+    assert set(multiprocessing.active_children()) <= others
+    expected = essence(Quenloft.minimize(wavy, BOX, maxfun=40))
+    assert essence(Quenloft.minimize(hangs, BOX, (9,), **options)) == expected
 
 
 def sleeps_long(x):
