@@ -40,13 +40,20 @@ _ANY_PLACEHOLDER = re.compile(r"\{([^{}\s:]+)(?::[^{}]*)?\}")
 # Seconds between asking a program to end and making it.
 _GRACE = 2.0
 # Runs a program in this shell's process group, and kills the group when the pipe from the searching
-# process ends: it is no more. Asked to end, the shell waits until the program has.
+# process ends: it is no more. The working directory, where the first argument names it, goes with it.
+# Asked to end, the shell waits until the program has.
 _GUARD = """
 trap : TERM
+folder=$1
+shift
 exec 3<&0
 "$@" 3<&- &
 program=$!
-(read -r word || kill -s KILL 0) <&3 3<&- &
+(read -r word || {
+  kill -s KILL $program
+  [ -z "$folder" ] || rm -rf -- "$folder"
+  kill -s KILL 0
+}) <&3 3<&- &
 wait $program
 code=$?
 while kill -0 $program 2>/dev/null; do
@@ -276,7 +283,8 @@ class Command:
         failure: Optional[CommandError] = None
         with self._workplace() as (folder, settle):
             try:
-                _run_in(folder, words, self._inputs(values), self.files, self.timeout)
+                goes = self.keep == "never"
+                _run_in(folder, goes, words, self._inputs(values), self.files, self.timeout)
                 outputs = self._read(folder)
             except CommandError as error:
                 failure = error
@@ -440,6 +448,7 @@ def _fill(text: str, values: dict[str, Any]) -> str:
 
 def _run_in(
     folder: str,
+    goes_with_us: bool,
     words: Sequence[str],
     inputs: Iterable[tuple[str, str]],
     files: Iterable[str],
@@ -460,7 +469,7 @@ def _run_in(
         open(os.path.join(folder, "stderr.txt"), "wb") as err,
     ):
         process = subprocess.Popen(
-            ["/bin/sh", "-c", _GUARD, "guard", *words],
+            ["/bin/sh", "-c", _GUARD, "guard", folder if goes_with_us else "", *words],
             cwd=folder,
             stdin=subprocess.PIPE,
             stdout=out,

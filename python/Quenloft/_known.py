@@ -3,7 +3,6 @@
 
 from __future__ import annotations
 
-import csv
 import math
 import os
 from collections.abc import Mapping
@@ -123,6 +122,8 @@ class _Problem:
 
             yield from self.of_history(read_journal(path).history, label)
             return
+        import csv
+
         with open(path, newline="", encoding="utf-8") as text:
             table = csv.DictReader(text)
             columns = table.fieldnames or ()

@@ -7,10 +7,9 @@ All kinds are used in the same way: `submit` calls, and `wait` for one of their 
 from __future__ import annotations
 
 import os
-import pickle
 import signal
+import sys
 from collections import deque
-from concurrent.futures import Executor
 from contextlib import contextmanager, suppress
 from queue import Empty, SimpleQueue
 from time import monotonic
@@ -32,12 +31,13 @@ from ._errors import EvaluationTimeout, WorkerError
 from ._settings import whole_number
 
 if TYPE_CHECKING:
+    from concurrent.futures import Executor
     from multiprocessing.connection import Connection
     from multiprocessing.context import BaseContext
     from multiprocessing.process import BaseProcess
 
 #: What `minimize` and `minimize_many` take as their workers.
-WorkersArgument = Union[int, Executor, Callable[..., Any]]
+WorkersArgument = Union[int, "Executor", Callable[..., Any]]
 
 _PR_SET_PDEATHSIG = 1
 
@@ -77,14 +77,14 @@ def check(workers: Any, timeout: Optional[float] = None) -> None:
     """Raise TypeError or ValueError if these are no workers, or none that can be ended."""
     if isinstance(workers, bool):
         raise TypeError(f"workers must be a whole number, not {workers!r}")
-    if not callable(workers) and not isinstance(workers, Executor) and workers != -1:
+    if not callable(workers) and not _is_executor(workers) and workers != -1:
         whole_number("workers", workers, 1)
     if timeout is None:
         return
     is_number = isinstance(timeout, (int, float)) and not isinstance(timeout, bool)
     if not is_number or not timeout > 0:
         raise ValueError(f"timeout must be a number of seconds above 0, not {timeout!r}")
-    if callable(workers) or isinstance(workers, Executor):
+    if callable(workers) or _is_executor(workers):
         raise ValueError(
             "timeout needs workers that can be ended: a number of processes, not an executor or a "
             "map"
@@ -139,6 +139,8 @@ def opened(
 
 def require_picklable(function: Callable[..., Any]) -> None:
     """Raise TypeError, with the remedy, if a function cannot be sent to other processes."""
+    import pickle
+
     try:
         pickle.dumps(function)
     except Exception as error:
@@ -148,12 +150,18 @@ def require_picklable(function: Callable[..., Any]) -> None:
         ) from None
 
 
+def _is_executor(item: Any) -> bool:
+    # Whoever has one has imported this, which brings much with it.
+    module = sys.modules.get("concurrent.futures")
+    return module is not None and isinstance(item, module.Executor)
+
+
 def _executor_of(workers: Any) -> Optional[Executor]:
-    if isinstance(workers, Executor):
-        return workers
+    if _is_executor(workers):
+        return workers  # type: ignore[no-any-return]
     # An executor's own map would hold every result back until those before it are there.
     owner = getattr(workers, "__self__", None)
-    is_map = isinstance(owner, Executor) and getattr(workers, "__name__", "") == "map"
+    is_map = _is_executor(owner) and getattr(workers, "__name__", "") == "map"
     return owner if is_map else None
 
 
@@ -300,6 +308,8 @@ def _place() -> tuple[str, int]:
 
 def _portable(error: BaseException) -> BaseException:
     """An exception that arrives in another process, with the text of its traceback."""
+    import pickle
+
     # Frames do not travel, nor does every exception; text does.
     vars(error)["worker_traceback"] = format_exc()
     try:
