@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import os
 from dataclasses import dataclass, field, fields
-from typing import Any, Callable, Optional, Sequence, Union
+from typing import Any, Callable, Mapping, Optional, Sequence, Union
 
 from . import _constraints as constraint_forms, _variables as variable_forms
 from ._constraints import Constraint
@@ -128,3 +128,20 @@ class Plan:
             self.is_hidden,
             self.variables.dimension,
         )
+
+
+def require_arguments(
+    given: Mapping[str, Any], whose: str = "minimize", kind: str = "argument"
+) -> None:
+    """Raise TypeError unless these, by name, can be the arguments of `minimize`."""
+    known = [item.name for item in fields(Plan) if item.init]
+    for name in given:
+        if name not in known:
+            from difflib import get_close_matches  # which is needed here alone
+
+            close = get_close_matches(str(name), known, 1)
+            hint = f"; did you mean {close[0]!r}?" if close else ""
+            raise TypeError(f"{whose} has no {kind} {name!r}{hint}")
+    missing = [name for name in ("fun", "bounds") if name not in given]
+    if missing:
+        raise TypeError(f"the argument {missing[0]!r} of minimize is missing")

@@ -8,7 +8,8 @@ from inspect import signature
 from typing import Any, Callable, Optional
 
 from ._minimize import execute
-from ._plan import Plan
+from ._plan import Plan, require_arguments
+from ._variables import declare
 
 
 def scipy_method(
@@ -24,9 +25,10 @@ def scipy_method(
 ) -> Any:
     """For ``scipy.optimize.minimize(fun, x0, bounds=..., method=Quenloft.scipy_method)``.
 
-    The search is global and deterministic: `bounds` are required, and of `x0` only the length
-    matters. ``options`` are keyword arguments of `Quenloft.minimize`; `tol` is its `min_radius`.
-    Derivatives are ignored. Points are arrays.
+    The search is global and deterministic: `bounds` are required, and `x0`, clipped to them, is
+    only the first point evaluated. ``options`` are keyword arguments of `Quenloft.minimize`; of
+    SciPy's own, ``maxiter`` and ``maxfev`` are its `maxfun` (the smaller one), and ``disp`` prints
+    the message. `tol` is its `min_radius`. Derivatives are ignored. Points are arrays.
 
     Returns
     -------
@@ -37,13 +39,25 @@ def scipy_method(
         raise ValueError("Quenloft.scipy_method needs bounds: its search is global")
     for derivative in ("jac", "hess", "hessp"):
         options.pop(derivative, None)
-    options.setdefault("point", "array")
-    if tol is not None:
-        options.setdefault("min_radius", tol)
-    plan = Plan(fun, bounds, args, constraints=constraints, callback=_adapted(callback), **options)
-    if plan.variables.dimension != import_module("numpy").size(x0):
-        raise ValueError(f"x0 must hold {plan.variables.dimension} values, one for each bound")
-    result = execute(plan)
+    shows_message = options.pop("disp", False)
+    budgets = [options.pop(name, None) for name in ("maxiter", "maxfev", "maxfun")]
+    given = {
+        "point": "array",
+        "min_radius": tol,
+        "maxfun": min((budget for budget in budgets if budget is not None), default=None),
+        **options,
+    }
+    require_arguments({"fun": fun, "bounds": bounds, **given}, "Quenloft.scipy_method", "option")
+    variables = declare(bounds, given.get("logarithmic", ()), (), None)
+    numpy = import_module("numpy")
+    if variables.dimension != numpy.size(x0):
+        raise ValueError(f"x0 must hold {variables.dimension} values, one for each bound")
+    if not any(number.count for number in variables.numbers):
+        given.setdefault("x0", numpy.clip(numpy.ravel(x0), variables.lower, variables.upper))
+    adapted = _adapted(callback)
+    result = execute(Plan(fun, bounds, args, constraints=constraints, callback=adapted, **given))
+    if shows_message:
+        print(result.message)
     return import_module("scipy.optimize").OptimizeResult(result)
 
 

@@ -4,14 +4,15 @@
 from __future__ import annotations
 
 import math
+from collections.abc import Mapping
 from contextlib import ExitStack, closing
 from time import perf_counter
 from traceback import format_exception
-from typing import Any, Iterable, Mapping, Optional
+from typing import Any, Iterable, Optional
 
 from ._database import Path
 from ._minimize import minimize
-from ._plan import Plan
+from ._plan import Plan, require_arguments
 from ._progress import Progress
 from ._result import OptimizeResult
 from ._study_journal import StudyJournal
@@ -65,7 +66,11 @@ def minimize_many(
         See `return_errors`. Ctrl-C and failures of an executor are raised at once, also with the
         attribute ``results``; a process that was killed is a `WorkerError` of its task.
     """
-    items = [{**common, **task} for task in tasks]
+    if isinstance(tasks, Mapping):
+        raise TypeError(
+            "tasks must be a sequence of mappings, one for each: a single one is [task]"
+        )
+    items = [_merged(number, common, task) for number, task in enumerate(tasks)]
     plans = [_plan(number, task) for number, task in enumerate(items)]
     check_workers(workers)
     answers: dict[int, Any] = {}
@@ -108,8 +113,15 @@ def minimize_many(
     return [answers[number] for number in range(len(items))]
 
 
+def _merged(number: int, common: Mapping[str, Any], task: Any) -> dict[str, Any]:
+    if not isinstance(task, Mapping):
+        raise TypeError(f"task {number} must be a mapping of arguments of minimize, not {task!r}")
+    return {**common, **task}
+
+
 def _plan(number: int, task: Mapping[str, Any]) -> Plan:
     try:
+        require_arguments(task)
         return Plan(**task)
     except (TypeError, ValueError) as error:
         raise type(error)(f"task {number}: {error}") from error

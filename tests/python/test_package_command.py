@@ -136,9 +136,7 @@ def test_a_failure_is_an_error_or_a_failed_point(folder, case, kind, message):
 
 @pytest.mark.parametrize("end", [signal.SIGKILL, signal.SIGINT, signal.SIGTERM])
 def test_what_it_started_ends_with_the_searching_process(folder, end):
-    program = (
-        "import Quenloft; Quenloft.Command('./sim.sh {0} {1}', directory='runs')((1.0, 8))"
-    )
+    program = "import Quenloft; Quenloft.Command('./sim.sh {0} {1}', directory='runs')((1.0, 8))"
     process = subprocess.Popen([sys.executable, "-c", program], stderr=subprocess.DEVNULL)
     child = folder / "log.child"
     wait_until(lambda: child.exists() and child.read_text())

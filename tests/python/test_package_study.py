@@ -143,7 +143,9 @@ CHANGES = [
 WRONG = [
     ([{"fun": abs}], 1, "task 0: .*bounds"),
     ([*tasks(1), {**tasks(1)[0], "maxfun": 0}], 1, "task 1: maxfun"),
-    (tasks(1, budget=3), 1, "task 0: .*budget"),
+    (tasks(1, max_fun=3), 1, "task 0: minimize has no argument 'max_fun'; did you mean 'maxfun'"),
+    (tasks(1)[0], 1, "tasks must be a sequence"),
+    ([abs], 1, "task 0 must be a mapping"),
     (tasks(1), 0, "workers must be from 1"),
 ]
 # fmt: on
