@@ -429,7 +429,7 @@ class _Processes:
                 if self._timeout is not None:
                     process.deadline = monotonic() + self._timeout
                 with suppress(OSError):  # it has just ended, as `wait` will notice
-                    process.connection.send(item)
+                    _send(process.connection, item)
         beginning = sum(not process.is_ready for process in self._processes)
         missing = min(len(self._items) - beginning, self.size - len(self._processes))
         for _ in range(missing):
@@ -437,7 +437,7 @@ class _Processes:
 
     def _hear(self, process: _Process) -> None:
         try:
-            answer = process.connection.recv()
+            answer = _receive(process.connection)
         except (EOFError, OSError):
             self._lose(process)
             return
@@ -461,6 +461,20 @@ class _Processes:
             self._answers.append(Answer(process.key, None, error))
 
 
+# Not the connection's own `send` and `recv`: what a signal's exception interrupts there holds a
+# buffer that CPython 3.9 complains about when it is collected.
+def _send(connection: Connection, item: Any) -> None:
+    import pickle
+
+    connection.send_bytes(pickle.dumps(item))
+
+
+def _receive(connection: Connection) -> Any:
+    import pickle
+
+    return pickle.loads(connection.recv_bytes())
+
+
 def _work(
     function: Callable[..., Any], connection: Connection, owner: int, start_method: str
 ) -> None:
@@ -476,12 +490,12 @@ def _work(
         os._exit(1)  # it was killed before that was said
     call = _Call(function)
     call._home = None  # every exception has a way to go
-    connection.send(None)
+    _send(connection, None)
     with suppress(EOFError):
         while True:
-            item = connection.recv()
+            item = _receive(connection)
             answer = call(item)
             try:
-                connection.send(answer)
+                _send(connection, answer)
             except Exception as error:  # the value cannot be sent
-                connection.send(Answer(item[0], None, _portable(error)))
+                _send(connection, Answer(item[0], None, _portable(error)))
