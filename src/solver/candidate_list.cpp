@@ -38,7 +38,7 @@ void CandidateList::Offer(const Candidate& candidate, UpdateMode mode) {
   if (drops_below_front && (size_ == 0 || (!has_unordered_keys_ && Keys()[0] > candidate.key))) {
     return;
   }
-  if (storage_.empty()) Allocate();
+  Reserve();
 
   const double* const keys = Keys();
   std::size_t place =
@@ -69,8 +69,8 @@ void CandidateList::Clear() {
 }
 
 void CandidateList::ForgetUpdate() {
+  is_offered_ = false;
   staged_.clear();
-  rising_.clear();
   stale_count_ = 0;
   floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
 }
@@ -83,8 +83,6 @@ void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
   if (has_unordered_keys_) {
     // Too rare for more than the plain way.
     MarkUnsetKeys();
-    std::fill_n(stale_.front().fates, stale_count_, Fate::kGoes);
-    Commit();
     floor_ = -std::numeric_limits<double>::infinity();
     return;
   }
@@ -95,21 +93,9 @@ void CandidateList::MarkStale(const std::uint32_t* rebuilt, std::size_t count) {
   floor_ = Keys()[front];
 }
 
-void CandidateList::StageReaching(const Candidate& candidate) {
-  if (has_unordered_keys_) {
-    Offer(candidate, UpdateMode::kIncremental);
-  } else {
-    staged_.push_back({candidate, static_cast<std::uint32_t>(staged_.size()), 0});
-  }
-}
-
-void CandidateList::StageAll() {
-  assert(size_ == 0 && !has_unordered_keys_);
-  ForgetUpdate();
-  floor_ = -std::numeric_limits<double>::infinity();
-}
-
 void CandidateList::Commit() {
+  if (has_unordered_keys_) return CommitInTurn();
+  is_used_ |= is_offered_;
   LetStand();
   std::size_t going_count = 0;
   for (std::size_t s = 0; s < stale_count_; ++s) {
@@ -117,15 +103,23 @@ void CandidateList::Commit() {
     going_count += stale_.front().fates[s] != Fate::kStays ? 1 : 0;
   }
   stale_count_ = going_count;
-  if (going_count > 0 || !staged_.empty()) {
-    if (storage_.empty()) Allocate();
-    PlaceStaged();
-    CommitPlaced();
-  }
+  if (going_count > 0 || !staged_.empty()) CommitPlaced();
   stale_count_ = 0;
 }
 
+void CandidateList::CommitInTurn() {
+  is_used_ |= is_offered_;
+  std::vector<Staged> offers;
+  offers.swap(staged_);
+  if (stale_count_ > 0) CommitPlaced();
+  stale_count_ = 0;
+  for (const Staged& offer : offers) Offer(offer.candidate, UpdateMode::kIncremental);
+  offers.clear();
+  staged_.swap(offers);
+}
+
 void CandidateList::CommitPlaced() {
+  PlaceStaged();
   const Progress start = DropSurplus();
   MakeRoom(start.place + std::min(TotalCount(), kListCapacity));
   const std::size_t end = Rearrange(start);
@@ -173,13 +167,16 @@ std::size_t CandidateList::Rearrange(const Progress& start) {
   std::size_t coming = start.coming;
   std::size_t in = start.place;
   std::size_t out = start.place;
+  std::size_t rising_count = 0;
   const auto pass_until = [&](std::size_t end) {
     assert(in <= end);
     const std::size_t count = end - in;
     if (out < in) {
       MoveEntries(in, out, count);
     } else if (out > in && count > 0) {
-      rising_.push_back({in, out, count});
+      stale_.front().rising[rising_count++] = {static_cast<std::uint32_t>(in),
+                                               static_cast<std::uint32_t>(out),
+                                               static_cast<std::uint32_t>(count)};
     }
     in += count;
     out += count;
@@ -197,8 +194,9 @@ std::size_t CandidateList::Rearrange(const Progress& start) {
     }
   }
   pass_until(size_);
-  for (; !rising_.empty(); rising_.pop_back()) {
-    MoveEntries(rising_.back().from, rising_.back().to, rising_.back().count);
+  while (rising_count > 0) {
+    const Stretch& rising = stale_.front().rising[--rising_count];
+    MoveEntries(rising.from, rising.to, rising.count);
   }
   for (std::size_t s = start.coming; s < staged_.size(); ++s) {
     Write(staged_[s].place, staged_[s].candidate);
@@ -206,7 +204,8 @@ std::size_t CandidateList::Rearrange(const Progress& start) {
   return out;
 }
 
-void CandidateList::Allocate() {
+void CandidateList::Reserve() {
+  if (!storage_.empty()) return;
   storage_.resize(1);
   begin_ = kRoom / 2;
 }

@@ -33,8 +33,10 @@ enum class UpdateMode { kFull, kIncremental };
 //   (3) No candidate stands twice.
 // Cost: Offer O(log size) to find and one move of the better entries; TakeBest
 // O(1); MarkStale one pass over positions; Stage O(1); Commit O(log size) for each staged
-// candidate and one move of what stands above the least change. Storage is allocated by the
-// first offer that is kept, and never again.
+// candidate and one move of what stands above the least change.
+// Memory: storage is allocated by Reserve or the first offer of a full update, and never
+// again. MarkStale and Stage change nothing but the update under way, so where memory runs
+// out it may be begun anew. Commit, and any Offer once there is storage, allocate nothing.
 // Threads: none.
 class CandidateList {
  public:
@@ -55,6 +57,9 @@ class CandidateList {
   // nothing below the least promising entry, so that an emptied list asks for a
   // full update instead of living on leftovers.
   void Offer(const Candidate& candidate, UpdateMode mode);
+
+  // Allocates what a list takes.
+  void Reserve();
 
   // The list must not be empty.
   Candidate TakeBest();
@@ -82,13 +87,14 @@ class CandidateList {
   // Offers a candidate of a marked trial, to take effect by Commit. The least entry that
   // was not marked is the least that an offer must reach.
   void Stage(const Candidate& candidate) {
-    is_used_ = true;
-    if (candidate.key >= floor_) StageReaching(candidate);
+    is_offered_ = true;
+    if (!(candidate.key >= floor_)) return;
+    staged_.push_back({candidate, static_cast<std::uint32_t>(staged_.size()), 0});
   }
-  // Of an empty list: every candidate that is staged from now on, each at most once, is to be
-  // listed, as in an update of every trial.
-  void StageAll();
   void Commit();
+  // The same where candidates of other trials than the marked ones were staged, too: these
+  // may be listed.
+  void CommitInTurn();
 
   // How many candidates have the least key.
   std::size_t LeastCount() const;
@@ -111,11 +117,17 @@ class CandidateList {
     std::int32_t tests[kRoom];
   };
   enum class Fate : std::uint8_t { kMayStay, kStays, kGoes };
+  struct Stretch {
+    std::uint32_t from;
+    std::uint32_t to;
+    std::uint32_t count;
+  };
   // In ascending order of places, so of keys.
   struct Stale {
     std::uint32_t places[kListCapacity + kScanned];
     double keys[kListCapacity];
     Fate fates[kListCapacity];
+    Stretch rising[kListCapacity];  // to be moved towards the end
   };
   struct Staged {
     Staged() {}  // unset
@@ -132,22 +144,14 @@ class CandidateList {
     std::size_t going = 0;
     std::size_t coming = 0;
   };
-  struct Stretch {
-    std::size_t from;
-    std::size_t to;
-    std::size_t count;
-  };
-
   const double* Keys() const { return storage_.front().keys + begin_; }
   const std::uint32_t* Positions() const { return storage_.front().positions + begin_; }
   const std::int32_t* Tests() const { return storage_.front().tests + begin_; }
 
   void ForgetUpdate();
-  void Allocate();
   void FindStale(const std::uint32_t* rebuilt, std::size_t count);
   void MarkUnsetKeys();
   void JudgeStale();
-  void StageReaching(const Candidate& candidate);
   void LetStand();
   template <typename ComesBefore>
   void PlaceAmong(const double* keys, std::size_t count, ComesBefore comes_before);
@@ -166,14 +170,14 @@ class CandidateList {
   std::size_t size_ = 0;
   bool is_used_ = false;
   bool has_unordered_keys_ = false;
-  std::vector<Storage> storage_;  // one, allocated by the first entry
+  std::vector<Storage> storage_;  // one, once there is any
 
   // The update under way.
+  bool is_offered_ = false;            // anything
   Scratch<std::vector<Stale>> stale_;  // likewise
   std::size_t stale_count_ = 0;
   double floor_ = std::numeric_limits<double>::quiet_NaN();  // nothing reaches it
   std::vector<Staged> staged_;
-  Scratch<std::vector<Stretch>> rising_;  // to be moved towards the end
 };
 
 }  // namespace QuenloftSolver

@@ -55,9 +55,13 @@ void Candidates::Prefetch(std::uint32_t position) const {
   }
 }
 
-// What a trial that came to nothing, where memory ran out, left is overwritten.
+void Candidates::Reserve(std::uint32_t combination) {
+  if (combination_count_ == 1) return;
+  ReserveOneMore(ranks_);
+  ReserveOneMore(positions_[combination]);
+}
+
 void Candidates::Append(std::uint32_t position, std::uint32_t combination) {
-  TakeBack(position);
   if (combination_count_ > 1) {
     std::vector<std::uint32_t>& positions = positions_[combination];
     ranks_.push_back(static_cast<std::uint32_t>(positions.size()));
@@ -82,35 +86,43 @@ void Candidates::Begin(SegmentSource& source) {
   UpdateAll(all, source);
 }
 
+// All that is allocated is so before the lists change.
 void Candidates::Update(const Disturbance& disturbance, SegmentSource& source) {
-  MarkStale(disturbance);
-  if (ClearOutdatedLists()) {
-    CommitLists();
-    UpdateAll(disturbance.rebuilt, source);
-    return;
+  if (stage_ != Stage::kFull) {
+    MarkStale(disturbance);
+    if (!ClearOutdatedLists()) return UpdateIncrementally(disturbance, source);
+    for (Class& its : classes_) {
+      its.local.Commit();
+      its.global.Commit();
+    }
   }
-  // Where more than the rebuilt trials offer their segments some of these may be listed.
-  const bool are_all_new = disturbance.rescored.size() == disturbance.rebuilt.size();
-  if (!are_all_new) CommitLists();
+  UpdateAll(disturbance.rebuilt, source);
+}
+
+void Candidates::UpdateIncrementally(const Disturbance& disturbance, SegmentSource& source) {
+  stage_ = Stage::kIncremental;
   for (const std::uint32_t position : disturbance.rescored) {
     const std::size_t count = Rescore(position, source);
     for (std::size_t i = 0; i < count; ++i) {
       const ClassedSegment& segment = segments_[i];
       Class& its = classes_[segment.segment_class];
-      const Candidate local = {segment.local_key, position, segment.test};
-      const Candidate global = {segment.global_key, position, segment.test};
-      if (are_all_new) {
-        its.local.Stage(local);
-        its.global.Stage(global);
-      } else {
-        its.local.Offer(local, UpdateMode::kIncremental);
-        its.global.Offer(global, UpdateMode::kIncremental);
-      }
+      its.local.Stage({segment.local_key, position, segment.test});
+      its.global.Stage({segment.global_key, position, segment.test});
     }
     work_.offers += 2 * count;
   }
-  if (are_all_new) CommitLists();
+  const bool are_all_new = disturbance.rescored.size() == disturbance.rebuilt.size();
+  for (Class& its : classes_) {
+    for (CandidateList* const list : {&its.local, &its.global}) {
+      if (are_all_new) {
+        list->Commit();
+      } else {
+        list->CommitInTurn();
+      }
+    }
+  }
   ForgetSlopeChanges();
+  stage_ = Stage::kNone;
 }
 
 void Candidates::ForgetSlopeChanges() {
@@ -127,7 +139,8 @@ void Candidates::ForgetSlopeChanges() {
 // the next update sets it again, so an entry is stale exactly when its trial was
 // rebuilt since (or its key happens to be the mark for unset). And rebuilt trials are of
 // one combination, so the lists of others hold nothing stale; nor does a list whose
-// least key none of the rebuilt trials reached before: more than half of all.
+// least key none of the rebuilt trials reached before: more than half of all. (Where memory
+// ran out what they reached before is known no more.)
 void Candidates::MarkStale(const Disturbance& disturbance) {
   for (std::uint32_t c = 0; c < ClassCount(); ++c) {
     const bool may_be_stale = c % combination_count_ == disturbance.combination;
@@ -137,7 +150,8 @@ void Candidates::MarkStale(const Disturbance& disturbance) {
       if (!list.IsEmpty()) {
         const double least = list.LeastKey();
         for (const std::uint32_t position : disturbance.rebuilt) {
-          if (list.HasUnorderedKeys() || !(bounds[RankOf(position)] < least)) {
+          if (list.HasUnorderedKeys() || stage_ == Stage::kIncremental ||
+              !(bounds[RankOf(position)] < least)) {
             in_list_.push_back(position);
           }
         }
@@ -164,28 +178,29 @@ bool Candidates::ClearOutdatedLists() {
   return some_ran_dry;
 }
 
-void Candidates::CommitLists() {
-  for (Class& its : classes_) {
-    its.local.Commit();
-    its.global.Commit();
-  }
-}
-
 // Offers every segment that can leave a trace, to each list in the order of the store. Bounds
 // of no trials but the given ones are out of date.
 void Candidates::UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSource& source) {
-  ++work_.full_updates;
+  if (stage_ != Stage::kFull) {
+    stage_ = Stage::kFull;
+    filled_count_ = 0;
+    ++work_.full_updates;
+  }
   for (const std::uint32_t position : rebuilt) Rescore(position, source);
-  for (std::uint32_t c = 0; c < ClassCount(); ++c) {
-    Class& its = classes_[c];
-    UpdateList(c, its.global, bounds_[c].global, &ClassedSegment::global_key, source);
-    UpdateList(c, its.local, bounds_[c].local, &ClassedSegment::local_key, source);
+  for (; filled_count_ < 2 * ClassCount(); ++filled_count_) {
+    const std::uint32_t c = filled_count_ / 2;
+    if (filled_count_ % 2 == 0) {
+      FillList(c, classes_[c].global, bounds_[c].global, &ClassedSegment::global_key, source);
+    } else {
+      FillList(c, classes_[c].local, bounds_[c].local, &ClassedSegment::local_key, source);
+    }
   }
   ForgetSlopeChanges();
+  stage_ = Stage::kNone;
 }
 
-void Candidates::UpdateList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
-                            double ClassedSegment::*key, SegmentSource& source) {
+void Candidates::FillList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
+                          double ClassedSegment::*key, SegmentSource& source) {
   bounds.Settle();
   // Then every global key must be computed anew.
   const bool is_outdated = classes_[c].slope_changed && &list == &classes_[c].global;
@@ -195,11 +210,10 @@ void Candidates::UpdateList(std::uint32_t c, CandidateList& list, KeyBounds& bou
     return demand.Needs(bound, first, end);
   };
   bounds.List(needs, needed_);
+  if (needed_.empty()) return;
+  list.Reserve();
+  demand.Prepare(list);
   work_.visited += needed_.size();
-  // An empty list is filled in one go.
-  const bool is_staged = list.IsEmpty() && !list.HasUnorderedKeys() && !is_outdated &&
-                         !bounds.HasUnknown() && needed_.size() < 4 * kListCapacity;
-  if (is_staged) list.StageAll();
   constexpr std::size_t kAhead = 8;  // they stand anywhere in memory
   for (std::size_t i = 0; i < needed_.size(); ++i) {
     const std::size_t ahead = std::min(i + kAhead, needed_.size() - 1);
@@ -209,16 +223,10 @@ void Candidates::UpdateList(std::uint32_t c, CandidateList& list, KeyBounds& bou
         is_outdated ? Rescore(position, source) : source.SegmentsOf(position, segments_);
     for (const ClassedSegment* segment = segments_; segment != segments_ + count; ++segment) {
       if (segment->segment_class != c || !demand.Wants(segment->*key)) continue;
-      const Candidate candidate = {segment->*key, position, segment->test};
-      if (is_staged) {
-        list.Stage(candidate);
-      } else {
-        list.Offer(candidate, UpdateMode::kFull);
-      }
+      list.Offer({segment->*key, position, segment->test}, UpdateMode::kFull);
       ++work_.offers;
     }
   }
-  if (is_staged) list.Commit();
 }
 
 // Reads the segments of a trial and keeps their best keys. Returns their number.
@@ -252,6 +260,7 @@ void Candidates::Rollback() {
   classes_.swap(remembered_.classes);
   max_slope_ = remembered_.max_slope;
   slopes_changed_ = remembered_.slopes_changed;
+  stage_ = Stage::kNone;
   TakeBack(remembered_.trial_count);
   for (Bounds& bounds : bounds_) {
     bounds.local.Rollback();

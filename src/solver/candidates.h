@@ -11,6 +11,7 @@
 
 #include "solver/candidate_list.h"
 #include "solver/key_bounds.h"
+#include "solver/reserve.h"
 #include "solver/scratch.h"
 
 namespace QuenloftSolver {
@@ -110,11 +111,14 @@ class Candidates {
 
   // Asks memory for what an update will read of a trial.
   void Prefetch(std::uint32_t position) const;
-  // Makes room for the trial that comes to stand at `position`, the first that is free.
+  // Makes room for one trial more.
+  void Reserve(std::uint32_t combination);
+  // The trial that comes to stand at `position`, the first that is free.
   void Append(std::uint32_t position, std::uint32_t combination);
-  // Brings the lists up to date with the newest trial.
+  // Brings the lists up to date with the newest trial. Where memory runs out it is to be called
+  // again, with the same trial, before anything else.
   void Update(const Disturbance& disturbance, SegmentSource& source);
-  // The first update, when none of the trials was ever offered.
+  // The first update, when none of the trials was ever offered. Likewise.
   void Begin(SegmentSource& source);
 
   // Remembers all of it, in place of an earlier checkpoint; Rollback makes it that again, and
@@ -159,11 +163,11 @@ class Candidates {
   void TakeBack(std::uint32_t position);
   void MarkStale(const Disturbance& disturbance);
   bool ClearOutdatedLists();
-  void CommitLists();
+  void UpdateIncrementally(const Disturbance& disturbance, SegmentSource& source);
   void ForgetSlopeChanges();
   void UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSource& source);
-  void UpdateList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
-                  double ClassedSegment::*key, SegmentSource& source);
+  void FillList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
+                double ClassedSegment::*key, SegmentSource& source);
   std::size_t Rescore(std::uint32_t position, SegmentSource& source);
 
   std::uint32_t combination_count_;
@@ -178,6 +182,11 @@ class Candidates {
   std::vector<std::vector<std::uint32_t>> positions_;  // of each combination, by rank
 
   State remembered_;
+
+  // The update under way, where memory ran out.
+  enum class Stage { kNone, kIncremental, kFull };
+  Stage stage_ = Stage::kNone;
+  std::uint32_t filled_count_ = 0;  // lists that a full one is through with
 
   Scratch<std::vector<std::uint32_t>> in_list_;  // rebuilt trials that may be in the list at hand
   Scratch<std::vector<std::uint32_t>> needed_;   // ranks

@@ -26,9 +26,6 @@ inline constexpr double kUnbounded = FLT_MAX;
 // nothing until it is used; appending never moves a trial before this many.
 inline constexpr std::size_t kReservedTrials = 1000000;
 
-// Room for the list of trials to refresh, at the start.
-inline constexpr std::size_t kReservedListing = 10000;
-
 // Entries that one candidate list holds at most.
 inline constexpr std::size_t kListCapacity = 1000;
 

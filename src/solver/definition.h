@@ -53,13 +53,15 @@ class Problem {
   void ToBounds(const double* unit, double* bounded) const {
     for (int k = 0; k < N; ++k) bounded[k] = width_[k] * unit[k] + lower_[k];
   }
-  // The categorical values are decoded into a buffer of its own: a function may run another
-  // search on this thread.
-  TestValue Evaluate(const Coordinates& unit, std::uint32_t combination) const {
-    Coordinates bounded;
-    ToBounds(unit.data(), bounded.data());
+  // In a buffer of its own: a function may run another search on this thread.
+  std::vector<std::int32_t> Categories(std::uint32_t combination) const {
     std::vector<std::int32_t> categories(categorical_sizes.size());
     DecodeCategories(categorical_sizes, combination, categories.data());
+    return categories;
+  }
+  TestValue Evaluate(const Coordinates& unit, const std::vector<std::int32_t>& categories) const {
+    Coordinates bounded;
+    ToBounds(unit.data(), bounded.data());
     return QuenloftSolver::Evaluate(functions_, bounded.data(),
                                     categories.empty() ? nullptr : categories.data());
   }

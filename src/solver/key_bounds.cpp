@@ -20,12 +20,14 @@ void KeyBounds::Set(std::uint32_t rank, double best_key) {
 }
 
 void KeyBounds::Resize(std::size_t count) {
-  keys_.resize(count, kAbsent);
+  std::size_t nodes = count;
   for (Level& level : levels_) {
-    count = (count + kFanOut - 1) / kFanOut;
-    level.is_changed.resize(count);
-    level.maxima.resize(count, kAbsent);
+    nodes = (nodes + kFanOut - 1) / kFanOut;
+    level.is_changed.resize(nodes);
+    level.maxima.resize(nodes, kAbsent);
+    level.changed.reserve(level.maxima.capacity());
   }
+  keys_.resize(count, kAbsent);
 }
 
 void KeyBounds::MarkChanged(std::size_t level, std::size_t node) {
@@ -44,7 +46,6 @@ void KeyBounds::Settle() {
       const std::size_t ahead = level.changed[std::min(i + kAhead, level.changed.size() - 1)];
       FetchLines(values.data() + ahead * kFanOut, kFanOut * sizeof(double));
       const std::size_t node = level.changed[i];
-      if (node >= level.maxima.size()) continue;  // no more, after a rollback
       const double* const begin = values.data() + node * kFanOut;
       const double* const end = values.data() + std::min(values.size(), (node + 1) * kFanOut);
       level.maxima[node] = *std::max_element(begin, end);
@@ -126,6 +127,11 @@ void KeyBounds::Rollback() {
   unknown_count_ -= static_cast<std::size_t>(
       std::count(keys_.begin() + static_cast<std::ptrdiff_t>(size_before_), keys_.end(), kUnknown));
   Resize(size_before_);
+  for (Level& level : levels_) {
+    const auto is_gone = [&](std::uint32_t node) { return node >= level.maxima.size(); };
+    std::vector<std::uint32_t>& changed = level.changed;
+    changed.erase(std::remove_if(changed.begin(), changed.end(), is_gone), changed.end());
+  }
   // The last block may have lost some of its trials.
   if (size_before_ > 0) MarkChanged(1, (size_before_ - 1) / kFanOut);
 }

@@ -63,7 +63,7 @@ class KeyBounds {
   void List(Needs needs, std::vector<std::uint32_t>& ranks) const;
 
   // Remembers the bounds as they are, in place of an earlier checkpoint; Rollback makes them
-  // that again, and the checkpoint stands no more.
+  // that again, and the checkpoint stands no more. Neither allocates.
   void Checkpoint();
   void Rollback();
 
@@ -74,7 +74,7 @@ class KeyBounds {
   struct Level {
     std::vector<double> maxima;
     std::vector<std::uint8_t> is_changed;
-    std::vector<std::uint32_t> changed;
+    std::vector<std::uint32_t> changed;  // has room for all
   };
   struct Remembered {
     std::uint32_t rank;
@@ -84,7 +84,7 @@ class KeyBounds {
   const std::vector<double>& Values(std::size_t level) const {
     return level == 0 ? keys_ : levels_[level - 1].maxima;
   }
-  void Resize(std::size_t count);
+  void Resize(std::size_t count);  // the keys last: where memory runs out, it is done again
   void MarkChanged(std::size_t level, std::size_t node);
   template <typename Keep>  // bool(double value, std::size_t node)
   void Expand(std::size_t level, Keep keep, std::vector<std::uint32_t>& nodes) const;

@@ -32,10 +32,15 @@ class ListDemand {
  public:
   // Of a list that wants everything.
   ListDemand() = default;
-  // Of a list and the bounds of its class, which are settled. The list may lose entries at L.
-  // `rank_of(position)` is the rank by which the bounds know the trial.
+  // Of a list and the bounds of its class, which are settled. `rank_of(position)` is the rank
+  // by which the bounds know the trial.
   template <typename RankOf>
-  ListDemand(CandidateList& list, KeyBounds& bounds, RankOf rank_of);
+  ListDemand(const CandidateList& list, KeyBounds& bounds, RankOf rank_of);
+
+  // Takes off the list, before anything is offered, the entries at L that it can do without.
+  void Prepare(CandidateList& list) const {
+    if (is_without_least_) list.ForgetLeast();
+  }
 
   // Whether a trial is needed, of those from rank `first` to before `end`, of which the best
   // key is `bound`.
@@ -47,6 +52,7 @@ class ListDemand {
 
  private:
   double least_ = KeyBounds::kAbsent;
+  bool is_without_least_ = false;
   // Trials whose best key is `least_` are needed up to here,
   std::size_t first_ties_end_ = 0;
   // and from here on.
@@ -54,7 +60,7 @@ class ListDemand {
 };
 
 template <typename RankOf>
-ListDemand::ListDemand(CandidateList& list, KeyBounds& bounds, RankOf rank_of) {
+ListDemand::ListDemand(const CandidateList& list, KeyBounds& bounds, RankOf rank_of) {
   if (list.HasUnorderedKeys() || bounds.HasUnknown()) return;
   if (list.Size() < kListCapacity) {
     least_ = bounds.ReachedBy(kListCapacity);
@@ -70,7 +76,7 @@ ListDemand::ListDemand(CandidateList& list, KeyBounds& bounds, RankOf rank_of) {
   }
   ties_begin_ = bounds.BeginOfLast(count, least_);
   if (bounds.EndOfFirst(count, least_) <= first_listed) {
-    list.ForgetLeast();
+    is_without_least_ = true;
   } else {
     first_ties_end_ = bounds.EndOfFirst(2 * count, least_);
   }

@@ -25,6 +25,9 @@ namespace QuenloftSolver {
 // are to be offered again: as it was rebuilt now, or among the initial trials and never listed
 // since. Those bear the flag kChanged until the next refresh begins.
 //
+// Where memory runs out, what is done from Begin to ListRebuilt is to be begun anew, and
+// RebuildTables and RebuildInitial have done nothing yet.
+//
 // Cost: in proportion to the listed trials and their neighbours, and to rebuilt times listed.
 // Threads: RebuildTables may have a team, whatever its size with the same result.
 template <int N>
@@ -35,7 +38,7 @@ class Refresh {
   void Attach(TrialStore<N>* store) { store_ = store; }
 
   // Before a trial is appended.
-  void Reserve() { is_listed_.Resize(store_->Size() + std::size_t{1}); }
+  void Reserve();
 
   // Begins anew, with the newest trial alone listed.
   void Begin();
@@ -49,9 +52,12 @@ class Refresh {
   void ListRebuilt();
   // Rebuilds these tables. `threads` is 0 to be told by the work.
   void RebuildTables(const TableRules& rules, int threads);
-  // The flag kChanged of this trial goes when the next refresh begins.
+  // The flag kChanged of this trial goes when the next refresh begins. For no more than the
+  // data of one fit.
   void Unflag(std::uint32_t position);
 
+  // Makes room for RebuildInitial among so many.
+  void ReserveInitial(std::size_t rivals);
   // Rebuilds one initial trial's table among all of its combination.
   void RebuildInitial(std::uint32_t position, const std::vector<std::uint32_t>& rivals,
                       const TableRules& rules);
@@ -75,7 +81,7 @@ class Refresh {
   std::size_t TakeRingWithinExtent(std::size_t ring_begin);
 
   // neighbour_tables_impl.h
-  void ReserveWorkers(int threads, std::size_t candidates);
+  void ReserveTables(int threads, std::size_t candidates);
   void RebuildAmong(const std::vector<std::uint32_t>& candidates, const TableRules& rules,
                     int threads);
 
@@ -91,6 +97,7 @@ class Refresh {
   TrialBits is_listed_;
   std::vector<std::uint32_t> rescored_;
   std::vector<std::uint32_t> rebuilt_positions_;
+  std::vector<RebuiltTable> rebuilt_;  // likewise
   std::uint32_t number_ = 0;  // of this refresh, as it marks what the flood met
 
   struct State {
@@ -102,7 +109,6 @@ class Refresh {
 
   // Meaningless between two calls.
   Scratch<std::vector<std::uint32_t>> seen_;  // trials that a ring of the flood meets first
-  Scratch<std::vector<RebuiltTable>> rebuilt_;
   Scratch<std::vector<std::uint32_t>> local_candidates_;  // candidates marked local
   Scratch<std::vector<TableWorker<N>>> workers_;          // one per thread
 

@@ -22,6 +22,16 @@ struct Segment {
   std::int32_t partner;  // as in a table; kNone for a trial that splits no segment
 };
 
+// What is next to be done to register the newest trial.
+enum class Registration {
+  kInitialTables,  // of all initial trials
+  kInitialLists,
+  kFlood,
+  kTables,
+  kLists,
+  kDone
+};
+
 // A point that waits for its value, and how its trial is registered.
 template <int N>
 struct PendingPoint {
@@ -36,11 +46,15 @@ template <int N>
 struct SearchState {
   std::uint32_t best_position = 0;
   TestValue best{-1, kUnset};
-  std::vector<double> index_minima;  // one per index
-  double alternation = 0.0;          // sums up local_vs_global; a local step is due at 1
-  std::uint32_t initial_taken = 0;   // initial points accepted or discarded
-  std::uint32_t fits_due = 0;        // after the step that improved the best trial
-  std::optional<PendingPoint<N>> pending;
+  std::vector<double> index_minima;        // one per index
+  double alternation = 0.0;                // sums up local_vs_global; a local step is due at 1
+  std::uint32_t initial_taken = 0;         // initial points accepted or discarded
+  std::uint32_t fits_due = 0;              // after the step that improved the best trial
+  std::optional<PendingPoint<N>> pending;  // until its trial is appended
+  // The newest trial.
+  PendingPoint<N> newest;
+  Registration registration = Registration::kDone;
+  bool has_improved = false;  // on the best trial
 };
 
 // Work done since construction.

@@ -32,6 +32,8 @@ namespace QuenloftSolver {
 //   (1) Trials are only appended; a trial's position never changes.
 //   (2) Trials of different combinations are never neighbours.
 //   (3) Every characteristic in the table of a linked trial is computed.
+//   (4) All trials are registered, unless memory ran out: then what is left to be done for the
+//       newest one stands in the state, and the next operation does it first.
 // Cost: a step works in proportion to the trials around the new one, but for some updates.
 template <int N>
 class Solver final : public SolverBase, private SegmentSource {
@@ -75,25 +77,30 @@ class Solver final : public SolverBase, private SegmentSource {
   // initial_trials_impl.h
   bool IsInitialising() const { return state_.initial_taken < InitialCount(); }
   bool ProposeInitial();
+  void InitialIsTaken();
   void LinkInitialTrials();
 
   // iteration_step_impl.h
   bool ProposeSegment();
-  bool AcceptEvaluated();
+  void AcceptEvaluated();
   StepKind NextKind();
   Segment TakeSegment(StepKind kind);
   void PrefetchBehind(const CandidateList& list) const;
   double SplittingSlope(const Test<N>& anchor, StepKind kind) const;
   Coordinates PointOn(const Segment& segment, StepKind kind) const;
   bool IsDuplicate(const Coordinates& point, const Segment& segment) const;
-  void Append(const Coordinates& point, std::uint32_t combination, const TestValue& value,
-              std::uint32_t flags);
-  bool RegisterNewest(const Segment& segment, int whole_rings);
+  void Reserve(std::uint32_t combination);
+  void Append(const PendingPoint<N>& point, const TestValue& value);
+  void Register();
+  void FloodAround(const Segment& segment, int whole_rings);
+  void RebuildTables();
+  void CountFits();
   TableRules Rules() const;
   bool UpdateBest(std::uint32_t position);
 
   // local_refinement_impl.h
   bool ProposeDueFit();
+  void ReserveFit();
   bool ProposeFit(std::uint32_t position);
   bool ListFitData(std::uint32_t position);
 

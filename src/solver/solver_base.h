@@ -50,6 +50,11 @@ struct SearchParameters {
 
 // A search over the unit box that stands for the caller's box, one trial a step.
 //
+// Memory: where it runs out an operation throws std::bad_alloc. A trial that is stored then
+// stays, and the operations that go on with the search first finish what was begun; a
+// proposal that is not stored waits as before. So a search that is given memory again goes on
+// as if nothing had been. From Checkpoint to Rollback, take the guesses back first.
+//
 // Threads: none of the operations may overlap with another on the same solver.
 // Step and Fit use several threads inside; the functions are called on the
 // caller's thread only.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "solver/aligned.h"
+#include "solver/reserve.h"
 #include "solver/trial.h"
 #include "solver/trial_bits.h"
 
@@ -41,7 +42,10 @@ class TrialStore {
   // The bytes of a cache that would hold all trials.
   std::size_t Bytes() const { return trials_.size() * sizeof(Test<N>); }
 
-  // Adds a trial without a neighbourhood. Where memory runs out the store is as before.
+  // Makes room for one trial more; Append must find some. Where memory runs out the store is
+  // as before.
+  void ReserveNext();
+  // Adds a trial without a neighbourhood.
   void Append(const Coordinates& point, std::uint32_t combination, const TestValue& value,
               std::uint32_t flags);
 
@@ -92,8 +96,9 @@ class TrialStore {
 
   // Remembers the store as it is, in place of an earlier checkpoint.
   void Checkpoint();
-  // Makes it what it was at the checkpoint, which then stands no more.
+  // Makes it what it was at the checkpoint, which then stands no more. Allocates nothing.
   void Rollback();
+  void ForgetCheckpoint();
   bool HasCheckpoint() const { return has_checkpoint_; }
 
  private:
@@ -109,7 +114,6 @@ class TrialStore {
 
   void Remember(std::uint32_t position);
   void RememberKeys(std::uint32_t position);
-  void ForgetCheckpoint();
 
   std::vector<Test<N>> trials_;
   std::vector<FloodRow<N>> rows_;

@@ -126,6 +126,7 @@ TEST(TrialStore, GrowsBeyondItsReserve) {
     return std::array<double, 1>{1.0 / (position + 1)};
   };
   for (std::uint32_t position = 0; position < kCount; ++position) {
+    store.ReserveNext();
     store.Append(point_of(position), position % 3, {0, -1.0 * position}, 0);
     if (position % 1000 == 7) store.SetLocal(position);
   }

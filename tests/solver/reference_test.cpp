@@ -343,6 +343,7 @@ TEST(ListDemand, PassesOverTrialsThatLeaveNoTrace) {
     }
     bounds.Settle();
     const ListDemand demand(list, bounds, [](std::uint32_t position) { return position; });
+    demand.Prepare(list);
     std::vector<std::uint32_t> needed;
     bounds.List([&](double bound, std::size_t first,
                     std::size_t end) { return demand.Needs(bound, first, end); },

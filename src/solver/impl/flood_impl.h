@@ -12,6 +12,13 @@
 
 namespace QuenloftSolver {
 
+template <int N>
+void Refresh<N>::Reserve() {
+  is_listed_.Resize(store_->Size() + std::size_t{1});
+  listed_.reserve(1);
+  rescored_.reserve(3 * N + 2);  // see Unflag
+}
+
 // Starts a new refresh with the newest trial on its list. A new number makes all trials
 // unmet at once; the newest needs no mark, as no table has it yet.
 template <int N>

@@ -11,8 +11,8 @@ namespace QuenloftSolver {
 
 template <int N>
 void Solver<N>::Initialize() {
-  if (store_.Size() > 0) return;
-  while (ProposeInitial()) {
+  if (!IsInitialising() || (store_.Size() > 0 && !state_.pending)) return;
+  while (state_.pending || ProposeInitial()) {
     AcceptEvaluated();
     if (check_interruption_) check_interruption_();
   }
@@ -36,12 +36,20 @@ bool Solver<N>::ProposeInitial() {
 }
 
 template <int N>
+void Solver<N>::InitialIsTaken() {
+  if (++state_.initial_taken < InitialCount()) return;
+  state_.registration = Registration::kInitialTables;
+  Register();
+}
+
+template <int N>
 void Solver<N>::LinkInitialTrials() {
   state_.index_minima.assign(problem_.FunctionCount(), kUnbounded);
   std::vector<std::vector<std::uint32_t>> of_combination(problem_.combination_count);
   for (std::uint32_t position = 0; position < TestCount(); ++position) {
     of_combination[store_[position].combination].push_back(position);
   }
+  for (const auto& rivals : of_combination) refresh_.ReserveInitial(rivals.size());
   for (std::uint32_t position = 0; position < TestCount(); ++position) {
     const Test<N>& trial = store_[position];
     refresh_.RebuildInitial(position, of_combination[trial.combination], Rules());
@@ -49,7 +57,6 @@ void Solver<N>::LinkInitialTrials() {
     UpdateBest(position);
   }
   refresh_.EndInitial();
-  candidates_.Begin(*this);
 }
 
 }  // namespace QuenloftSolver

@@ -17,12 +17,17 @@ namespace QuenloftSolver {
 template <int N>
 void Solver<N>::Step() {
   Initialize();
-  if (ProposeSegment()) AcceptEvaluated();
+  if (state_.registration != Registration::kDone) {
+    Register();
+  } else if (state_.pending || ProposeSegment()) {
+    AcceptEvaluated();
+  }
   while (ProposeDueFit()) AcceptEvaluated();
 }
 
 template <int N>
 std::optional<SolverBase::Proposal> Solver<N>::Propose() {
+  Register();
   if (!state_.pending && !ProposeInitial() && !ProposeDueFit() && !ProposeSegment())
     return std::nullopt;
   Proposal proposal{state_.pending->point.data(), state_.pending->combination};
@@ -50,60 +55,57 @@ bool Solver<N>::ProposeSegment() {
   return true;
 }
 
-// A function that fails takes the proposal with it.
+// A function that fails takes the proposal with it; memory that runs out does not.
 template <int N>
-bool Solver<N>::AcceptEvaluated() {
+void Solver<N>::AcceptEvaluated() {
   const PendingPoint<N> proposed = *state_.pending;
+  Reserve(proposed.combination);
+  const std::vector<std::int32_t> categories = problem_.Categories(proposed.combination);
   state_.pending.reset();
-  const TestValue value = problem_.Evaluate(proposed.point, proposed.combination);
+  const TestValue value = problem_.Evaluate(proposed.point, categories);
   state_.pending = proposed;
-  return Accept(value);
+  Accept(value);
 }
 
 template <int N>
 bool Solver<N>::Accept(const TestValue& value, const double* point) {
   assert(state_.pending && std::isfinite(value.value));
   assert(value.index >= 0 && value.index < static_cast<std::int32_t>(problem_.FunctionCount()));
+  PendingPoint<N> accepted = *state_.pending;
   if (point != nullptr) {
-    std::copy_n(point, N, state_.pending->point.begin());
-    state_.pending->whole_rings = 2;  // it may lie beside the segment
+    std::copy_n(point, N, accepted.point.begin());
+    accepted.whole_rings = 2;  // it may lie beside the segment
   }
-  Append(state_.pending->point, state_.pending->combination, value, state_.pending->flags);
-  const PendingPoint<N> accepted = *state_.pending;
+  Append(accepted, value);
   state_.pending.reset();
   if (IsInitialising()) {
-    if (++state_.initial_taken < InitialCount()) return false;
-    LinkInitialTrials();
-    return true;
+    InitialIsTaken();
+    return !IsInitialising();
   }
-  const bool improved = RegisterNewest(accepted.segment, accepted.whole_rings);
-  const bool is_fit = (accepted.flags & SolverBase::TestBase::kFromFit) != 0;
-  if (!improved) {
-    state_.fits_due = 0;
-  } else if (!is_fit) {
-    state_.fits_due = problem_.parameters.fit;
-  } else if (state_.fits_due > 0) {
-    --state_.fits_due;
-  }
-  return improved;
+  state_.registration = Registration::kFlood;
+  Register();
+  return state_.has_improved;
 }
 
 template <int N>
 void Solver<N>::Discard() {
   assert(state_.pending);
   state_.pending.reset();
-  if (IsInitialising() && ++state_.initial_taken == InitialCount()) LinkInitialTrials();
+  if (IsInitialising()) InitialIsTaken();
 }
 
 template <int N>
 bool Solver<N>::Insert(const double* point, std::uint32_t combination, const TestValue& value,
                        std::uint32_t anchor) {
+  Register();
   assert(!state_.pending && !IsInitialising());
   assert(anchor < TestCount() && store_[anchor].combination == combination);
-  Coordinates coordinates;
-  std::copy_n(point, N, coordinates.begin());
-  Append(coordinates, combination, value, SolverBase::TestBase::kInserted);
-  return RegisterNewest({anchor, kNone}, 2);
+  PendingPoint<N> inserted{{}, combination, {anchor, kNone}, 2, SolverBase::TestBase::kInserted};
+  std::copy_n(point, N, inserted.point.begin());
+  Append(inserted, value);
+  state_.registration = Registration::kFlood;
+  Register();
+  return state_.has_improved;
 }
 
 template <int N>
@@ -234,19 +236,59 @@ bool Solver<N>::IsDuplicate(const Coordinates& point, const Segment& segment) co
           point == store_[static_cast<std::uint32_t>(segment.partner)].coordinate);
 }
 
-// The parts make room first: where memory runs out none of them has the trial.
+// For one trial more, and the fit that may follow: all that the step allocates before the trial
+// is there.
 template <int N>
-void Solver<N>::Append(const Coordinates& point, std::uint32_t combination, const TestValue& value,
-                       std::uint32_t flags) {
+void Solver<N>::Reserve(std::uint32_t combination) {
+  store_.ReserveNext();
   refresh_.Reserve();
-  candidates_.Append(TestCount(), combination);
-  store_.Append(point, combination, value, flags);
+  candidates_.Reserve(combination);
+  if (problem_.parameters.fit > 0) ReserveFit();
 }
 
-// Registers the trial just appended and refreshes the neighbourhoods it disturbs. A
-// partner of kNone stands for none. True when the trial is the new best.
 template <int N>
-bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
+void Solver<N>::Append(const PendingPoint<N>& point, const TestValue& value) {
+  Reserve(point.combination);
+  candidates_.Append(TestCount(), point.combination);
+  store_.Append(point.point, point.combination, value, point.flags);
+  state_.newest = point;
+}
+
+// Registers the newest trial, if that is still to be done. Memory may run out before each
+// part, and only there.
+template <int N>
+void Solver<N>::Register() {
+  Registration& next = state_.registration;
+  switch (next) {
+    case Registration::kInitialTables:
+      LinkInitialTrials();
+      next = Registration::kInitialLists;
+      [[fallthrough]];
+    case Registration::kInitialLists:
+      candidates_.Begin(*this);
+      break;
+    case Registration::kFlood:
+      FloodAround(state_.newest.segment, state_.newest.whole_rings);
+      next = Registration::kTables;
+      [[fallthrough]];
+    case Registration::kTables:
+      RebuildTables();
+      next = Registration::kLists;
+      [[fallthrough]];
+    case Registration::kLists:
+      candidates_.Update({state_.newest.combination, refresh_.Rebuilt(), refresh_.Rescored()},
+                         *this);
+      CountFits();
+      break;
+    case Registration::kDone:
+      break;
+  }
+  next = Registration::kDone;
+}
+
+// Lists the neighbourhoods that the newest trial disturbs. A partner of kNone stands for none.
+template <int N>
+void Solver<N>::FloodAround(const Segment& segment, int whole_rings) {
   const std::uint32_t position = TestCount() - 1;
   refresh_.Begin();
   Extent<N>& extent = store_.Change(position).extent;
@@ -262,16 +304,30 @@ bool Solver<N>::RegisterNewest(const Segment& segment, int whole_rings) {
   }
   refresh_.Spread(whole_rings);
   refresh_.ListRebuilt();
+}
+
+// Refreshes them.
+template <int N>
+void Solver<N>::RebuildTables() {
   for (const std::uint32_t rebuilt : refresh_.Rebuilt()) candidates_.Prefetch(rebuilt);
   refresh_.RebuildTables(Rules(), store_.HasCheckpoint() ? 1 : forced_threads_);
-
   for (const std::uint32_t rebuilt : refresh_.Rebuilt()) {
     candidates_.RaiseSlope(ClassOf(store_[rebuilt]), store_[rebuilt].slope);
   }
-  const bool improved = UpdateBest(position);
-  candidates_.Update({store_[position].combination, refresh_.Rebuilt(), refresh_.Rescored()},
-                     *this);
-  return improved;
+  state_.has_improved = UpdateBest(TestCount() - 1);
+}
+
+template <int N>
+void Solver<N>::CountFits() {
+  if ((state_.newest.flags & SolverBase::TestBase::kInserted) != 0) return;
+  const bool is_fit = (state_.newest.flags & SolverBase::TestBase::kFromFit) != 0;
+  if (!state_.has_improved) {
+    state_.fits_due = 0;
+  } else if (!is_fit) {
+    state_.fits_due = problem_.parameters.fit;
+  } else if (state_.fits_due > 0) {
+    --state_.fits_due;
+  }
 }
 
 template <int N>

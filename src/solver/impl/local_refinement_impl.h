@@ -17,7 +17,10 @@ inline constexpr double kLargestFitError = 0.001;
 
 template <int N>
 bool Solver<N>::Fit(std::uint32_t position) {
-  return ProposeFit(position) && AcceptEvaluated();
+  Register();
+  state_.has_improved = false;
+  if (ProposeFit(position)) AcceptEvaluated();
+  return state_.has_improved;
 }
 
 // A step that improved the best trial is followed by fits while they improve it, too.
@@ -29,8 +32,14 @@ bool Solver<N>::ProposeDueFit() {
 }
 
 template <int N>
-bool Solver<N>::ProposeFit(std::uint32_t position) {
+void Solver<N>::ReserveFit() {
+  fit_data_.reserve(3 * N + 2);
   if (!local_fit_) local_fit_.reset(new LocalFit<N>);
+}
+
+template <int N>
+bool Solver<N>::ProposeFit(std::uint32_t position) {
+  ReserveFit();
   if (!ListFitData(position)) return false;
 
   Coordinates point;

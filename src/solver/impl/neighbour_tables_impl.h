@@ -22,6 +22,12 @@ void Refresh<N>::RebuildTables(const TableRules& rules, int threads) {
 }
 
 template <int N>
+void Refresh<N>::ReserveInitial(std::size_t rivals) {
+  rebuilt_.reserve(1);
+  ReserveTables(1, rivals);
+}
+
+template <int N>
 void Refresh<N>::RebuildInitial(std::uint32_t position, const std::vector<std::uint32_t>& rivals,
                                 const TableRules& rules) {
   is_listed_.Set(position);
@@ -40,6 +46,9 @@ void Refresh<N>::ListRebuilt() {
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
   const std::array<double, N> newest = (*store_)[store_->Size() - 1].coordinate;
   const std::uint32_t initial_count = initial_count_;
+  // The last to grow, as another Begin would go by it.
+  rebuilt_.reserve(listed_.size());
+  rebuilt_positions_.reserve(listed_.size());
   rescored_.resize(listed_.size());
   std::uint32_t* listed = rescored_.data();
   bool all_rebuilt = true;
@@ -77,8 +86,8 @@ void Refresh<N>::ListRebuilt() {
 template <int N>
 void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, const TableRules& rules,
                               int threads) {
+  ReserveTables(threads, candidates.size());
   ListLocalCandidates(candidates);
-  ReserveWorkers(threads, candidates.size());
   if (threads == 1) {
     workers_[0].Gather(candidates, *store_, rules);
     for (RebuiltTable& table : rebuilt_) workers_[0].Rebuild(table, is_listed_, rules, *store_);
@@ -97,7 +106,8 @@ void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, cons
 }
 
 template <int N>
-void Refresh<N>::ReserveWorkers(int threads, std::size_t candidates) {
+void Refresh<N>::ReserveTables(int threads, std::size_t candidates) {
+  local_candidates_.reserve(candidates);
   const auto count = static_cast<std::size_t>(threads);
   if (workers_.size() < count) workers_.resize(count);
   for (std::size_t number = 0; number < count; ++number) workers_[number].Reserve(candidates);

@@ -23,10 +23,12 @@ std::shared_ptr<SolverBase> Solver<N>::Copy() const {
 
 template <int N>
 void Solver<N>::Checkpoint() {
-  store_.Checkpoint();
+  Register();
+  store_.ForgetCheckpoint();  // it is gone where memory runs out
+  remembered_ = state_;
   refresh_.Checkpoint();
   candidates_.Checkpoint();
-  remembered_ = state_;
+  store_.Checkpoint();
 }
 
 template <int N>

@@ -22,14 +22,21 @@ void TrialStore<N>::Reserve() {
   }
 }
 
-// The columns first: where memory runs out one that is too long does no harm.
+// Columns that are too long do no harm.
+template <int N>
+void TrialStore<N>::ReserveNext() {
+  const std::size_t count = Size() + std::size_t{1};
+  rows_.resize(count);
+  if (!kMarksStandInRows<N>) marks_.resize(count);
+  may_be_local_.Resize(count);
+  ReserveOneMore(trials_);
+}
+
 template <int N>
 void TrialStore<N>::Append(const Coordinates& point, std::uint32_t combination,
                            const TestValue& value, std::uint32_t flags) {
   const std::uint32_t position = Size();
-  rows_.resize(position + std::size_t{1});
-  if (!kMarksStandInRows<N>) marks_.resize(position + std::size_t{1});
-  may_be_local_.Resize(position + std::size_t{1});
+  assert(position < rows_.size() && position < trials_.capacity());
   Test<N>& trial = trials_.emplace_back();
   trial.coordinate = point;
   trial.grid_point = GridPoint<N>(point);
