@@ -326,18 +326,8 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
       point.coordinates[static_cast<std::size_t>(k)] =
           std::clamp(centre[k] + region.radius * step[k], 0.0, 1.0);
     }
-    point.nearest = region.centre;
-    double nearest = 1e300;
-    for (std::uint32_t t = 0; t < log.Size(); ++t) {
-      if (log.Combination(t) != point.combination) continue;
-      const double square = log.SquaredDistance(t, point.coordinates.data());
-      if (square < nearest) {
-        nearest = square;
-        point.nearest = t;
-      }
-    }
-    point.distance = std::sqrt(nearest);
-    if (!(point.distance > 1e-4 * region.radius)) {
+    const double distance = log.Nearest(point.coordinates.data(), point.combination).second;
+    if (!(distance > 1e-4 * region.radius)) {
       region.radius *= 0.5;
       continue;
     }

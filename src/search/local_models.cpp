@@ -22,14 +22,18 @@ constexpr double kMissing = 0.1;
 // A region is hopeless when this many times what its model can gain would not make it the
 // best; twice as many while the model's minimum is at the edge of its cube.
 constexpr double kHope = 10.0;
+// A trial is of a region's basin when its value is above the minimum by at least this share of
+// what the region's model says.
+constexpr double kBasin = 0.25;
 // Failures in a row after which a region takes turns off.
 constexpr int kPatience = 8;
 // A gain below this share of the values' spread is a fine one, after which a region waits for
 // so many turns.
 constexpr double kFine = 1e-7;
+constexpr double kFinest = 1e-9;
 constexpr std::uint64_t kFineTurns = 32;
 // One in so many turns that no region claims goes to a hopeless one.
-constexpr std::uint64_t kIdleTurns = 8;
+constexpr std::uint64_t kIdleTurns = 6;
 }  // namespace
 
 std::vector<std::uint32_t> LocalModels::NearestTrials(const TrialLog& log, std::uint32_t centre,
@@ -47,6 +51,18 @@ std::vector<std::uint32_t> LocalModels::NearestTrials(const TrialLog& log, std::
   std::vector<std::uint32_t> nearest;
   for (std::size_t i = 0; i < count; ++i) nearest.push_back(near_[i].second);
   return nearest;
+}
+
+// A trial that is far lower than the model of an exhausted region says lies in another basin.
+bool LocalModels::Covers(const TrialLog& log, const Region& region, std::uint32_t trial) const {
+  const double* centre = log.Point(region.centre);
+  const double reach = std::max(region.cover, region.radius);
+  if (log.SquaredDistance(trial, centre) > reach * reach) return false;
+  if (!region.is_exhausted || log.Value(trial).index != log.Value(region.centre).index) return true;
+  VectorXd offset(static_cast<Index>(dimension_));
+  for (std::uint32_t k = 0; k < dimension_; ++k) offset[k] = log.Point(trial)[k] - centre[k];
+  const double rise = 0.5 * offset.dot(region.hessian * offset);
+  return log.Value(trial).value - log.Value(region.centre).value >= kBasin * rise;
 }
 
 std::optional<std::size_t> LocalModels::SelectRegion(const TrialLog& log,
@@ -80,8 +96,7 @@ std::optional<std::size_t> LocalModels::SelectRegion(const TrialLog& log,
     bool is_covered = false;
     for (const Region& region : regions_) {
       if (log.Combination(region.centre) != log.Combination(t)) continue;
-      const double reach = std::max(region.cover, region.radius);
-      if (t == region.centre || log.SquaredDistance(t, log.Point(region.centre)) <= reach * reach) {
+      if (Covers(log, region, t)) {
         is_covered = true;
         break;
       }
@@ -155,7 +170,6 @@ double ValueSpread(const TrialLog& log, std::uint32_t best) {
 
 }  // namespace
 
-// Of all indices: what violates another constraint is a trial at that point, too.
 LocalPoint LocalModels::PointAt(const TrialLog& log, const Region& region,
                                 const VectorXd& step) const {
   const double* centre = log.Point(region.centre);
@@ -165,17 +179,6 @@ LocalPoint LocalModels::PointAt(const TrialLog& log, const Region& region,
   for (std::uint32_t k = 0; k < dimension_; ++k) {
     point.coordinates[k] = std::clamp(centre[k] + region.radius * step[k], 0.0, 1.0);
   }
-  point.nearest = region.centre;
-  double least = log.SquaredDistance(region.centre, point.coordinates.data());
-  for (std::uint32_t t = 0; t < log.Size(); ++t) {
-    if (log.Combination(t) != point.combination) continue;
-    const double square = log.SquaredDistance(t, point.coordinates.data());
-    if (square < least) {
-      least = square;
-      point.nearest = t;
-    }
-  }
-  point.distance = std::sqrt(least);
   return point;
 }
 
@@ -186,6 +189,14 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
   const auto n = static_cast<Index>(dimension_);
   const double* centre = log.Point(region.centre);
   const double value = log.Value(region.centre).value;
+  // Two may have come to the same minimum.
+  for (const Region& other : regions_) {
+    if (other.is_exhausted && log.Combination(other.centre) == log.Combination(region.centre) &&
+        log.IsBetter(other.centre, region.centre) && Covers(log, other, region.centre)) {
+      region.is_exhausted = true;
+      return std::nullopt;
+    }
+  }
   const std::size_t parameters = (dimension_ + 1) * (dimension_ + 2) / 2;
   const auto near = NearestTrials(
       log, region.centre, std::min<std::size_t>(parameters + parameters / 4, 4 * dimension_ + 40));
@@ -221,9 +232,10 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
         step = -step;
       }
       const LocalPoint point = PointAt(log, region, step);
+      const auto [nearest, distance] = log.Nearest(point.coordinates.data(), point.combination);
       // Where a trial violates another constraint the model cannot know it.
-      if (log.Value(point.nearest).index != log.Value(region.centre).index &&
-          point.distance < kMissing * radius) {
+      if (log.Value(nearest).index != log.Value(region.centre).index &&
+          distance < kMissing * radius) {
         region.radius *= region.shrink;
         continue;
       }
@@ -251,12 +263,20 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
       return std::nullopt;
     }
     const LocalPoint point = PointAt(log, region, step);
-    if (point.distance < 1e-10 || point.distance < 1e-3 * radius * length) {
+    // Of all indices: what violates another constraint is a trial at that point, too.
+    const double distance = log.Nearest(point.coordinates.data(), point.combination).second;
+    if (distance < 1e-10 || distance < 1e-3 * radius * length) {
       region.radius *= 0.5;
       continue;
     }
-    // Digits that hardly count have their price.
-    if (predicted < kFine * ValueSpread(log, best)) region.rest_until = turn_ + kFineTurns;
+    // Digits that hardly count have their price; minima other than the best one do without
+    // the last of them.
+    const double share = predicted / ValueSpread(log, best);
+    if (region.is_hopeless) {
+      region.is_exhausted = share < kFinest;
+    } else if (share < kFine) {
+      region.rest_until = turn_ + kFineTurns;
+    }
     region.hessian = model.hessian / (radius * radius);
     pending_ = Pending{number, predicted, length, false};
     return point;
@@ -296,6 +316,12 @@ void LocalModels::Accept(const TrialLog& log) {
   pending_.reset();
 }
 
+std::vector<std::uint32_t> LocalModels::Centres() const {
+  std::vector<std::uint32_t> trials;
+  for (const Region& region : regions_) trials.push_back(region.centre);
+  return trials;
+}
+
 void LocalModels::Discard() {
   regions_[pending_->region].radius *= 0.5;
   regions_[pending_->region].is_failed = false;
@@ -309,14 +335,11 @@ void LocalModels::Notice(const TrialLog& log) {
     if (pending_ && pending_->region == r) continue;  // Accept will tell
     if (log.Combination(trial) != log.Combination(region.centre)) continue;
     const double reach = std::max(region.radius, region.cover);
-    if (region.is_hopeless &&
-        log.SquaredDistance(trial, log.Point(region.centre)) <= reach * reach) {
-      region.is_hopeless = false;
-    }
-    if (log.IsBetter(trial, region.centre) &&
-        log.SquaredDistance(trial, log.Point(region.centre)) <= reach * reach) {
+    const double square = log.SquaredDistance(trial, log.Point(region.centre));
+    if (square <= reach * reach) region.is_hopeless = false;
+    if (!pending_ && !region.is_exhausted && log.IsBetter(trial, region.centre) &&
+        square <= region.radius * region.radius) {
       region.centre = trial;
-      region.is_exhausted = false;
     }
   }
 }

@@ -18,8 +18,6 @@ namespace QuenloftSearch {
 struct LocalPoint {
   std::vector<double> coordinates;
   std::uint32_t combination;
-  std::uint32_t nearest;  // trial of the log, of that combination
-  double distance;        // to it
 };
 
 class LocalModels {
@@ -36,6 +34,9 @@ class LocalModels {
   void Discard();
   // A trial of the engine's was appended.
   void Notice(const TrialLog& log);
+
+  // The best trial of each region.
+  std::vector<std::uint32_t> Centres() const;
 
   // The value that the model expects at the point proposed.
   double Expected(const TrialLog& log) const {
@@ -64,6 +65,7 @@ class LocalModels {
     bool is_geometry;
   };
 
+  bool Covers(const TrialLog& log, const Region& region, std::uint32_t trial) const;
   std::optional<std::size_t> SelectRegion(const TrialLog& log,
                                           const QuenloftSolver::SolverBase& solver);
   std::optional<LocalPoint> RefineHopeless(const TrialLog& log);

@@ -3,11 +3,10 @@
 #include "search/proposer.h"
 
 #include <algorithm>
-#include <iterator>
 #include <limits>
-#include <map>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "solver/create_solver.h"
 
@@ -258,19 +257,43 @@ double Proposer::BestRadius() const {
 }
 
 std::vector<std::size_t> Proposer::Locals(std::size_t most) const {
-  std::map<double, std::size_t> lowest;
+  struct Candidate {
+    double value;
+    std::uint32_t trial;
+    bool is_refined;
+  };
+  std::vector<Candidate> candidates;
+  const auto add = [&](std::uint32_t trial, bool is_refined) {
+    candidates.push_back({log_.Value(trial).value, trial, is_refined});
+  };
+  if (has_local_models_ && log_.Size() > 0) {
+    add(state_.best, true);
+    for (const std::uint32_t trial : state_.models.Centres()) {
+      if (log_.Value(trial).index == log_.Value(state_.best).index) add(trial, true);
+    }
+  }
   for (std::uint32_t trial = 0; trial < log_.Size(); ++trial) {
     const std::uint32_t position = log_.EnginePosition(trial);
     if (position == TrialLog::kNotInEngine) continue;
     const std::uint32_t flags = solver_->GetTest(position)->flags.load(std::memory_order_relaxed);
-    if ((flags & SolverBase::TestBase::kLocal) == 0) continue;
-    lowest.emplace(log_.Value(trial).value, trial);
-    if (lowest.size() > most) lowest.erase(std::prev(lowest.end()));
+    if ((flags & SolverBase::TestBase::kLocal) != 0) add(trial, false);
   }
-  std::vector<std::size_t> positions;
-  positions.reserve(lowest.size());
-  for (const auto& [value, position] : lowest) positions.push_back(position);
-  return positions;
+  std::sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {
+    return std::tie(a.value, a.trial, b.is_refined) < std::tie(b.value, b.trial, a.is_refined);
+  });
+  std::vector<Candidate> minima;
+  for (const Candidate& candidate : candidates) {
+    if (minima.size() == most) break;
+    const bool is_known = std::any_of(minima.begin(), minima.end(), [&](const Candidate& other) {
+      if (!other.is_refined) return !candidate.is_refined && other.value == candidate.value;
+      return log_.Combination(candidate.trial) == log_.Combination(other.trial) &&
+             log_.SquaredDistance(candidate.trial, log_.Point(other.trial)) < kNear * kNear;
+    });
+    if (!is_known) minima.push_back(candidate);
+  }
+  std::vector<std::size_t> trials;
+  for (const Candidate& minimum : minima) trials.push_back(minimum.trial);
+  return trials;
 }
 
 }  // namespace QuenloftSearch

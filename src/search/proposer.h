@@ -90,8 +90,8 @@ class Proposer {
   // infinity before the initial trials are complete.
   double Radius(std::size_t trial) const;
   double BestRadius() const;
-  // The trials that are local minima, ascending by value: the lowest distinct values, each
-  // at the first trial that has it.
+  // The trials that are local minima, the lowest, ascending by value: of those that the engine
+  // marks one for each value, but near the centre of a local model this one alone.
   std::vector<std::size_t> Locals(std::size_t most) const;
 
   // For reading: box, and what the engine holds.

@@ -105,8 +105,7 @@ class Search {
   // Position of the best trial: of the highest index, of these with the least value, of
   // these the first; a value that is not finite is the worst. Nothing before any trial.
   std::optional<std::size_t> Best() const;
-  // Positions of the trials that are local minima, ascending by value: the lowest distinct
-  // values, each at the first trial that has it.
+  // Positions of the trials that are local minima, the lowest, ascending by value; see Proposer.
   std::vector<std::size_t> Locals(std::size_t most = 10) const;
   // Distance of a trial to its farthest neighbour in the unit box.
   double Radius(std::size_t position) const;

@@ -5,9 +5,11 @@
 
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "solver/solver_base.h"
@@ -83,6 +85,21 @@ class TrialLog {
       square += difference * difference;
     }
     return square;
+  }
+
+  // The first of the nearest trials of that combination, which has one, and its distance.
+  std::pair<std::uint32_t, double> Nearest(const double* point, std::uint32_t combination) const {
+    std::uint32_t nearest = 0;
+    double least = std::numeric_limits<double>::infinity();
+    for (std::uint32_t trial = 0; trial < Size(); ++trial) {
+      if (combinations_[trial] != combination) continue;
+      const double square = SquaredDistance(trial, point);
+      if (square < least) {
+        least = square;
+        nearest = trial;
+      }
+    }
+    return {nearest, std::sqrt(least)};
   }
 
  private:

@@ -94,7 +94,7 @@ TEST_P(ProposerReaches, TheMinimumInFewTrials) {
 
 INSTANTIATE_TEST_SUITE_P(Smooth, ProposerReaches,
                          testing::Values(Accuracy{"Bowl5", Bowl, 5, -1.0, 1.7, 60, 1e-8},
-                                         Accuracy{"Rosenbrock2", Rosenbrock, 2, -2.1, 1.9, 150,
+                                         Accuracy{"Rosenbrock2", Rosenbrock, 2, -2.1, 1.9, 250,
                                                   1e-6},
                                          Accuracy{"Camel", Camel, 2, -2.1, 1.8, 80, -1.0316274}),
                          [](const auto& info) { return info.param.name; });
@@ -204,40 +204,44 @@ TEST(Proposer, FindsTheMinimumOnTheEdgeOfTheFeasibleSet) {
   }
 }
 
-// Local minima other than the best one are refined too.
-TEST(Proposer, RefinesBothMinimaOfTheCamel) {
-  Proposer proposer(Box(2, -2.1, 1.9));
-  const auto points = Drive(proposer, Camel, 600);
-  for (const double side : {-1.0, 1.0}) {
-    double least = 1e300;
-    for (const auto& x : points) {
-      if (x[0] * side > 0.0) least = std::min(least, Camel(x));
-    }
-    EXPECT_NEAR(least, -1.0316284535, 1e-6);
-  }
+double Rastrigin(const std::vector<double>& x) {
+  double sum = 20.0;
+  for (const double v : x) sum += v * v - 10.0 * std::cos(6.283185307179586 * v);
+  return sum;
 }
 
-TEST(Proposer, RefinesTheFiveLowestMinimaOfRastrigin) {
-  Definition definition;
-  definition.local_models = true;
-  definition.parameters.overestimation = 2.5;
-  definition.bounds = {-4.3, 4.9, -5.1, 3.7};
-  Proposer proposer(definition);
-  const Function rastrigin = [](const std::vector<double>& x) {
-    double sum = 20.0;
-    for (const double v : x) sum += v * v - 10.0 * std::cos(6.283185307179586 * v);
-    return sum;
+// Local minima other than the best one are refined too, and listed before all others.
+TEST(Proposer, ListsTheLowestMinimaRefined) {
+  struct Case {
+    Function function;
+    std::vector<double> bounds;
+    int trials;
+    std::vector<std::vector<double>> minima;
   };
-  const auto points = Drive(proposer, rastrigin, 1500);
-  const double near[][2] = {{0.0, 0.0}, {1.0, 0.0}, {-1.0, 0.0}, {0.0, 1.0}, {0.0, -1.0}};
-  for (const auto& [x, y] : near) {
-    double least = 1e300;
-    for (const auto& point : points) {
-      if (std::abs(point[0] - x) < 0.5 && std::abs(point[1] - y) < 0.5) {
-        least = std::min(least, rastrigin(point));
-      }
+  const std::vector<std::vector<double>> camel = {{0.0898420131, -0.7126564030},
+                                                  {-0.0898420131, 0.7126564030}};
+  constexpr double kNext = 0.9949586377;
+  const std::vector<std::vector<double>> rastrigin = {
+      {0.0, 0.0}, {kNext, 0.0}, {-kNext, 0.0}, {0.0, kNext}, {0.0, -kNext}};
+  const std::vector<Case> cases = {{Camel, {-2.1, 1.9, -2.1, 1.9}, 600, camel},
+                                   {Camel, {-3.0, 3.0, -2.0, 2.0}, 600, camel},
+                                   {Rastrigin, {-4.3, 4.9, -5.1, 3.7}, 1500, rastrigin},
+                                   {Rastrigin, {-5.12, 5.12, -5.12, 5.12}, 1500, rastrigin}};
+  for (const Case& c : cases) {
+    Definition definition = Box(2, 0.0, 1.0);
+    definition.bounds = c.bounds;
+    Proposer proposer(definition);
+    const auto points = Drive(proposer, c.function, c.trials);
+    auto missing = c.minima;
+    for (const std::size_t trial : proposer.Locals(c.minima.size())) {
+      const auto found = std::find_if(missing.begin(), missing.end(), [&](const auto& x) {
+        return std::hypot(x[0] - points[trial][0], x[1] - points[trial][1]) < 1e-3;
+      });
+      ASSERT_NE(found, missing.end()) << points[trial][0] << ", " << points[trial][1];
+      EXPECT_NEAR(c.function(points[trial]), c.function(*found), 1e-6);
+      missing.erase(found);
     }
-    EXPECT_NEAR(least, x == 0.0 && y == 0.0 ? 0.0 : 0.9949590570933, 1e-6) << x << ", " << y;
+    EXPECT_TRUE(missing.empty());
   }
 }
 
