@@ -7,8 +7,8 @@ _X = tuple[float, ...]
 _Category = tuple[int, ...]
 # Coordinates, positions of the choices, id.
 _Point = tuple[_X, _Category, int]
-# Index, value, constraints.
-_Outcome = tuple[int, float, tuple[float, ...]]
+# Index, value, constraints, objective.
+_Outcome = tuple[int, float, tuple[float, ...], float]
 _OpenPoint = tuple[_Point, bool, Optional[_Outcome]]
 
 class _Columns(TypedDict):
@@ -17,6 +17,7 @@ class _Columns(TypedDict):
     index: memoryview
     value: memoryview
     constraints: memoryview
+    objective: memoryview
     id: memoryview
     kind: memoryview
 
@@ -32,6 +33,7 @@ class Search:
         constraint_count: int,
         has_hidden_constraint: bool,
         has_local_models: bool,
+        batch: int,
         parameters: tuple[float, float, float, float, float],
         # Coordinates, positions of the choices, value, constraints, whether it failed.
         known: Sequence[

@@ -102,8 +102,8 @@ class Outputs(NamedTuple):
 class Command:
     """An objective that runs a program, and constraints that come from the same run.
 
-    Give it to `minimize` as ``fun``, and its attribute ``constraints`` as ``constraints``. Each
-    evaluation has a working directory of its own. The program is started without a shell; it and
+    Give it to `minimize` as ``fun``, and its attribute ``constraints`` as ``constraints``: they are
+    told together, at infeasible points too. Each evaluation has a working directory of its own. The program is started without a shell; it and
     what it started in its process group are ended when it takes too long, when the search is
     interrupted and when the searching process dies. It can be pickled. POSIX systems only.
 
@@ -339,6 +339,9 @@ class Command:
 
 class _Constraint:
     """One constraint of a command, for `minimize`."""
+
+    #: The run that gave it has given the others and the objective, too.
+    keep_feasible = False
 
     def __init__(self, command: Command, number: int, name: str) -> None:
         self.command = command

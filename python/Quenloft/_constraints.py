@@ -4,7 +4,13 @@
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import Any, Callable
+from numbers import Integral
+from typing import Any, Callable, Optional
+
+from ._settings import whole_number
+
+# Each has a copy of the engine's lists, for each combination of categories.
+_MOST_TOGETHER = 10_000
 
 
 @dataclass(frozen=True)
@@ -12,12 +18,14 @@ class Constraint:
     """A constraint under the name that messages use.
 
     ``evaluate(x, chosen)`` takes the point as a tuple and the chosen objects; what it returns has
-    still to be checked. `source` is what the caller gave.
+    still to be checked. None where the objective returns the value beside its own. `source` is what
+    the caller gave; where it `guards`, nothing after it is called at a point that violates it.
     """
 
     name: str
     source: Any
-    evaluate: Callable[[tuple[float, ...], tuple[Any, ...]], Any]
+    evaluate: Optional[Callable[[tuple[float, ...], tuple[Any, ...]], Any]]
+    guards: bool
 
 
 def declare(
@@ -43,7 +51,8 @@ def declare(
     """
     if constraints is None:
         return ()
-    if callable(constraints) or isinstance(constraints, dict) or _has_limits(constraints):
+    is_one = callable(constraints) or isinstance(constraints, (dict, Integral))
+    if is_one or _has_limits(constraints):
         constraints = [constraints]
     try:
         items = list(constraints)
@@ -51,10 +60,17 @@ def declare(
         raise TypeError(
             f"constraints must be a callable or a sequence of them, not {constraints!r}"
         ) from None
-    return tuple(
+    count = 0
+    while items and isinstance(items[-1], Integral) and not isinstance(items[-1], bool):
+        count += whole_number("the number of constraints that fun returns", items.pop(), 1)
+    if count > _MOST_TOGETHER:
+        raise ValueError(f"fun may return at most {_MOST_TOGETHER} constraints, not {count}")
+    own = [
         _constraint(f"constraints[{i}]", item, form, dimension, categorical)
         for i, item in enumerate(items)
-    )
+    ]
+    together = range(len(own), len(own) + count)
+    return (*own, *(Constraint(f"constraints[{i}] of fun", 1, None, False) for i in together))
 
 
 def _has_limits(item: Any) -> bool:
@@ -73,11 +89,13 @@ def _constraint(
     if _has_limits(item):
         return _from_limits(label, item, dimension)
     if not callable(item):
-        raise TypeError(f"{label} must be a callable, a constraint object or a dict, not {item!r}")
+        rule = "a callable, a constraint object or a dict; the last, how many fun returns"
+        raise TypeError(f"{label} must be {rule}; not {item!r}")
     name = f"{label} ({getattr(item, '__name__', type(item).__name__)})"
+    guards = getattr(item, "keep_feasible", True) is not False
     if categorical:
-        return Constraint(name, item, lambda x, chosen: item(form(x), chosen))
-    return Constraint(name, item, lambda x, chosen: item(form(x)))
+        return Constraint(name, item, lambda x, chosen: item(form(x), chosen), guards)
+    return Constraint(name, item, lambda x, chosen: item(form(x)), guards)
 
 
 def _from_dict(label: str, item: dict[str, Any]) -> Constraint:
@@ -90,8 +108,8 @@ def _from_dict(label: str, item: dict[str, Any]) -> Constraint:
     args = item.get("args", ())
     import numpy
 
-    # This form is feasible where fun >= 0, in every component.
-    return Constraint(label, item, lambda x, chosen: -numpy.min(fun(numpy.array(x), *args)))
+    # This form is feasible where fun >= 0, in every component, and guards nothing.
+    return Constraint(label, item, lambda x, chosen: -numpy.min(fun(numpy.array(x), *args)), False)
 
 
 def _from_limits(label: str, item: Any, dimension: int) -> Constraint:
@@ -119,7 +137,8 @@ def _from_limits(label: str, item: Any, dimension: int) -> Constraint:
         values = function(numpy.array(x))
         return numpy.max(numpy.maximum(lower - values, values - upper))
 
-    return Constraint(label, item, violation)
+    guards = bool(numpy.any(getattr(item, "keep_feasible", False)))
+    return Constraint(label, item, violation, guards)
 
 
 def _equality(label: str) -> str:

@@ -13,6 +13,8 @@ from typing import TYPE_CHECKING, Any, Iterator, TextIO, Tuple, Union, overload
 if TYPE_CHECKING:
     from pandas import DataFrame
 
+    from ._variables import Variables
+
 Row = Tuple[float, ...]
 
 
@@ -37,7 +39,9 @@ class Trial:
     time : float
         Seconds from the start of the run to the end of the evaluation.
     constraints : tuple of float
-        Value of each constraint, NaN for those after the first violated one.
+        Value of each constraint, NaN for those that were not evaluated.
+    objective : float
+        The objective, at an infeasible point too where it was evaluated there; else NaN.
     """
 
     number: int
@@ -47,6 +51,14 @@ class Trial:
     value: float
     time: float
     constraints: Row
+    objective: float
+
+    @property
+    def maxcv(self) -> float:
+        """The largest violation of a constraint; 0 where all hold."""
+        if self.index >= len(self.constraints):
+            return 0.0
+        return max([self.value, *(c for c in self.constraints if c > self.value)])
 
 
 def rank(index: int, value: float) -> tuple[int, float]:
@@ -149,6 +161,8 @@ class History:
         self._value = array("d")
         self._time = array("d")
         self._constraints = array("d")
+        # Used where there are constraints; else the values are those of the objective.
+        self._objective = array("d")
 
     def append(
         self,
@@ -158,8 +172,12 @@ class History:
         value: float,
         time: float,
         constraints: Sequence[float] = (),
+        objective: float = math.nan,
     ) -> None:
-        """Add a trial; `constraints` may end after the first violated one."""
+        """Add a trial; `constraints` may end after the first violated one.
+
+        The objective matters where a constraint is violated: elsewhere it is the value.
+        """
         self._x.extend(x)
         self._category.extend(category)
         self._index.append(index)
@@ -167,17 +185,36 @@ class History:
         if self.constraint_count:
             missing = self.constraint_count - len(constraints)
             self._constraints.extend((*constraints, *(math.nan,) * missing))
+            self._objective.append(objective if index < self.constraint_count else value)
         self._time.append(time)
 
+    @classmethod
+    def of(cls, variables: Variables, constraint_count: int, goal: int) -> History:
+        """An empty history of points of these variables."""
+        history = cls(variables.dimension, variables.choices, constraint_count, goal)
+        history.names = variables.names
+        history.bounds = tuple(zip(variables.lower, variables.upper))
+        history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
+        history.integers = variables.integers
+        return history
+
     def adopt(
-        self, x: Any, category: Any, index: Any, value: Any, time: Any, constraints: Any
+        self,
+        x: Any,
+        category: Any,
+        index: Any,
+        value: Any,
+        time: Any,
+        constraints: Any,
+        objective: Any,
     ) -> None:
         """Take whole columns, flat and of the column's own number type, without a copy.
 
         Nothing can be appended from then on.
         """
         self._x, self._category, self._index = x, category, index
-        self._value, self._time, self._constraints = value, time, constraints
+        self._value, self._time = value, time
+        self._constraints, self._objective = constraints, objective
         self._growing = False
 
     def __getstate__(self) -> dict[str, Any]:
@@ -194,6 +231,7 @@ class History:
         del self._index[count:]
         del self._value[count:]
         del self._constraints[count * self.constraint_count :]
+        del self._objective[count:]
         self._growing = False
 
     def __len__(self) -> int:
@@ -224,6 +262,7 @@ class History:
             self._value[number],
             self._time[number],
             tuple(self._constraints[number * m : (number + 1) * m]),
+            self._objective[number] if m else self._value[number],
         )
 
     def __iter__(self) -> Iterator[Trial]:
@@ -264,6 +303,12 @@ class History:
         return memoryview(self._stable(self._value)).toreadonly()
 
     @property
+    def objective(self) -> memoryview:
+        """The objective, at infeasible points too where it was evaluated there; else NaN."""
+        column = self._objective if self.constraint_count else self._value
+        return memoryview(self._stable(column)).toreadonly()
+
+    @property
     def time(self) -> memoryview:
         """Seconds from the start of the run to the end of each evaluation."""
         return memoryview(self._stable(self._time)).toreadonly()
@@ -300,7 +345,8 @@ class History:
         """Write the trials as comma-separated values, a line each, numbers in full precision.
 
         The columns: ``trial`` (from 1), each variable by its name, ``feasible`` (1 or 0),
-        ``value``, ``time``, ``constraint[0]`` and so on, empty where not evaluated.
+        ``value``, ``time``; with constraints ``constraint[0]`` and so on, and ``objective``, empty
+        where not evaluated.
 
         Parameters
         ----------
@@ -318,19 +364,20 @@ class History:
         file = io.StringIO() if target is None else target
         writer = csv.writer(file, lineterminator="\n")
         limits = [f"constraint[{i}]" for i in range(self.constraint_count)]
+        limits += ["objective"] if limits else []
         writer.writerow(["trial", *self.labels(), "feasible", "value", "time", *limits])
         for number in range(start, len(self)):
             t = self[number]
-            known = ("" if math.isnan(value) else value for value in t.constraints)
+            known = (*t.constraints, t.objective) if limits else ()
+            shown = ("" if math.isnan(value) else value for value in known)
             feasible = int(t.index == self.goal)
-            writer.writerow([number + 1, *t.x, *t.categories, feasible, t.value, t.time, *known])
+            writer.writerow([number + 1, *t.x, *t.categories, feasible, t.value, t.time, *shown])
         return file.getvalue() if isinstance(file, io.StringIO) and target is None else None
 
     def to_pandas(self) -> DataFrame:
         """The trials as a table of pandas, with the columns of `to_csv` and the index ``trial``.
 
-        ``feasible`` holds truth values, ``time`` seconds, and a constraint that was not evaluated
-        is NaN.
+        ``feasible`` holds truth values, ``time`` seconds, and what was not evaluated is NaN.
         """
         from pandas import DataFrame, RangeIndex
 
@@ -345,6 +392,8 @@ class History:
         table.update(value=list(self.value), time=list(self.time))
         for i in range(self.constraint_count):
             table[f"constraint[{i}]"] = [row[i] for row in self.constraints]
+        if self.constraint_count:
+            table["objective"] = list(self.objective)
         return DataFrame(table, index=RangeIndex(1, len(self) + 1, name="trial"))
 
     def __array__(self, dtype: Any = None, copy: Any = None) -> Any:
@@ -359,6 +408,7 @@ class History:
             ("value", "f8"),
             ("time", "f8"),
             ("constraints", "f8", (self.constraint_count,)),
+            ("objective", "f8"),
         ]
         table = numpy.empty(len(self), dtype=fields)
         for name, *_ in fields:

@@ -3,8 +3,8 @@
 
 The header describes problem and settings. A row is one evaluation, in the order in which they
 ended: the phase, a column for each variable (``x0``, ``x1``, ... ``category0``, ...), ``idx``,
-``value`` (NULL for NaN), ``time``, and a column for each constraint (``g0``, ...). `_database` says
-how they are kept.
+``value``, ``time``, and where there are constraints a column for each (``g0``, ...) and
+``objective``. NULL is NaN: not known. `_database` says how they are kept.
 """
 
 from __future__ import annotations
@@ -14,7 +14,7 @@ import os
 import re
 import sys
 import warnings
-from dataclasses import dataclass
+from dataclasses import asdict, dataclass
 from typing import Any, Optional, Sequence
 
 from . import _version
@@ -26,7 +26,7 @@ from ._known import Known
 from ._observation import Entry
 from ._plan import Plan
 
-_RUN = Kind("run", 0x516C6674, 2)  # "Qlft"
+_RUN = Kind("run", 0x516C6674, 3)  # "Qlft"
 # Keys of the header that may differ between the sessions of a run: the digest stands for the
 # arguments, whose text may change with the order of a set.
 _INFORMATION = ("version", "interpreter", "args")
@@ -43,7 +43,8 @@ class Recording:
         ``[lower, upper]``), ``"logarithmic"`` and ``"integers"`` (lists of positions), ``"numbers"``
         (list of str: each numerical variable in words), ``"names"`` (list of str: the
         numerical variables, then the categorical ones), ``"categories"`` (list of lists of choices;
-        those that JSON cannot hold as their text), ``"constraints"`` (list of str),
+        those that JSON cannot hold as their text), ``"constraints"`` (list of str), ``"guards"``
+        (list of bool: nothing was called after this constraint where it is violated),
         ``"nonfinite"``, and the parameters of the search by their names; ``"version"`` is that
         of the package that began the journal, ``"goal"`` the `History.goal`, ``"digests"`` says
         which functions they are.
@@ -73,8 +74,8 @@ def read_journal(path: Path) -> Recording:
     history.logarithmic = tuple(header["logarithmic"])
     history.integers = tuple(header["integers"])
     for row in rows:
-        _, x, category, (index, value, constraints), time = _entry(row, history)
-        history.append(x, category, index, value, time, constraints)
+        _, x, category, (index, value, constraints, objective), time = _entry(row, history)
+        history.append(x, category, index, value, time, constraints, objective)
     history.finish()
     return Recording(header, history)
 
@@ -83,11 +84,14 @@ class Journal:
     """A journal that is being written."""
 
     def __init__(self, path: Path, plan: Plan, history: History) -> None:
-        columns = _columns(history)
         header = describe(plan)
-        self._width = len(columns)
+        self._limits = history.constraint_count
         self._database = Database(
-            path, _RUN, header, columns, lambda recorded: require_same(path, recorded, header)
+            path,
+            _RUN,
+            header,
+            _columns(history),
+            lambda recorded: require_same(path, recorded, header),
         )
         self.path = self._database.path
         #: What the sessions before this one recorded.
@@ -96,16 +100,18 @@ class Journal:
 
     def record(self, entry: Entry) -> None:
         """Put an evaluation on the disk."""
-        phase, x, category, (index, value, constraints), time = entry
-        row = (phase, *map(float, x), *category, index, value, time, *constraints)
-        self._database.append(*row, *(None,) * (self._width - len(row)))
+        phase, x, category, (index, value, constraints, objective), time = entry
+        row = (phase, *map(float, x), *category, index, value, time)
+        missing = (math.nan,) * (self._limits - len(constraints))
+        known = (*constraints, *missing, objective) if self._limits else ()
+        self._database.append(*row, *known)
 
 
 def describe(plan: Plan) -> dict[str, Any]:
     """The header for a problem: what must be the same for a journal to fit."""
     variables = plan.variables
     found = {"args": digest(plan.args, plan.fun), **digests("fun", plan.fun)}
-    for limit in plan.limits:
+    for limit in filter(lambda limit: limit.evaluate, plan.limits):
         found.update(digests(limit.name, limit.source))
     for part, value in found.items():
         if isinstance(value, Unknown):
@@ -124,10 +130,10 @@ def describe(plan: Plan) -> dict[str, Any]:
         "categories": [[_plain(choice) for choice in choices] for choices in variables.choices],
         "constraints": [limit.name for limit in plan.limits],
         "nonfinite": plan.nonfinite,
+        "guards": [limit.guards for limit in plan.limits],
         "x0": [[*x, *category] for x, category in plan.wanted],
         "known": _summary(plan.known_points),
-        **plan.settings.engine_arguments(),
-        "local_models": plan.local_models,
+        **asdict(plan.settings),
         "goal": plan.goal,
         "version": _version.__version__,
         "interpreter": sys.implementation.cache_tag,
@@ -188,16 +194,16 @@ def _columns(history: History) -> list[str]:
         "value REAL",
         "time REAL NOT NULL",
         *(f"g{i} REAL" for i in range(history.constraint_count)),
+        *(["objective REAL"] if history.constraint_count else []),
     ]
 
 
 def _entry(row: Sequence[Any], history: History) -> Entry:
     n, k = history.dimension, len(history.choices)
     phase, *rest = row
-    index, value, time, *constraints = rest[n + k :]
-    # A row ends after its first violated constraint. What else is NULL is a NaN.
-    known = constraints[: index + 1] if index < len(constraints) else constraints
-    outcome = (index, _number(value), [_number(g) for g in known])
+    index, value, time, *known = rest[n + k :]
+    *constraints, objective = map(_number, known or [value])
+    outcome = (index, _number(value), constraints, objective)
     return Entry(phase, tuple(rest[:n]), tuple(rest[n : n + k]), outcome, time)
 
 

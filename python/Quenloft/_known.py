@@ -8,7 +8,7 @@ import os
 from collections.abc import Mapping
 from typing import Any, Iterable, Iterator, NamedTuple, Optional, Sequence
 
-from ._history import History, Trial
+from ._history import History
 from ._observation import as_number
 from ._variables import Variables, is_sequence
 
@@ -20,9 +20,9 @@ class Known(NamedTuple):
 
     x: tuple[float, ...]
     category: tuple[int, ...]
-    #: The objective's value; None where a constraint is violated or nothing was reached.
+    #: The objective's value; None or NaN where it is not known.
     value: Optional[float]
-    #: Values of the constraints, of all or up to the first violated one.
+    #: Values of the constraints, of all or at least up to the first violated one.
     constraints: tuple[float, ...]
     #: An evaluation that failed, at what is not given or not finite.
     has_failed: bool
@@ -111,7 +111,8 @@ class _Problem:
         self._require_constraints(label, history.constraint_count)
         for trial in history:
             values = dict(zip(history.labels(), (*trial.x, *trial.categories)))
-            yield from self._within(f"{label}[{trial.number}]", values, *_outcome(history, trial))
+            where = f"{label}[{trial.number}]"
+            yield from self._within(where, values, trial.objective, trial.constraints)
 
     def of_file(self, path: Any) -> Iterator[Known]:
         label = repr(os.fspath(path))
@@ -172,9 +173,10 @@ class _Problem:
     ) -> Known:
         violated = [i for i, limit in enumerate(limits) if not limit <= 0.0]
         if violated:
-            limits = limits[: violated[0] + 1]
-            has_failed = not math.isfinite(limits[-1])
-            objective = None
+            has_failed = not math.isfinite(limits[violated[0]])
+            while len(limits) > violated[0] + 1 and math.isnan(limits[-1]):
+                limits = limits[:-1]
+            objective = None if objective is None or math.isnan(objective) else objective
         else:
             has_failed = objective is None or not math.isfinite(objective)
             if len(limits) < self._constraint_count and not has_failed:
@@ -189,25 +191,19 @@ class _Problem:
         return Known(x, category, objective, limits, has_failed)
 
 
-def _outcome(history: History, trial: Trial) -> tuple[Optional[float], tuple[float, ...]]:
-    """The objective's value, and those of the constraints up to the first violated one."""
-    if trial.index < history.constraint_count:
-        return None, (*trial.constraints[: trial.index], trial.value)
-    return trial.value if trial.index == history.goal else math.nan, trial.constraints
-
-
 def _row_outcome(
     where: str, row: Mapping[str, Any], limits: Sequence[str]
 ) -> tuple[Optional[float], tuple[float, ...]]:
-    """The same of a row of `History.to_csv`."""
+    """The objective's value in a row of `History.to_csv`, and those of the constraints."""
     try:
         texts = [row[name] for name in limits]
         reached = texts.index("") if "" in texts else len(texts)
         values = tuple(map(float, texts[:reached]))
-        value = float(row["value"]) if row["value"] else math.nan
+        name = "objective" if limits and "objective" in row else "value"
+        value = float(row[name]) if row[name] else math.nan
     except (TypeError, ValueError) as error:
         raise ValueError(f"{where}: {error}") from None
     # A row says whether its value is the objective's; one written by hand need not.
-    if row.get("feasible", "1") in ("0", "False"):
+    if name == "value" and row.get("feasible", "1") in ("0", "False"):
         value = math.nan
     return value, values

@@ -46,6 +46,7 @@ def minimize(
     workers: WorkersArgument = 1,
     timeout: Optional[float] = None,
     local_models: bool = True,
+    batch: int = 1,
     overestimation: Optional[float] = None,
     overestimation_local: float = Settings.overestimation_local,
     local_vs_global: float = Settings.local_vs_global,
@@ -60,8 +61,9 @@ def minimize(
     ----------
     fun : callable
         ``fun(x, *args) -> float``; with categorical variables ``fun(x, choices, *args)``, where
-        `choices` is a tuple of the chosen objects. It is called only at points inside the bounds
-        that satisfy every constraint.
+        `choices` is a tuple of the chosen objects. It is called only at points inside the bounds,
+        and that satisfy the constraints that are called before it. It may return constraint
+        values, too: see `constraints`.
     bounds : sequence
         Lower and upper bound of each of the 1 to 32 real variables: a sequence of pairs
         ``(lower, upper)``, a flat sequence ``lower, upper, lower, ...``, a NumPy array of either
@@ -80,9 +82,14 @@ def minimize(
     constraints : callable, constraint object, or sequence of them, optional
         Callables ``constraint(x) -> float``, with categorical variables
         ``constraint(x, choices)``: a point is feasible when all are <= 0. They are called in
-        order, and none after the first that is violated. SciPy's `NonlinearConstraint`,
-        `LinearConstraint` and dicts of the type ``"ineq"`` are understood. Equality constraints
-        are refused, as no sampled point satisfies one.
+        order, and nothing after the first that is violated. The last item, or the only one, may
+        be a whole number instead: `fun` returns that many constraint values beside its own, as
+        ``(value, [c0, c1, ...])``.
+        SciPy's `NonlinearConstraint`, `LinearConstraint` and dicts of the type ``"ineq"`` are
+        understood; without ``keep_feasible=True`` they do not keep what follows them from being
+        called, `fun` included, and nor does a callable whose attribute `keep_feasible` is False.
+        The more is known at infeasible points the faster is the search. Equality constraints are
+        refused, as no sampled point satisfies one.
     x0 : point or sequence of points, optional
         Where to begin: evaluated first, in this order, so that the result is never worse. A point
         is a mapping of values by name, or a sequence of the numbers and then the choices.
@@ -146,6 +153,11 @@ def minimize(
     local_models : bool
         Let quadratic models around the best local minima place trials too: they converge where
         the method alone is slow. Without them the trials are those of `Problem.Minimize`.
+    batch : int
+        At least 1: between a local model's trial and the next in its region stand at least
+        ``batch - 1`` trials that do not depend on it, so that as many workers have something to
+        do meanwhile. It belongs to the problem, not to the machine: the trials are those of
+        `batch` for any number of workers.
     overestimation : float, optional
         Factor >= 1 on the slope estimate of global steps: larger is more thorough and slower. By
         default 2.5 with local models, 2 without.
@@ -243,7 +255,6 @@ def _search(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> No
     search = Search.from_variables(
         plan.variables,
         plan.settings,
-        local_models=plan.local_models,
         constraints=len(plan.limits),
         hidden_constraint=plan.is_hidden,
         known=plan.known_points,

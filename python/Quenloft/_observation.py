@@ -14,8 +14,9 @@ Form = Callable[[Tuple[float, ...]], Any]
 
 
 #: What an evaluation gave: the first violated constraint, or the goal when all hold; the value
-#: there; the values of the constraints up to it.
-Outcome = Tuple[int, float, Sequence[float]]
+#: there; the values of the constraints up to the last that was evaluated; the objective, NaN where
+#: it was not evaluated.
+Outcome = Tuple[int, float, Sequence[float], float]
 Observe = Callable[[Tuple[float, ...], Tuple[int, ...]], Outcome]
 
 
@@ -43,9 +44,10 @@ def point_form(name: str) -> Form:
 class Evaluation:
     """The problem as what is called at a point; it can be sent to other processes.
 
-    ``evaluation(x, category)`` evaluates constraints and objective in order and returns an
-    `Outcome`. With `is_hidden`, points at which a function is not finite are infeasible: "the
-    objective is finite" is one more constraint after the caller's.
+    ``evaluation(x, category)`` evaluates constraints and objective in order, up to a constraint that
+    guards the others and is violated, and returns an `Outcome`. With `is_hidden`, points at which a
+    function is not finite are infeasible: "the objective is finite" is one more constraint after
+    the caller's. What is not finite behind a violated constraint does not matter.
     """
 
     def __init__(
@@ -79,31 +81,41 @@ def _observer(
     is_hidden: bool,
 ) -> Observe:
     goal = len(constraints) + is_hidden
+    own = [constraint for constraint in constraints if constraint.evaluate is not None]
+    together = len(constraints) - len(own)
     isfinite = math.isfinite
 
-    def objective(x: tuple[float, ...], chosen: tuple[Any, ...]) -> float:
+    def objective(x: tuple[float, ...], chosen: tuple[Any, ...]) -> tuple[float, list[float]]:
         value = fun(form(x), chosen, *args) if choices else fun(form(x), *args)
-        return value if type(value) is float else as_number("fun", value, x, chosen)
+        if together:
+            return _split(value, together, x, chosen, is_hidden)
+        return value if type(value) is float else as_number("fun", value, x, chosen), []
 
     def observe(x: tuple[float, ...], category: tuple[int, ...]) -> Outcome:
         chosen = tuple([c[i] for c, i in zip(choices, category)]) if choices else ()
         values: list[float] = []
-        for number, constraint in enumerate(constraints):
-            value = constraint.evaluate(x, chosen)
+        fun_value = math.nan
+        for constraint in own:
+            value = constraint.evaluate(x, chosen)  # type: ignore[misc]
             if type(value) is not float:
                 value = as_number(constraint.name, value, x, chosen)
             values.append(value)
+            if constraint.guards and not value <= 0.0:
+                break
+        else:
+            fun_value, more = objective(x, chosen)
+            values += more
+        for number, value in enumerate(values):
             # Minus infinity holds: the logarithm of a slack of zero, for one.
             if not value <= 0.0:
                 if not (isfinite(value) or is_hidden):
-                    raise NonFiniteError(constraint.name, value, x, chosen)
-                return number, value, values
-        value = objective(x, chosen)
-        if isfinite(value):
-            return goal, value, values
+                    raise NonFiniteError(constraints[number].name, value, x, chosen)
+                return number, value, values, fun_value
+        if isfinite(fun_value):
+            return goal, fun_value, values, fun_value
         if not is_hidden:
-            raise NonFiniteError("fun", value, x, chosen)
-        return goal - 1, value, values
+            raise NonFiniteError("fun", fun_value, x, chosen)
+        return goal - 1, fun_value, values, fun_value
 
     def observe_objective(x: tuple[float, ...], category: tuple[int, ...]) -> Outcome:
         # The same for the commonest case, without its preparations.
@@ -111,10 +123,35 @@ def _observer(
         if type(value) is not float:
             value = as_number("fun", value, x, ())
         if isfinite(value):
-            return 0, value, ()
+            return 0, value, (), value
         raise NonFiniteError("fun", value, x)
 
     return observe if constraints or choices or is_hidden else observe_objective
+
+
+def _split(
+    answer: Any, count: int, x: tuple[float, ...], chosen: tuple[Any, ...], is_hidden: bool
+) -> tuple[float, list[float]]:
+    """Objective and constraints, which `fun` returned together."""
+    if isinstance(answer, float) and not math.isfinite(answer):
+        # What has failed as a whole.
+        if not is_hidden:
+            raise NonFiniteError("fun", answer, x, chosen)
+        return math.nan, [math.nan] * count
+    try:
+        value, limits = answer
+        limits = list(limits)
+    except (TypeError, ValueError):
+        limits = []
+    if len(limits) != count:
+        raise TypeError(
+            f"fun must return (value, constraints) with {count} constraint values, not "
+            f"{_shown(answer)} at {_place(x, chosen)}"
+        )
+    names = (f"constraint {i} of fun" for i in range(count))
+    return as_number("fun", value, x, chosen), [
+        as_number(name, limit, x, chosen) for name, limit in zip(names, limits)
+    ]
 
 
 def as_number(source: str, value: Any, x: Sequence[float], chosen: Sequence[Any]) -> float:
@@ -133,7 +170,13 @@ def as_number(source: str, value: Any, x: Sequence[float], chosen: Sequence[Any]
         pass
     except OverflowError:
         return math.inf if number > 0 else -math.inf
+    raise TypeError(f"{source} must return a number, not {_shown(value)} at {_place(x, chosen)}")
+
+
+def _shown(value: Any) -> str:
     shown = repr(value)
-    shown = shown if len(shown) <= 60 else shown[:57] + "..."
-    where = f"x = {tuple(x)}" + (f", categories = {tuple(chosen)}" if chosen else "")
-    raise TypeError(f"{source} must return a number, not {shown} at {where}")
+    return shown if len(shown) <= 60 else shown[:57] + "..."
+
+
+def _place(x: Sequence[float], chosen: Sequence[Any]) -> str:
+    return f"x = {tuple(x)}" + (f", categories = {tuple(chosen)}" if chosen else "")

@@ -51,6 +51,7 @@ class Plan:
     workers: WorkersArgument = 1
     timeout: Optional[float] = None
     local_models: bool = True
+    batch: int = 1
     overestimation: Optional[float] = None
     overestimation_local: float = Settings.overestimation_local
     local_vs_global: float = Settings.local_vs_global
@@ -70,7 +71,6 @@ class Plan:
         one_of("nonfinite", self.nonfinite, ("raise", "infeasible"))
         one_of("on_interrupt", self.on_interrupt, ("raise", "return"))
         one_of("verify", self.verify, (False, True))
-        one_of("local_models", self.local_models, (False, True))
         check_workers(self.workers, self.timeout)
         if not callable(self.fun):
             raise TypeError(f"fun must be callable, not {self.fun!r}")
@@ -86,10 +86,7 @@ class Plan:
         self.limits = constraint_forms.declare(
             self.constraints, self.form, dimension, bool(choices)
         )
-        names = [item.name for item in fields(Settings)]
-        self.settings = Settings.of(
-            self.local_models, **{name: getattr(self, name) for name in names}
-        )
+        self.settings = Settings.of(vars(self))
         self.budget = budget(self.maxfun, self.maxtime, self.f_min, self.min_radius, dimension)
         self.wanted = wanted_points(self.variables, self.x0)
         self.known_points = known_points(
@@ -108,12 +105,7 @@ class Plan:
 
     def new_history(self) -> History:
         """An empty history of the problem."""
-        variables = self.variables
-        history = History(variables.dimension, variables.choices, len(self.limits), self.goal)
-        history.names = variables.names
-        history.bounds = tuple(zip(variables.lower, variables.upper))
-        history.integers = variables.integers
-        history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
+        history = History.of(self.variables, len(self.limits), self.goal)
         history.known = len(self.known_points)
         return history
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import math
 from dataclasses import replace
-from typing import Any, Callable, Optional
+from typing import Any, Callable, Optional, Sequence
 
 from ._plan import Plan
 from ._progress import Progress
@@ -26,6 +26,7 @@ class Report:
         self._stops = plan.budget
         self._form = plan.form
         self._names = [limit.name for limit in plan.limits]
+        self._guards = [i for i, limit in enumerate(plan.limits) if limit.guards]
         self._locals: list[LocalMinimum] = []
         self._status: Optional[Status] = None
         self._message = ""
@@ -86,9 +87,12 @@ class Report:
 
     def _calls(self) -> int:
         run = self._run
-        count = run.history.constraint_count
-        made = run.history.index[run.history.known :]
-        return sum(i >= count for index in (made, run.surplus.index) for i in index)
+        made = run.history.constraints[run.history.known :]
+        return sum(self.is_call(row) for rows in (made, run.surplus.constraints) for row in rows)
+
+    def is_call(self, constraints: Sequence[float]) -> bool:
+        """Whether the objective was called where the constraints have these values."""
+        return all(constraints[i] <= 0 for i in self._guards)
 
     def _final_status(self) -> Status:
         error = self._run.error
@@ -108,7 +112,7 @@ class Report:
             "fun": run.best_objective(),
             "x": self._form(trial.x),
             "categories": trial.categories,
-            "maxcv": trial.value if trial.index < run.history.constraint_count else 0.0,
+            "maxcv": trial.maxcv,
             "constraints": trial.constraints,
         }
 
@@ -180,7 +184,7 @@ def watcher(
 
     def watch() -> None:
         nonlocal nfev
-        nfev += history._index[-1] >= history.constraint_count
+        nfev += report.is_call(history[-1].constraints)
         if display is not None:
             display.update(run.made, run.best_objective(), run.latest, busy=run.workers.busy)
         if callback is not None:

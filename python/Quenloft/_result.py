@@ -81,7 +81,7 @@ class OptimizeResult(Dict[str, Any]):
     maxcv : float
         Largest known constraint violation at `x`, 0.0 when every constraint holds.
     constraints : tuple of float
-        Value of each constraint at `x`, NaN for those after the first violated one.
+        Value of each constraint at `x`, NaN for those that were not evaluated.
     locals : list of LocalMinimum
         Up to ten distinct local minima, best first. The first is `x`.
     xl, funl : list

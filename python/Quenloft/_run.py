@@ -155,7 +155,7 @@ class Run:
         """The trials that the search begins with."""
         watch, self.watch = self.watch, None
         for trial, category in zip(search.history, search.history.category):
-            outcome = trial.index, trial.value, trial.constraints
+            outcome = trial.index, trial.value, trial.constraints, trial.objective
             chosen = tuple(map(int, category))
             self._append(Entry("known", trial.x, chosen, outcome, 0.0), is_replayed=False)
         self.watch = watch
@@ -172,19 +172,10 @@ class Run:
 
     def _told(self, entry: Entry) -> dict[str, Any]:
         """An outcome as the search is told of it."""
-        index, value, constraints = entry.outcome
-        limits = self.history.constraint_count
-        told: dict[str, Any] = {}
-        if index < limits:
-            told["constraints"] = (*constraints[:index], value)
-            if not math.isfinite(value):
-                told["failed"] = True
-            return told
-        told["value"] = value
-        if limits:
+        _, value, constraints, objective = entry.outcome
+        told: dict[str, Any] = {"value": objective, "failed": not math.isfinite(value)}
+        if self.history.constraint_count:
             told["constraints"] = constraints
-        if index < self.goal:
-            told["failed"] = True
         return told
 
     def _set_elapsed(self, seconds: float) -> None:
@@ -212,7 +203,7 @@ class Run:
         best = self._known_count + ranks.index(min(ranks))
         x = tuple(self.history.x[best])
         category = tuple(self.history.category[best])
-        index, value, _ = self._recorded[x, category].outcome
+        index, value = self._recorded[x, category].outcome[:2]
         found = self._evaluate(x, category)[:2]
         distances = sorted(abs(v - value) for v in self.history.value if math.isfinite(v))
         size = abs(value) + (distances[len(distances) // 2] if distances else 0.0)
@@ -232,7 +223,7 @@ class Run:
             self.stop(Status.MIN_RADIUS)
 
     def _append(self, entry: Entry, is_replayed: bool) -> None:
-        index, value, _ = entry.outcome
+        index, value = entry.outcome[:2]
         _append(self.history, entry)
         placed = rank(index, value)
         if placed < self.best_rank:
@@ -302,5 +293,5 @@ class Run:
 
 
 def _append(history: History, entry: Entry) -> None:
-    index, value, constraints = entry.outcome
-    history.append(entry.x, entry.category, index, value, entry.time, constraints)
+    index, value, constraints, objective = entry.outcome
+    history.append(entry.x, entry.category, index, value, entry.time, constraints, objective)

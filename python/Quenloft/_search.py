@@ -45,6 +45,8 @@ class Outcome(NamedTuple):
     value: float
     #: The value of each constraint; NaN where it is not known.
     constraints: tuple[float, ...]
+    #: The objective, at an infeasible point too where it was told; NaN where it is not known.
+    objective: float
 
 
 class Trials(NamedTuple):
@@ -64,6 +66,8 @@ class Trials(NamedTuple):
     value: memoryview
     #: Shape ``(len, constraints)``; NaN where not known.
     constraints: memoryview
+    #: The objective, at infeasible points too where it was told; NaN where not known.
+    objective: memoryview
     #: The `Point.id` of each trial.
     id: memoryview
     #: 2: by a local step; 64: inserted, as `known` and `x0` are; else 0.
@@ -92,10 +96,7 @@ class Search:
         See `minimize`. Points of `x0` are handed out first.
     maxfun : int, optional
         Most trials; nothing is asked for beyond them. No limit by default.
-    local_models : bool
-        Quadratic models of the trials around the best minima share the search: they converge
-        where the method alone is slow. Without them the trials are the native module's.
-    overestimation, overestimation_local, local_vs_global, spread, cross
+    local_models, batch, overestimation, overestimation_local, local_vs_global, spread, cross
         See `minimize`.
 
     Raises
@@ -127,27 +128,20 @@ class Search:
         known: Any = (),
         maxfun: Optional[float] = None,
         local_models: bool = True,
+        batch: int = 1,
         overestimation: Optional[float] = None,
         overestimation_local: float = Settings.overestimation_local,
         local_vs_global: float = Settings.local_vs_global,
         spread: float = Settings.spread,
         cross: float = Settings.cross,
     ) -> None:
+        settings = Settings.of(locals())
         variables = variable_forms.declare(bounds, logarithmic, categories, names)
-        settings = Settings.of(
-            bool(local_models),
-            overestimation,
-            overestimation_local=overestimation_local,
-            local_vs_global=local_vs_global,
-            spread=spread,
-            cross=cross,
-        )
         self._set_up(
             variables,
             settings,
             whole_number("constraints", constraints, 0),
             bool(hidden_constraint),
-            bool(local_models),
             known_points(variables, constraints, bool(hidden_constraint), known),
             wanted_points(variables, x0),
         )
@@ -159,7 +153,6 @@ class Search:
         variables: Variables,
         settings: Settings,
         *,
-        local_models: bool,
         constraints: int = 0,
         hidden_constraint: bool = True,
         known: Sequence[Known] = (),
@@ -168,9 +161,7 @@ class Search:
     ) -> Search:
         """A search over variables, with settings and from points that are checked already."""
         search = cls.__new__(cls)
-        search._set_up(
-            variables, settings, constraints, hidden_constraint, local_models, known, wanted
-        )
+        search._set_up(variables, settings, constraints, hidden_constraint, known, wanted)
         search.maxfun = maxfun
         return search
 
@@ -180,7 +171,6 @@ class Search:
         settings: Settings,
         constraints: int,
         hidden_constraint: bool,
-        local_models: bool,
         known: Sequence[Known],
         wanted: Sequence[Any],
         core: Optional[Core] = None,
@@ -189,7 +179,6 @@ class Search:
         self._settings = settings
         self._constraints = constraints
         self._hidden_constraint = hidden_constraint
-        self._local_models = local_models
         self._known = known
         self._wanted = wanted
         self._choices = variables.choices
@@ -205,7 +194,8 @@ class Search:
                 [len(choices) for choices in variables.choices],
                 constraints,
                 hidden_constraint,
-                local_models,
+                settings.local_models,
+                settings.batch,
                 (
                     settings.overestimation,
                     settings.overestimation_local,
@@ -224,7 +214,8 @@ class Search:
         """Up to `n` points to evaluate now, none of which is out already.
 
         Those come first that the search cannot go on without, then those that it will probably
-        want next. Fewer come when it is finished, or has to see values first.
+        want next. Fewer come when it is finished, or has to see values first, and never more than
+        1,000 at once.
         """
         count = _count("n", n)
         if self._choices:
@@ -251,6 +242,8 @@ class Search:
             The objective; needed where all constraints hold.
         constraints : sequence of float, optional
             The values of the constraints in their order: of all, or up to one that is violated.
+            What is known beyond a violated one, `value` included, serves the local models: give
+            it where it is there. NaN or an infinity there means that it is not.
         failed : bool
             The evaluation failed. What was computed nevertheless, NaN and infinities included, may
             be given. What failed is the first of the constraints that is violated or not given,
@@ -389,12 +382,7 @@ class Search:
 
         Its columns share the memory of the search.
         """
-        variables = self._variables
-        history = History(variables.dimension, variables.choices, self._constraints, self.goal)
-        history.names = variables.names
-        history.bounds = tuple(zip(variables.lower, variables.upper))
-        history.logarithmic = tuple(i for i, log in enumerate(variables.logarithmic) if log)
-        history.integers = variables.integers
+        history = History.of(self._variables, self._constraints, self.goal)
         trials = self.trials
         history.known = len(self._known)
         history.adopt(
@@ -404,6 +392,7 @@ class Search:
             _flat(trials.value),
             array("d", [math.nan]) * len(trials.index),
             _flat(trials.constraints),
+            _flat(trials.objective),
         )
         return history
 
@@ -422,7 +411,18 @@ class Search:
     def result(self) -> OptimizeResult:
         """What is known now, as `minimize` returns it."""
         history = self.history
-        surplus = self.surplus
+        surplus = History.of(self._variables, self._constraints, self.goal)
+        for point, outcome in self.surplus:
+            surplus.append(
+                point.x,
+                point.category,
+                outcome.index,
+                outcome.value,
+                math.nan,
+                outcome.constraints,
+                outcome.objective,
+            )
+        surplus.finish()
         goal = history.goal
         best = self.best
         status = (
@@ -441,7 +441,7 @@ class Search:
                 "fun": trial.value if is_feasible else math.inf,
                 "x": trial.x,
                 "categories": trial.categories,
-                "maxcv": trial.value if trial.index < self._constraints else 0.0,
+                "maxcv": trial.maxcv,
                 "constraints": trial.constraints,
             }
         if is_feasible:
@@ -489,7 +489,6 @@ class Search:
                 self._settings,
                 self._constraints,
                 self._hidden_constraint,
-                self._local_models,
                 self._known,
                 self._wanted,
             ),
@@ -510,7 +509,6 @@ class Search:
             self._settings,
             self._constraints,
             self._hidden_constraint,
-            self._local_models,
             self._known,
             self._wanted,
             core,

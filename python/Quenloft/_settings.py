@@ -4,14 +4,16 @@
 from __future__ import annotations
 
 import math
-from dataclasses import asdict, dataclass
-from typing import Any, Optional
+from dataclasses import dataclass, fields
+from typing import Any, Mapping, Optional
 
 
 @dataclass(frozen=True)
 class Settings:
     """What decides which trials a search makes; see `minimize` for each."""
 
+    local_models: bool = True
+    batch: int = 1
     overestimation: float = 2.0
     overestimation_local: float = 1.1
     local_vs_global: float = 0.1
@@ -19,6 +21,7 @@ class Settings:
     cross: float = 0.99
 
     def __post_init__(self) -> None:
+        one_of("local_models", self.local_models, (False, True))
         # Below 1 a step could leave the segment that it splits, and with it the bounds.
         _require("overestimation", self.overestimation, "at least 1", lambda v: v >= 1)
         _require("overestimation_local", self.overestimation_local, "at least 1", lambda v: v >= 1)
@@ -27,16 +30,17 @@ class Settings:
         _require("cross", self.cross, "from 0 to 1", lambda v: 0 <= v <= 1)
 
     @classmethod
-    def of(cls, local_models: bool, overestimation: Optional[float], **others: Any) -> Settings:
-        """Where no overestimation is given: local models converge by themselves, and leave it
-        to the steps between them to be thorough."""
-        if overestimation is None:
-            overestimation = 2.5 if local_models else cls.overestimation
-        return cls(overestimation=overestimation, **others)
+    def of(cls, arguments: Mapping[str, Any]) -> Settings:
+        """Those among a function's arguments.
 
-    def engine_arguments(self) -> dict[str, Any]:
-        """Keyword arguments of the native `Minimize`."""
-        return asdict(self)
+        Where no overestimation is given: local models converge by themselves, and leave it to the
+        steps between them to be thorough.
+        """
+        given = {item.name: arguments[item.name] for item in fields(cls)}
+        if given["overestimation"] is None:
+            given["overestimation"] = 2.5 if given["local_models"] else cls.overestimation
+        given["batch"] = whole_number("batch", given["batch"], 1)
+        return cls(**given)
 
 
 @dataclass(frozen=True)

@@ -134,7 +134,8 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
         "--constraint",
         metavar="FUNCTION",
         **several,
-        help="feasible when <= 0; in this order. With --command a pattern or key as for "
+        help="feasible when <= 0; in this order. The last may be a number: of the constraint values "
+        "that the function returns beside its own. With --command a pattern or key as for "
         "--objective, with '<= LIMIT' or '>= LIMIT' after it",
     )
     problem.add_argument(
@@ -167,9 +168,9 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     for name, default in _settings().items():
         settings.add_argument(
             "--" + name.replace("_", "-"),
-            type=float,
+            type=int if name == "batch" else float,
             default=default,
-            metavar="X",
+            metavar="N" if name == "batch" else "X",
             help=_SETTINGS[name] + ("" if default is None else " (%(default)s)"),
         )
     settings.add_argument(
@@ -246,6 +247,7 @@ _SETTINGS = {
     "local_vs_global": "local steps for each global one",
     "spread": "neighbours are 2 pi / X apart",
     "cross": "size of the first cross of trials, 0 for none",
+    "batch": "trials of local models are made for N workers, however many there are",
 }
 
 
@@ -338,7 +340,7 @@ def run_minimize(options: argparse.Namespace) -> int:
 
 def _problem(
     options: argparse.Namespace, names: Sequence[str]
-) -> tuple[Callable[..., Any], Sequence[Callable[..., Any]]]:
+) -> tuple[Callable[..., Any], Sequence[Any]]:
     """Objective and constraints: Python functions, or those of a program."""
     if (options.function is None) == (options.command is None):
         raise UsageError("name one function, before the options, or give --command")
@@ -346,7 +348,8 @@ def _problem(
         for name in ("objective", "output", "template", "file", "timeout", "tolerate", "directory"):
             if getattr(options, name):
                 raise UsageError(f"--{name} goes with --command")
-        return load_function(options.function), [load_function(c) for c in options.constraint]
+        constraints = [int(c) if c.isdecimal() else load_function(c) for c in options.constraint]
+        return load_function(options.function), constraints
     if options.args:
         raise UsageError("--args does not go with --command")
     try:
@@ -700,6 +703,7 @@ def _json_trial(trial: Trial) -> dict[str, Any]:
         "value": trial.value,
         "time": trial.time,
         "constraints": list(trial.constraints),
+        "objective": trial.objective,
     }
 
 

@@ -42,6 +42,8 @@ using QuenloftSearch::Trials;
 // Between two looks at signals.
 constexpr std::size_t kTrialsAtOnce = 256;
 constexpr std::size_t kPointsAtOnce = 64;
+// A look-ahead further than this is guesswork.
+constexpr std::size_t kMostPoints = 1000;
 
 template <typename Values, typename Convert>
 nb::tuple MakeTuple(const Values& values, Convert convert) {
@@ -78,7 +80,8 @@ nb::list FromPoints(const Search& search, const std::vector<Point>& points) {
 
 nb::object FromOutcome(const std::optional<Outcome>& outcome) {
   if (!outcome) return nb::none();
-  return nb::make_tuple(outcome->index, outcome->value, FromNumbers(outcome->constraints));
+  return nb::make_tuple(outcome->index, outcome->value, FromNumbers(outcome->constraints),
+                        outcome->objective);
 }
 
 // A point as FromPoint gives it; its positions are not looked at.
@@ -93,7 +96,7 @@ Point ToPoint(std::uint64_t id, const nb::tuple& x) {
 
 Outcome ToOutcome(const nb::tuple& outcome) {
   return {nb::cast<std::int32_t>(outcome[0]), nb::cast<double>(outcome[1]),
-          nb::cast<std::vector<double>>(outcome[2])};
+          nb::cast<std::vector<double>>(outcome[2]), nb::cast<double>(outcome[3])};
 }
 
 // A read-only memoryview of the column, of one dimension where its width is one by nature.
@@ -130,12 +133,16 @@ std::size_t Tell(Search& search, std::uint64_t id, const nb::tuple& x, std::opti
   return advances ? AdvanceInParts(search, std::numeric_limits<std::size_t>::max()) : 0;
 }
 
-// Looks at signals between parts, and hands nothing out where one ends the call.
+// Looks at signals between parts, and hands nothing out where one ends the call. Each part
+// looks ahead once more through those before it: they double, so that it costs twice as much
+// as at once.
 nb::list Ask(Search& search, std::size_t count) {
   AdvanceInParts(search, std::numeric_limits<std::size_t>::max());
   std::vector<Point> points;
+  count = std::min(count, kMostPoints);
   while (points.size() < count) {
-    const std::size_t part = std::min(count - points.size(), kPointsAtOnce);
+    const std::size_t part =
+        std::min(count - points.size(), std::max(points.size(), kPointsAtOnce));
     std::vector<Point> more;
     {
       const nb::gil_scoped_release released;
@@ -163,7 +170,7 @@ using WantedTuple = std::tuple<std::vector<double>, std::vector<std::int32_t>>;
 
 Problem ToProblem(const std::vector<VariableTuple>& variables,
                   std::vector<std::int32_t> category_sizes, std::uint32_t constraint_count,
-                  bool has_hidden_constraint, bool has_local_models,
+                  bool has_hidden_constraint, bool has_local_models, std::uint32_t batch,
                   const ParametersTuple& parameters, const std::vector<KnownTuple>& known,
                   const std::vector<WantedTuple>& wanted) {
   Problem problem;
@@ -174,6 +181,7 @@ Problem ToProblem(const std::vector<VariableTuple>& variables,
   problem.constraint_count = constraint_count;
   problem.has_hidden_constraint = has_hidden_constraint;
   problem.has_local_models = has_local_models;
+  problem.batch = batch;
   auto& [overestimation, overestimation_local, local_vs_global, spread, cross, fit, reserve] =
       problem.parameters;
   std::tie(overestimation, overestimation_local, local_vs_global, spread, cross) = parameters;
@@ -203,6 +211,7 @@ nb::dict FromTrials(const Search& search) {
   columns["index"] = FromColumn(trials.index, false);
   columns["value"] = FromColumn(trials.value, false);
   columns["constraints"] = FromColumn(trials.constraints, true);
+  columns["objective"] = FromColumn(trials.objective, false);
   columns["id"] = FromColumn(trials.id, false);
   columns["kind"] = FromColumn(trials.kind, false);
   return columns;
@@ -267,15 +276,16 @@ NB_MODULE(_binding, m) {  // NOLINT(performance-unnecessary-value-param)
           "__init__",
           [](Search* self, const std::vector<VariableTuple>& variables,
              std::vector<std::int32_t> category_sizes, std::uint32_t constraint_count,
-             bool has_hidden_constraint, bool has_local_models, const ParametersTuple& parameters,
-             const std::vector<KnownTuple>& known, const std::vector<WantedTuple>& wanted) {
+             bool has_hidden_constraint, bool has_local_models, std::uint32_t batch,
+             const ParametersTuple& parameters, const std::vector<KnownTuple>& known,
+             const std::vector<WantedTuple>& wanted) {
             new (self) Search(ToProblem(variables, std::move(category_sizes), constraint_count,
-                                        has_hidden_constraint, has_local_models, parameters, known,
-                                        wanted));
+                                        has_hidden_constraint, has_local_models, batch, parameters,
+                                        known, wanted));
           },
           nb::arg("variables"), nb::arg("category_sizes"), nb::arg("constraint_count"),
-          nb::arg("has_hidden_constraint"), nb::arg("has_local_models"), nb::arg("parameters"),
-          nb::arg("known"), nb::arg("wanted"))
+          nb::arg("has_hidden_constraint"), nb::arg("has_local_models"), nb::arg("batch"),
+          nb::arg("parameters"), nb::arg("known"), nb::arg("wanted"))
       .def("ask", &Ask, nb::arg("count"))
       .def("tell", &Tell, nb::arg("id"), nb::arg("x"), nb::arg("value").none(),
            nb::arg("constraints"), nb::arg("has_failed"), nb::arg("advances"))

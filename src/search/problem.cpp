@@ -72,6 +72,7 @@ void Check(const Problem& problem) {
                                   problem.parameters) > QuenloftSolver::MemoryLimit()) {
     Refuse("there are too many combinations of categories, or constraints, for the memory");
   }
+  if (problem.batch < 1) Refuse("a batch has at least one trial");
   const Space space(problem);
   for (const KnownPoint& known : problem.known) {
     if (!space.Contains(known.x)) Refuse("a known point must be a point of the problem");
@@ -104,8 +105,9 @@ Outcome MakeOutcome(const Problem& problem, std::optional<double> value,
     Refuse("there are " + std::to_string(constraints.size()) +
            " constraint values; the search has " + std::to_string(count));
   }
-  Outcome outcome{-1, 0.0, constraints};
-  outcome.constraints.resize(count, std::numeric_limits<double>::quiet_NaN());
+  constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
+  Outcome outcome{-1, 0.0, constraints, value.value_or(kUnknown)};
+  outcome.constraints.resize(count, kUnknown);
   for (std::size_t k = 0; k < constraints.size(); ++k) {
     if (constraints[k] <= 0.0) continue;  // minus infinity included: a logarithm of a slack of 0
     if (!has_failed && !std::isfinite(constraints[k])) {
@@ -121,8 +123,7 @@ Outcome MakeOutcome(const Problem& problem, std::optional<double> value,
     if (value && std::isfinite(*value)) Refuse("a failed evaluation has no finite value");
     // What is not known to hold is violated: with all constraints known the hidden one.
     outcome.index = static_cast<std::int32_t>(constraints.size());
-    outcome.value =
-        value && is_objective_reached ? *value : std::numeric_limits<double>::quiet_NaN();
+    outcome.value = is_objective_reached ? outcome.objective : kUnknown;
     return outcome;
   }
   if (!is_objective_reached) {

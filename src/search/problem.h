@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <vector>
 
@@ -23,6 +24,8 @@ struct Outcome {
   double value;
   // One for each constraint of the problem; NaN for those not known.
   std::vector<double> constraints;
+  // Wherever it was evaluated, infeasible points included; NaN where not.
+  double objective = std::numeric_limits<double>::quiet_NaN();
 };
 
 // A variable that is a number, its bounds included. Fixed where they are equal.
@@ -65,6 +68,9 @@ struct Problem {
   QuenloftSolver::SearchParameters parameters;
   // Whether local models share the search; without them its trials are the engine's.
   bool has_local_models = true;
+  // At least 1: between a local trial and the next of its region stand at least batch - 1
+  // others, which this many workers can make meanwhile.
+  std::uint32_t batch = 1;
   // The first trials, in this order: those known, then those wanted.
   std::vector<KnownPoint> known;
   std::vector<WantedPoint> wanted;
@@ -82,10 +88,11 @@ void Check(const Problem& problem);
 void Check(const Problem& problem, const Outcome& outcome);
 
 // The outcome of an evaluation. `constraints` holds the values in the order of the
-// constraints, of all or up to the first violated one (above 0, or NaN); `value` that of
-// the objective, needed where all hold. Where the evaluation has failed, the violated one
-// or the objective may be NaN or infinite; where neither is given, what failed is the first
-// of them that is not given.
+// constraints, of all or at least up to the first violated one (above 0, or NaN); `value`
+// that of the objective, needed where all hold. Behind a violated constraint they may be NaN
+// or infinite: nothing depends on them. Where the evaluation has failed, the violated one or
+// the objective may be, too; where neither is given, what failed is the first of them that
+// is not given.
 // Throws std::invalid_argument that names what is missing, too much or not finite.
 Outcome MakeOutcome(const Problem& problem, std::optional<double> value,
                     const std::vector<double>& constraints, bool has_failed);

@@ -34,6 +34,7 @@ Definition DefinitionOf(const Problem& problem) {
   definition.function_count = static_cast<std::uint32_t>(problem.Goal()) + 1;
   definition.parameters = problem.parameters;
   definition.local_models = problem.has_local_models;
+  definition.batch = problem.batch;
   return definition;
 }
 
@@ -75,9 +76,9 @@ class Search::Lookahead {
     return search_.IsAtLimit(steps_) ? nullptr : search_.Current();
   }
 
-  void Feed(const TestValue& value) {
+  void Feed(const TestValue& value, const std::vector<double>& functions = {}) {
     if (search_.space_.HasLattice()) added_.push_back(search_.current_->key);
-    search_.Register(value);
+    search_.Register(value, functions);
     ++steps_;
   }
 
@@ -135,6 +136,7 @@ Search::Search(const Search& other)
       index_(other.index_),
       value_(other.value_),
       constraints_(other.constraints_),
+      objective_(other.objective_),
       id_(other.id_),
       kind_(other.kind_),
       best_(other.best_),
@@ -171,7 +173,7 @@ std::vector<Point> Search::Ask(std::size_t count) {
     while (const Candidate* wanted = ahead.Wanted()) {
       OpenPoint& open = Open(wanted->key);
       if (open.outcome) {
-        ahead.Feed(EngineValue(*open.outcome));
+        ahead.Feed(EngineValue(*open.outcome), FunctionsOf(*open.outcome));
         continue;
       }
       hand_out(open);
@@ -257,7 +259,7 @@ std::size_t Search::TrialCount() const {
 Trials Search::GetTrials() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return {x_.View(),           categories_.View(), index_.View(), value_.View(),
-          constraints_.View(), id_.View(),         kind_.View()};
+          constraints_.View(), objective_.View(),  id_.View(),    kind_.View()};
 }
 
 std::optional<std::size_t> Search::Best() const {
@@ -327,10 +329,10 @@ Search::State Search::Save() const {
       using Value = std::decay_t<decltype(column[0])>;
       return std::vector<Value>(column.Row(position), column.Row(position) + width);
     };
-    state.trials.push_back(
-        {{id_[position], row(x_, problem_.variables.size()),
-          row(categories_, problem_.category_sizes.size())},
-         {index_[position], value_[position], row(constraints_, problem_.constraint_count)}});
+    state.trials.push_back({{id_[position], row(x_, problem_.variables.size()),
+                             row(categories_, problem_.category_sizes.size())},
+                            {index_[position], value_[position],
+                             row(constraints_, problem_.constraint_count), objective_[position]}});
   }
   for (const auto& [id, open] : open_) state.open.push_back(open);
   return state;
@@ -463,19 +465,19 @@ Search::Candidate Search::CandidateAt(const SolverBase::Proposal& proposal) cons
 // Makes a trial of the point that the method waits for.
 void Search::Register(const TestValue& value, const std::vector<double>& functions) {
   const Candidate& candidate = *current_;
+  const double* known = functions.empty() ? nullptr : functions.data();
   if (space_.HasLattice()) on_lattice_.insert(candidate.key);
   switch (candidate.way) {
     case Candidate::kProposed:
-      proposer_->Accept(value, nullptr, functions.empty() ? nullptr : functions.data());
+      proposer_->Accept(value, nullptr, known);
       break;
     case Candidate::kMoved:
-      proposer_->Accept(value, candidate.unit.data(),
-                        functions.empty() ? nullptr : functions.data());
+      proposer_->Accept(value, candidate.unit.data(), known);
       break;
     case Candidate::kFiller: {
       const std::uint32_t combination = candidate.key.combination;
       proposer_->Insert(candidate.unit.data(), combination, value,
-                        proposer_->Solver().Nearest(candidate.unit.data(), combination));
+                        proposer_->Solver().Nearest(candidate.unit.data(), combination), known);
       break;
     }
   }
@@ -490,6 +492,7 @@ void Search::ReserveRow() {
   index_.Reserve(rows);
   value_.Reserve(rows);
   constraints_.Reserve(rows);
+  objective_.Reserve(rows);
   id_.Reserve(rows);
   kind_.Reserve(rows);
 }
@@ -506,6 +509,7 @@ void Search::TakeRow(OpenIds::iterator entry) {
   index_.Append(&outcome.index);
   value_.Append(&outcome.value);
   constraints_.Append(outcome.constraints.data());
+  objective_.Append(&outcome.objective);
   id_.Append(&open.point.id);
   const std::uint32_t kind = proposer_->Kind(position);
   kind_.Append(&kind);
@@ -540,6 +544,7 @@ std::vector<double> Search::FunctionsOf(const Outcome& outcome) const {
   std::vector<double> functions = outcome.constraints;
   functions.resize(static_cast<std::size_t>(problem_.Goal()) + 1,
                    std::numeric_limits<double>::quiet_NaN());
+  functions.back() = outcome.objective;
   for (double& value : functions) {
     if (!std::isfinite(value)) value = std::numeric_limits<double>::quiet_NaN();
   }

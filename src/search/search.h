@@ -52,6 +52,7 @@ struct Trials {
   ColumnView<std::int32_t> index;       // number of the first violated constraint
   ColumnView<double> value;             // its value, or the objective's where all hold
   ColumnView<double> constraints;       // one column per constraint; NaN where not known
+  ColumnView<double> objective;         // NaN where not known
   ColumnView<std::uint64_t> id;         // of the point
   ColumnView<std::uint32_t> kind;       // kFromLocalStep, kFromFit, kInserted of TestBase::Flag
 };
@@ -201,6 +202,7 @@ class Search {
   Column<std::int32_t> index_;
   Column<double> value_;
   Column<double> constraints_;
+  Column<double> objective_;
   Column<std::uint64_t> id_;
   Column<std::uint32_t> kind_;
   std::optional<std::size_t> best_;

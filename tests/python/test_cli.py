@@ -22,6 +22,8 @@ def bowl(x, *scale):
 def kernel(x, choices):
     return bowl(x) + {"rbf": 0.0, "linear": 0.5}[choices[0]] + choices[1]
 
+def both(x): return bowl(x), [0.6 - x[0], x[1] - 1]
+
 def never(x): return 1.0
 
 def left(x, *choices): return x[0] - 0.2
@@ -90,6 +92,7 @@ def test_search_is_the_one_that_minimize_makes(run):
     [
         (["climodel.py:bowl", *BOX, "--args", "1e6"], 0, "minimum", ""),
         (["climodel:bowl", *BOX, "--constraint", "climodel:left"], 0, "x[0] = ", ""),
+        (["climodel:both", *BOX, "--constraint", "2", "--batch", "3"], 0, "x[0] = 0.6", ""),
         (["climodel:bowl", *BOX, "--quiet"], 0, "", ""),
         (["climodel:fails", *BOX], 1, "2 trials", "DivisionError: two lines (climodel.py, line "),
         (["climodel:undefined", *BOX], 1, "2 trials", "nan at x = (0.995, 0.5); --nonfinite"),

@@ -84,7 +84,7 @@ def test_tables_have_the_names_and_types_of_the_variables(result):
     pandas = pytest.importorskip("pandas")
     result.history.integers = (1,)
     table = result.history.to_pandas()
-    names = "x[0] x[1] categories[0] feasible value time constraint[0] constraint[1]"
+    names = "x[0] x[1] categories[0] feasible value time constraint[0] constraint[1] objective"
     assert list(table.columns) == names.split()
     kinds = ["float64", "int64", ("object", "str"), "bool", "float64"]  # str from pandas 3 on
     assert all(str(kind) in expected for kind, expected in zip(table.dtypes, kinds))

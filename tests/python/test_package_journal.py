@@ -17,6 +17,7 @@ from contextlib import closing
 
 import numpy
 import pytest
+from scipy.optimize import NonlinearConstraint
 
 import Quenloft
 from Quenloft import JournalError, Status
@@ -51,7 +52,8 @@ def parabola(x, *rest):
 
 def columns(history):
     return [
-        [*t.x, *map(str, t.categories), t.index, str(t.value), str(t.constraints)] for t in history
+        [*t.x, *map(str, (*t.categories, t.index, t.value, t.constraints, t.objective))]
+        for t in history
     ]
 
 
@@ -98,6 +100,7 @@ RUNS = [
     {"constraints": [lambda x: x[0] - 0.4, lambda x: 1.1 - x[1]]},
     {"nonfinite": "infeasible", "constraints": lambda x: math.nan if x[1] > 3.9 else -1},
     {"categories": [("a", math.nan, None)]},
+    {"constraints": [lambda x: x[0] - 1.5, NonlinearConstraint(lambda x: x[1] - x[0], 1, 9)]},
     {"callback": lambda result: result.nit == 33},
 ]
 # fmt: on
@@ -164,6 +167,7 @@ DIFFERENCES = [
     ({"categories": [("a", "c")]}, r"categories = \[\['a', 'b'\]\], not"),
     ({"constraints": lambda x, c: -1}, r"constraints = \[\], not \['constraints\[0\] "),
     ({"spread": 9.0}, "spread = 12.0, not 9.0"),
+    ({"batch": 2}, "batch = 1, not 2"),
     ({"fun": lambda x, c, a: 0.0}, "objective = 'parabola', not '<lambda>'"),
 ]
 # fmt: on

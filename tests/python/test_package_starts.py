@@ -20,6 +20,11 @@ def slack(x, chosen):
     return x[0] - 1.5
 
 
+def slack_of_the_same_run(x, chosen):
+    return slack(x, chosen)
+
+
+slack_of_the_same_run.keep_feasible = False
 calls = []
 
 
@@ -47,16 +52,18 @@ def test_x0_is_evaluated_first_and_never_lost(tmp_path):
         minimize(journal=tmp_path / "run.db")
 
 
-def test_known_points_of_every_form_are_the_same_trials(tmp_path):
-    first = minimize(journal=tmp_path / "first.db", nonfinite="infeasible")
+@pytest.mark.parametrize("constraint", [slack, slack_of_the_same_run])
+def test_known_points_of_every_form_are_the_same_trials(constraint, tmp_path):
+    options = {"constraints": constraint, "nonfinite": "infeasible"}
+    first = minimize(journal=tmp_path / "first.db", **options)
     first.history.to_csv(tmp_path / "first.csv")
     pairs = [
-        (p, None if t.index < 2 else t.value, t.constraints)
+        (p, None if math.isnan(t.objective) else t.objective, t.constraints)
         for p, t in zip(points(first.history), first.history)
     ]
     seen = set(calls)
     results = [
-        minimize(known=known, nonfinite="infeasible", journal=tmp_path / f"{number}.db")
+        minimize(known=known, journal=tmp_path / f"{number}.db", **options)
         for number, known in enumerate(
             (first.history, tmp_path / "first.csv", str(tmp_path / "first.db"), pairs)
         )
@@ -64,12 +71,14 @@ def test_known_points_of_every_form_are_the_same_trials(tmp_path):
     for result in results:
         assert points(result.history) == points(results[0].history)
         assert points(result.history)[:25] == points(first.history)
-        assert [t.value for t in result.history][:25] == [t.value for t in first.history]
+        for column in ("value", "objective"):
+            mine, theirs = (getattr(h, column).tolist() for h in (result.history, first.history))
+            assert str(mine[:25]) == str(theirs)
         assert (result.nit, len(result.history), result.history.known) == (25, 50, 25)
         assert not seen & set(calls) and result.fun <= first.fun
-    resumed = minimize(known=pairs, nonfinite="infeasible", journal=tmp_path / "0.db", maxfun=26)
+    resumed = minimize(known=pairs, journal=tmp_path / "0.db", maxfun=26, **options)
     assert resumed.nit == 26 and resumed.replayed == 25
-    assert minimize(known=pairs, f_min=first.fun, nonfinite="infeasible").status is Status.F_MIN
+    assert minimize(known=pairs, f_min=first.fun, **options).status is Status.F_MIN
     assert not calls
     narrow = Quenloft.minimize(
         lambda x, c: 0.0, {**BOUNDS, "a": (0.0, 1.0)}, maxfun=1, constraints=slack,

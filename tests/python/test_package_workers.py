@@ -13,6 +13,7 @@ import time
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
 
 import pytest
+from scipy.optimize import NonlinearConstraint
 
 import Quenloft
 from Quenloft import Status
@@ -33,8 +34,9 @@ def wavy(x, choices=(), delay=0.0):
 class Slope:
     """A constraint that holds in part of the box."""
 
-    def __init__(self, level):
+    def __init__(self, level, keep_feasible=True):
         self.level = level
+        self.keep_feasible = keep_feasible
 
     def __call__(self, x, choices=()):
         return x[0] + 0.5 * x[-1] - self.level - sum(choices) / 5
@@ -46,7 +48,7 @@ class Problem:
     def __init__(self, number, delay=0.0):
         dimension = (1, 2, 3, 5)[number % 4]
         self.bounds = [(-1.0 - i / 10, 1.5 + number / 30) for i in range(dimension)]
-        self.constraints = [Slope(level) for level in (0.6, 0.3)[: number % 3]]
+        self.constraints = [Slope(level, number % 5 > 1) for level in (0.6, 0.3)[: number % 3]]
         self.categories = [(), [(0, 1)], [(0, 1, 2), (5,)]][number // 4 % 3]
         self.settings = {"spread": 9.0 + number % 5}
         self.maxfun = 90 if self.categories else 45
@@ -95,7 +97,8 @@ def essence(result):
     left_out = ("elapsed_seconds", "nfev", "surplus", "history", "replayed")
     shown = {key: repr(value) for key, value in result.items() if key not in left_out}
     return shown, [
-        (t.x, t.categories, t.index, repr((t.constraints, t.value))) for t in result.history
+        (t.x, t.categories, t.index, repr((t.constraints, t.value, t.objective)))
+        for t in result.history
     ]
 
 
@@ -132,6 +135,7 @@ def test_the_trials_are_the_native_ones_on_workers_of_every_kind(number, executo
         {"min_radius": 0.2},
         {"callback": lambda result: result.nit == 37},
         {"constraints": lambda x: math.nan if x[1] > 3.5 else -1, "nonfinite": "infeasible"},
+        {"batch": 4, "constraints": NonlinearConstraint(lambda x: x[0] - x[1], -9, -1)},
     ],
     ids=lambda options: next(iter(options)),
 )
