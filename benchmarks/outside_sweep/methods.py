@@ -78,10 +78,12 @@ def _quenloft(recorder: Recorder, seed: int, method: str) -> None:
     options = options_of(method)
     if problem.categories:
         options["categories"] = problem.categories
+    function: Callable[..., Any] = recorder
     if problem.constraints is not None:
-        count = len(problem.constraints([lower for lower, _ in problem.bounds]))
-        options["constraints"] = [lambda x, i=i: recorder.violations(x)[i] for i in range(count)]
-    Quenloft.minimize(recorder, problem.bounds, maxfun=recorder.budget, **options)
+        # One evaluation gives the objective and all of them.
+        function = recorder.evaluate
+        options["constraints"] = len(problem.constraints(problem.minimizer))
+    Quenloft.minimize(function, problem.bounds, maxfun=recorder.budget, **options)
 
 
 # ---- The box that the peers see

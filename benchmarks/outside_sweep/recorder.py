@@ -39,7 +39,7 @@ class Recorder:
         self.best: Optional[float] = None
         self.reached: list[Optional[int]] = [None] * len(ACCURACIES)
         self.accuracy_within: list[Optional[float]] = [None] * len(BUDGETS)
-        self._known: dict[tuple[float, ...], tuple[float, tuple[float, ...]]] = {}
+        self.known: dict[tuple[float, ...], tuple[float, tuple[float, ...]]] = {}
 
     def __call__(self, point: Sequence[float], *choices: tuple[str, ...]) -> float:
         """The value at a point, which is moved into the box where rounding put it outside."""
@@ -56,12 +56,12 @@ class Recorder:
         """Objective and constraints (<= 0 where they hold) of a problem that has them."""
         assert self.problem.constraints is not None
         inside = self._inside(point)
-        found = self._known.get(inside)
+        found = self.known.get(inside)
         if found is None:
             start = self._begin()
             found = self.problem(inside), self.problem.constraints(inside)
             self.seconds += thread_time() - start
-            self._known[inside] = found
+            self.known[inside] = found
             if max(found[1]) <= TOLERANCE:
                 self._note(found[0])
         return found

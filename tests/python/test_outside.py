@@ -68,6 +68,16 @@ def test_the_best_known_designs_are_feasible_and_at_the_edge():
         assert max(values) <= 1e-8 and sum(value > -1e-6 for value in values) >= 2
 
 
+@pytest.mark.parametrize(
+    "name", [pytest.param(n, marks=[pytest.mark.slow] * (n == "speed-reducer")) for n in DESIGNS]
+)
+def test_the_designs_are_solved_within_200_evaluations(name):
+    recorder, error = methods.minimise("quenloft", DESIGNS[name], 200, 0)
+    assert not error and recorder.count == 200
+    feasible = [value for value, limits in recorder.known.values() if max(limits) <= 0]
+    assert min(feasible) == pytest.approx(DESIGNS[name].f_star, rel=1e-4)
+
+
 def test_the_halves_are_of_equal_size_and_share_the_designs_only():
     for kind in {problem.kind for problem in load()}:
         halves = [{p.name for p in load([kind], held_out=half)} for half in (False, True)]
