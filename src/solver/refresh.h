@@ -98,7 +98,7 @@ class Refresh {
   std::vector<std::uint32_t> rescored_;
   std::vector<std::uint32_t> rebuilt_positions_;
   std::vector<RebuiltTable> rebuilt_;  // likewise
-  std::uint32_t number_ = 0;  // of this refresh, as it marks what the flood met
+  std::uint32_t number_ = 0;           // of this refresh, as it marks what the flood met
 
   struct State {
     std::uint32_t initial_count;
