@@ -76,10 +76,9 @@ struct Refresh {
     });
     listed.resize(std::clamp<std::size_t>(work.listed / count, 1, count));
     rebuilt_count = std::clamp<std::size_t>(work.rebuilt / count, 1, listed.size());
-    columns.Reserve(listed.size());
-    for (const std::uint32_t p : listed) {
-      const Test<N>& trial = solver->TrialAt(p);
-      columns.Append(p, trial, 0);
+    columns.Resize(listed.size());
+    for (std::size_t i = 0; i < listed.size(); ++i) {
+      columns.Set(i, listed[i], solver->TrialAt(listed[i]), 0);
     }
   }
 };

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The trials that every neighbour selection of one refresh looks at, gathered once by each
-// thread so that each of its selections reads them in a row.
+// The trials that every neighbour selection of one refresh looks at, gathered once so that
+// each selection reads them in a row.
 
 #pragma once
 
@@ -30,18 +30,16 @@ inline constexpr std::int32_t kNearNothing = INT32_MIN;
 
 // Invariants:
 //   (1) All trials are of one combination (trials of others are never neighbours).
-//   (2) Candidates stand in the order in which they were appended, which is the
-//       order in which ties between them are resolved.
-// Cost: Append O(N).
-// Threads: any number may read.
+//   (2) Ties between candidates are resolved in the order in which they stand.
+// Cost: Set O(N).
+// Threads: any number may set different candidates, or read.
 template <int N>
 class CandidateColumns {
  public:
-  void Clear() { size_ = 0; }
-  // Allocates what `count` candidates need; Append must not meet more.
-  void Reserve(std::size_t count);
+  // For so many candidates, all to be set anew.
+  void Resize(std::size_t count);
   // `best_index` is the index that a local minimum must have.
-  void Append(std::uint32_t position, const Test<N>& trial, std::int32_t best_index);
+  void Set(std::size_t i, std::uint32_t position, const Test<N>& trial, std::int32_t best_index);
 
   std::size_t Size() const { return size_; }
   std::size_t BlockCount() const { return BlocksFor(size_); }

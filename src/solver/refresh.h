@@ -110,6 +110,7 @@ class Refresh {
   // Meaningless between two calls.
   Scratch<std::vector<std::uint32_t>> seen_;  // trials that a ring of the flood meets first
   Scratch<std::vector<std::uint32_t>> local_candidates_;  // candidates marked local
+  Scratch<CandidateColumns<N>> columns_;                  // that stand in every selection
   Scratch<std::vector<TableWorker<N>>> workers_;          // one per thread
 
   std::uint64_t listed_count_ = 0;  // since construction

@@ -53,24 +53,17 @@ template <int N>
 class TableWorker {
  public:
   // Room for so many candidates.
-  void Reserve(std::size_t candidates) {
-    columns_.Reserve(candidates);
-    selection_.Reserve(candidates);
-  }
-  // The candidates that stand in every table's selection.
-  void Gather(const std::vector<std::uint32_t>& candidates, const TrialStore<N>& store,
-              const TableRules& rules);
-  // Rebuilds a table among these and its own entries that are not listed: radius, slope,
-  // extent and flags with it.
-  void Rebuild(RebuiltTable& table, const TrialBits& is_listed, const TableRules& rules,
-               TrialStore<N>& store);
+  void Reserve(std::size_t candidates) { selection_.Reserve(candidates); }
+  // Rebuilds a table among the candidates, which are listed, and its own entries that are not:
+  // radius, slope, extent and flags with it.
+  void Rebuild(RebuiltTable& table, const CandidateColumns<N>& candidates,
+               const TrialBits& is_listed, const TableRules& rules, TrialStore<N>& store);
 
   const SelectionCounters& Counters() const { return selection_.counters; }
 
  private:
   void Write(std::uint32_t position, TrialStore<N>& store) const;
 
-  CandidateColumns<N> columns_;
   NeighbourSelection<N> selection_;
 };
 

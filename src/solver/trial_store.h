@@ -58,6 +58,12 @@ class TrialStore {
     return rows_[position];
   }
 
+  // Asks for what a trial's table is written to.
+  void PrefetchTable(std::uint32_t position) const {
+    FetchLinesToWrite(&trials_[position], sizeof(Test<N>));
+    FetchLinesToWrite(&rows_[position], sizeof(FloodRow<N>));
+  }
+
   // To change anything of a trial and its row.
   Test<N>& Change(std::uint32_t position) {
     assert(position < Size());

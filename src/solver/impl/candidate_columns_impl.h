@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <limits>
 
 #include "solver/candidate_columns.h"
@@ -9,33 +10,32 @@
 namespace QuenloftSolver {
 
 template <int N>
-void CandidateColumns<N>::Reserve(std::size_t count) {
-  if (positions_.size() >= count) return;
-  const std::size_t room = BlocksFor(2 * count) * kBlock;
-  grid_.resize(room * (kPairs + 1));
-  rows_.resize(room * N);
-  rival_values_.resize(room);
-  positions_.resize(room);
+void CandidateColumns<N>::Resize(std::size_t count) {
+  if (positions_.size() < count) {
+    const std::size_t room = BlocksFor(2 * count) * kBlock;
+    grid_.resize(room * (kPairs + 1));
+    rows_.resize(room * N);
+    rival_values_.resize(room);
+    positions_.resize(room);
+  }
+  size_ = count;
+  if (size_ == 0) return;
+  std::int32_t* const block = grid_.data() + (BlockCount() - 1) * (kPairs + 1) * kBlock;
+  std::fill_n(block, kPairs * kBlock, 0);
+  std::fill_n(block + kPairs * kBlock, kBlock, kNearNothing);
 }
 
 template <int N>
-void CandidateColumns<N>::Append(std::uint32_t position, const Test<N>& trial,
-                                 std::int32_t best_index) {
-  const std::size_t slot = size_ % kBlock;
-  std::int32_t* block = grid_.data() + size_ / kBlock * (kPairs + 1) * kBlock;
-  if (slot == 0) {
-    for (std::size_t i = 0; i < kPairs * kBlock; ++i) block[i] = 0;
-    for (std::size_t i = 0; i < kBlock; ++i) block[kPairs * kBlock + i] = kNearNothing;
-  }
+void CandidateColumns<N>::Set(std::size_t i, std::uint32_t position, const Test<N>& trial,
+                              std::int32_t best_index) {
+  std::int32_t* const grid = grid_.data() + OffsetOf(i, kPairs + 1);
   const GridPoint<N>& point = trial.grid_point;
-  for (std::size_t k = 0; k < kPairs; ++k) block[k * kBlock + slot] = point.pairs[k];
-  block[kPairs * kBlock + slot] = -point.half_square;
-  double* const row = rows_.data() + size_ * N;
-  for (std::size_t k = 0; k < N; ++k) row[k] = trial.coordinate[k];
-  rival_values_[size_] =
+  for (std::size_t k = 0; k < kPairs; ++k) grid[k * kBlock] = point.pairs[k];
+  grid[kPairs * kBlock] = -point.half_square;
+  std::copy_n(trial.coordinate.data(), N, rows_.data() + i * N);
+  rival_values_[i] =
       trial.value.index == best_index ? trial.value.value : std::numeric_limits<double>::infinity();
-  positions_[size_] = position;
-  ++size_;
+  positions_[i] = position;
 }
 
 }  // namespace QuenloftSolver

@@ -81,26 +81,34 @@ void Refresh<N>::ListRebuilt() {
   rebuilt_count_ += rebuilt_.size();
 }
 
-// The parallel loop; what its body does and may do, see TableWorker. What depends on the
-// order of the list is left to the caller's thread.
+// The parallel loops: candidates are gathered, then tables rebuilt, which of them by whom as
+// it comes, as tables differ in cost. What the body of the second does and may do, see
+// TableWorker. What depends on the order of the list is left to the caller's thread.
 template <int N>
 void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, const TableRules& rules,
                               int threads) {
   ReserveTables(threads, candidates.size());
   ListLocalCandidates(candidates);
+  const auto gather = [&](std::size_t i) {
+    columns_.Set(i, candidates[i], (*store_)[candidates[i]], rules.best_index);
+  };
+  const auto rebuild = [&](TableWorker<N>& worker, std::size_t i) {
+    worker.Rebuild(rebuilt_[i], columns_, is_listed_, rules, *store_);
+  };
   if (threads == 1) {
-    workers_[0].Gather(candidates, *store_, rules);
-    for (RebuiltTable& table : rebuilt_) workers_[0].Rebuild(table, is_listed_, rules, *store_);
+    for (std::size_t i = 0; i < candidates.size(); ++i) gather(i);
+    for (std::size_t i = 0; i < rebuilt_.size(); ++i) rebuild(workers_[0], i);
   } else {
 #pragma omp parallel num_threads(threads)
     {
       TableWorker<N>& worker = workers_[static_cast<std::size_t>(omp_get_thread_num())];
-      worker.Gather(candidates, *store_, rules);
-#pragma omp for schedule(dynamic)
-      for (std::size_t i = 0; i < rebuilt_.size(); ++i) {
-        worker.Rebuild(rebuilt_[i], is_listed_, rules, *store_);
-      }
+#pragma omp for schedule(static)
+      for (std::size_t i = 0; i < candidates.size(); ++i) gather(i);
+#pragma omp for schedule(dynamic) nowait
+      for (std::size_t i = 0; i < rebuilt_.size(); ++i) rebuild(worker, i);
     }
+    // What one core has written another waits for, line by line.
+    for (const RebuiltTable& table : rebuilt_) store_->PrefetchTable(table.position);
   }
   ResolveLocalMarks();
 }
@@ -108,6 +116,7 @@ void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, cons
 template <int N>
 void Refresh<N>::ReserveTables(int threads, std::size_t candidates) {
   local_candidates_.reserve(candidates);
+  columns_.Resize(candidates);
   const auto count = static_cast<std::size_t>(threads);
   if (workers_.size() < count) workers_.resize(count);
   for (std::size_t number = 0; number < count; ++number) workers_[number].Reserve(candidates);

@@ -10,22 +10,15 @@
 namespace QuenloftSolver {
 
 template <int N>
-void TableWorker<N>::Gather(const std::vector<std::uint32_t>& candidates,
-                            const TrialStore<N>& store, const TableRules& rules) {
-  columns_.Clear();
-  for (const std::uint32_t position : candidates) {
-    columns_.Append(position, store[position], rules.best_index);
-  }
-}
-
-template <int N>
-void TableWorker<N>::Rebuild(RebuiltTable& table, const TrialBits& is_listed,
-                             const TableRules& rules, TrialStore<N>& store) {
+void TableWorker<N>::Rebuild(RebuiltTable& table, const CandidateColumns<N>& candidates,
+                             const TrialBits& is_listed, const TableRules& rules,
+                             TrialStore<N>& store) {
   using Base = SolverBase::TestBase;
   const Test<N>& trial = store[table.position];
   table.radius_before = trial.radius;
+  store.PrefetchTable(table.position);  // another thread may have written it last
 
-  selection_.Begin(trial, columns_);
+  selection_.Begin(trial, candidates);
   // Listed ones stand in the columns; so does the trial itself. Which are cannot be foreseen,
   // so each is written down, and kept by counting it.
   std::array<std::uint32_t, 3 * N> unlisted;
