@@ -3,7 +3,6 @@
 #include "solver/candidate_list.h"
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstring>
@@ -292,30 +291,12 @@ void CandidateList::PlaceAmong(const double* keys, std::size_t count, ComesBefor
   }
 }
 
-// In ascending order of keys, equal ones as they are: that of numbers.
+// In ascending order of keys, equal ones in that of offers.
 void CandidateList::SortStaged() {
-  const std::size_t count = staged_.size();
-  if (count > kRanked) {
-    std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
-      return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
-                                                : a.number < b.number;
-    });
-    return;
-  }
-  // Without branches: each counts how many come before it.
-  std::array<Staged, kRanked> unsorted;
-  std::array<std::size_t, kRanked> ranks;
-  for (std::size_t i = 0; i < count; ++i) {
-    unsorted[i] = staged_[i];
-    std::size_t rank = 0;
-    for (std::size_t j = 0; j < i; ++j) {
-      const bool comes_before = unsorted[i].candidate.key < unsorted[j].candidate.key;
-      ranks[j] += comes_before ? 1 : 0;
-      rank += comes_before ? 0 : 1;
-    }
-    ranks[i] = rank;
-  }
-  for (std::size_t i = 0; i < count; ++i) staged_[ranks[i]] = unsorted[i];
+  std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
+    return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
+                                              : a.number < b.number;
+  });
 }
 
 // Behind equal keys, which are older.

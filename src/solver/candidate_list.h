@@ -109,7 +109,6 @@ class CandidateList {
   // Entries stand in a window of the storage with room on either side, so that what
   // stands above the least ones need not move when these fall out.
   static constexpr std::size_t kRoom = 2 * kListCapacity;
-  static constexpr std::size_t kRanked = 24;  // staged candidates sorted by counting
   // Columns: the search for a place reads keys alone, the one for stale entries positions.
   struct Storage {
     double keys[kRoom];
@@ -130,10 +129,6 @@ class CandidateList {
     Stretch rising[kListCapacity];  // to be moved towards the end
   };
   struct Staged {
-    Staged() {}  // unset
-    Staged(const Candidate& offered, std::uint32_t its_number, std::uint32_t its_place)
-        : candidate(offered), number(its_number), place(its_place) {}
-
     Candidate candidate;
     std::uint32_t number;  // in the order of offers
     std::uint32_t place;   // of the entry before which it comes; then its own

@@ -22,9 +22,11 @@ namespace {
 constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 // Allocations of this thread that succeed before those that do not.
 thread_local std::int64_t left = kNever;
+// Bytes that one may have.
+thread_local std::size_t most = std::numeric_limits<std::size_t>::max();
 
 void* Allocate(std::size_t size, std::size_t alignment) {
-  if (left != kNever && left-- <= 0) throw std::bad_alloc();
+  if (size > most || (left != kNever && left-- <= 0)) throw std::bad_alloc();
   void* memory = nullptr;
   if (posix_memalign(&memory, std::max(alignment, sizeof(void*)), size) != 0) {
     throw std::bad_alloc();
@@ -97,6 +99,9 @@ class SearchShortOfMemory {
     }();
     auto solver = CreateSolver(bounds, case_.categories, {&constraint_, &target_}, parameters);
     static_cast<Solver<N>&>(*solver).ForceTeam(case_.threads);
+    most = 4096;  // the store reserves room for a few trials
+    solver->Propose();
+    most = std::numeric_limits<std::size_t>::max();
     std::uint32_t trials = 0;
     left = allocations;
     *errors = 0;
