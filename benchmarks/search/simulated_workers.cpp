@@ -100,9 +100,15 @@ struct Run {
   std::size_t evaluations;
 };
 
-Run Simulate(const Case& c, std::size_t workers, Guesser guesser) {
+// Without local models where batch is 0.
+Run Simulate(const Case& c, std::size_t workers, std::uint32_t batch,
+             Guesser guesser = QuenloftSearch::GuessByPlane) {
   Problem problem;
-  problem.has_local_models = false;
+  problem.has_local_models = batch > 0;
+  if (batch > 0) {
+    problem.batch = batch;
+    problem.parameters.overestimation = 2.5;
+  }
   problem.variables.assign(static_cast<std::size_t>(c.dimension), {c.lower, c.upper});
   Search search(problem);
   search.SetGuesser(guesser);
@@ -203,32 +209,39 @@ double AskMilliseconds(const Case& c) {
 
 }  // namespace
 
-int main() {
+// A row of the table: how many times faster `workers` are than one, on every case.
+void Compare(const char* name, std::size_t workers, std::uint32_t batch, Guesser guesser) {
   const std::vector<Case> cases = Cases();
+  std::printf("%-18s %7zu", name, workers);
+  double log_sum = 0.0;
+  double log_sum_of_eight = 0.0;
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const double gain = Simulate(cases[i], 1, batch, guesser).milliseconds /
+                        Simulate(cases[i], workers, batch, guesser).milliseconds;
+    log_sum += std::log(gain);
+    if (i < 8) log_sum_of_eight += std::log(gain);
+    std::printf(" | %.2f", gain);
+  }
+  std::printf(" | %.2f | %.2f\n", std::exp(log_sum_of_eight / 8),
+              std::exp(log_sum / static_cast<double>(cases.size())));
+}
+
+int main() {
   const std::pair<const char*, Guesser> guessers[] = {{"plane", QuenloftSearch::GuessByPlane},
                                                       {"nearest two trials", NearestTwo},
                                                       {"mean of the ends", MeanOfEnds},
                                                       {"larger end", LargerEnd},
                                                       {"mean of these two", Mix}};
   std::printf("speed-up over one worker\n%-18s %7s", "guess", "workers");
-  for (const Case& c : cases) std::printf(" | %s", c.name);
+  for (const Case& c : Cases()) std::printf(" | %s", c.name);
   std::printf(" | mean of the first eight | of all\n");
   for (const auto& [name, guesser] : guessers) {
-    for (const std::size_t workers : {4, 8, 16}) {
-      std::printf("%-18s %7zu", name, workers);
-      double log_sum = 0.0;
-      double log_sum_of_eight = 0.0;
-      for (std::size_t i = 0; i < cases.size(); ++i) {
-        const double gain = Simulate(cases[i], 1, guesser).milliseconds /
-                            Simulate(cases[i], workers, guesser).milliseconds;
-        log_sum += std::log(gain);
-        if (i < 8) log_sum_of_eight += std::log(gain);
-        std::printf(" | %.2f", gain);
-      }
-      std::printf(" | %.2f | %.2f\n", std::exp(log_sum_of_eight / 8),
-                  std::exp(log_sum / static_cast<double>(cases.size())));
-    }
+    for (const std::size_t workers : {4, 8, 16}) Compare(name, workers, 0, guesser);
+  }
+  for (const std::uint32_t workers : {4, 8, 16}) {
+    Compare("models, batch 1", workers, 1, QuenloftSearch::GuessByPlane);
+    Compare("models, batch", workers, workers, QuenloftSearch::GuessByPlane);
   }
   std::printf("\nask(8) after 1,000 trials, ms\n");
-  for (const Case& c : cases) std::printf("%-18s %.3f\n", c.name, AskMilliseconds(c));
+  for (const Case& c : Cases()) std::printf("%-18s %.3f\n", c.name, AskMilliseconds(c));
 }

@@ -78,8 +78,7 @@ std::optional<std::size_t> LocalModels::SelectRegion(const TrialLog& log,
   };
   for (std::size_t r = 0; r < regions_.size(); ++r) {
     const Region& region = regions_[r];
-    if (!region.is_exhausted && !region.is_hopeless && region.rest_until <= turn_ &&
-        log.Size() >= region.free_at) {
+    if (!region.is_exhausted && !region.is_hopeless && region.rest_until <= turn_) {
       consider(region.centre, r);
     }
   }
@@ -104,6 +103,9 @@ std::optional<std::size_t> LocalModels::SelectRegion(const TrialLog& log,
     if (!is_covered) consider(t, std::nullopt);
   }
   if (!best) return std::nullopt;
+  // Its turn is the engine's. To give it to the next best region instead took no fewer trials
+  // of eight workers, and their speed-up was 5.0 in place of 5.4 (benchmarks/search).
+  if (best_region && log.Size() < regions_[*best_region].free_at) return std::nullopt;
   if (!best_region) {
     Region region;
     region.centre = *best;
