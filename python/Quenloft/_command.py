@@ -19,7 +19,7 @@ from hashlib import sha256
 from pathlib import Path
 from typing import Any, Iterable, Iterator, Literal, NamedTuple, Optional, Sequence, Union
 
-from ._log import logger
+from ._log import log
 from ._settings import one_of
 
 PathLike = Union[str, "os.PathLike[str]"]
@@ -292,9 +292,9 @@ class Command:
             settle(failure is not None)
         if failure is None or failure.kind in self.tolerate:
             if failure is None:
-                logger.debug("%s: %s", shlex.join(words), outputs)
+                log("debug", "%s: %s", shlex.join(words), outputs)
             else:
-                logger.warning("failed point: %s", failure)
+                log("warning", "failed point: %s", failure)
             return outputs
         kept = None if self.keep == "never" else folder
         raise CommandError(failure.kind, str(failure), shlex.join(words), kept)

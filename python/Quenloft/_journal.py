@@ -24,7 +24,7 @@ from ._errors import JournalError
 from ._history import History
 from ._known import Known
 from ._observation import Entry
-from ._plan import Plan
+from ._plan import Plan, name_of
 
 _RUN = Kind("run", 0x516C6674, 3)  # "Qlft"
 # Keys of the header that may differ between the sessions of a run: the digest stands for the
@@ -159,13 +159,6 @@ def require_same(
             if part == "args":
                 raise JournalError(f"{wrote} args = {recorded['args']!r}, not {header['args']!r}")
             raise JournalError(f"{wrote} a different {part}")
-
-
-def name_of(function: Any) -> str:
-    """The name of a callable, without its module: a script is ``__main__`` or itself."""
-    while hasattr(function, "func"):  # functools.partial
-        function = function.func
-    return str(getattr(function, "__qualname__", type(function).__qualname__))
 
 
 def _text(value: Any) -> str:

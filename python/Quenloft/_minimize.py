@@ -8,7 +8,8 @@ import os
 from contextlib import ExitStack, closing
 from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence, Union
 
-from ._plan import Plan
+from ._log import log
+from ._plan import Plan, name_of
 from ._progress import Progress
 from ._report import Report, watcher
 from ._result import OptimizeResult
@@ -202,6 +203,7 @@ def minimize(
 
 def execute(plan: Plan) -> OptimizeResult:
     """Carry out a plan; see `minimize`."""
+    log("info", "search of %s begins: %s", name_of(plan.fun), plan.summary())
     run = Run(plan)
     report = Report(run, plan)
     try:
@@ -228,6 +230,9 @@ def execute(plan: Plan) -> OptimizeResult:
     except BaseException as stray:  # of an argument or a file, or from a signal in between
         run.error = run.error or stray
     result = _result(run, report)
+    log(
+        "info", "search of %s ends with fun = %r: %s", name_of(plan.fun), result.fun, result.message
+    )
     error = run.error
     if error is None or (isinstance(error, KeyboardInterrupt) and plan.on_interrupt == "return"):
         return result

@@ -103,6 +103,14 @@ class Plan:
         """The index of a trial at which everything holds."""
         return len(self.limits) + self.is_hidden
 
+    def summary(self) -> str:
+        """The problem and its budget in a line."""
+        variables = self.variables
+        shown = [f"{name} in {number}" for name, number in zip(variables.names, variables.numbers)]
+        shown += [f"{len(choices)} choices" for choices in variables.choices]
+        stops = f"maxfun = {self.budget.maxfun:.0f}, maxtime = {self.budget.maxtime:g} s"
+        return f"{', '.join(shown)}; {len(self.limits)} constraints; {stops}"
+
     def new_history(self) -> History:
         """An empty history of the problem."""
         history = History.of(self.variables, len(self.limits), self.goal)
@@ -137,3 +145,10 @@ def require_arguments(
     missing = [name for name in ("fun", "bounds") if name not in given]
     if missing:
         raise TypeError(f"the argument {missing[0]!r} of minimize is missing")
+
+
+def name_of(function: Any) -> str:
+    """The name of a callable, without its module: a script is ``__main__`` or itself."""
+    while hasattr(function, "func"):  # functools.partial
+        function = function.func
+    return str(getattr(function, "__qualname__", type(function).__qualname__))

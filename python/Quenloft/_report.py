@@ -156,6 +156,10 @@ class Report:
         if status is Status.CALLBACK:
             return f"stopped by the callback: {trials}{budget}"
         if status is Status.EXHAUSTED:
+            if math.isfinite(run.variables.point_count):
+                return (
+                    f"all {len(run.history)} points evaluated, the best is proven: {trials}{budget}"
+                )
             return f"nothing left to split at the resolution of the numbers: {trials}{budget}"
         error = run.error
         if status is Status.INTERRUPTED:

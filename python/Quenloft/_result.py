@@ -25,7 +25,7 @@ class Status(IntEnum):
     F_MIN = 3  #: the objective reached `f_min`
     MIN_RADIUS = 4  #: the neighbourhood of the best trial is smaller than `min_radius`
     CALLBACK = 5  #: the callback returned True or raised StopIteration
-    EXHAUSTED = 6  #: nothing is left to split at the resolution of the numbers
+    EXHAUSTED = 6  #: every point of the lattice is evaluated, or nothing is left to split
     INTERRUPTED = -1  #: Ctrl-C
     ERROR = -2  #: an exception, which carries this result
 

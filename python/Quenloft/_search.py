@@ -452,7 +452,9 @@ class Search:
                 trial = history[i]
                 minima.append(LocalMinimum(trial.x, trial.value, trial.categories, radius))
         said = {
-            Status.EXHAUSTED: "nothing is left to split",
+            Status.EXHAUSTED: f"all {len(history)} points evaluated, the best is proven"
+            if math.isfinite(self._variables.point_count)
+            else "nothing left to split at the resolution of the numbers",
             Status.MAXFUN: f"{len(history)} trials made, maxfun = {self.maxfun}",
             Status.RUNNING: f"running: {len(history)} trials",
         }

@@ -168,6 +168,12 @@ class Variables:
         """Positions of the categorical variables that leave a choice: the search's."""
         return tuple(i for i, choices in enumerate(self.choices) if len(choices) > 1)
 
+    @property
+    def point_count(self) -> float:
+        """How many points there are; infinity with a continuous variable."""
+        counts = [self.numbers[i].count or math.inf for i in self.searched]
+        return math.prod([*counts, *map(len, self.choices)])
+
     def lattices(self) -> list[Lattice]:
         """The lattice of each coordinate of the search."""
         return [self.numbers[i].lattice() for i in self.searched]

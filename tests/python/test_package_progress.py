@@ -44,6 +44,18 @@ def test_time_left_is_that_of_the_tighter_limit_at_the_pace_since_the_first_upda
     progress.close()
 
 
+def test_the_log_says_when_a_search_begins_and_why_it_ended(caplog):
+    with caplog.at_level("INFO", "Quenloft"):
+        Quenloft.minimize(abs_first, {"a": (0, 3, "int"), "b": ["u", "v"]})
+    begins, ends = (record.getMessage() for record in caplog.records)
+    assert begins.startswith("search of abs_first begins: a in [0, 3], integer, 2 choices")
+    assert ends.endswith("0.0: all 8 points evaluated, the best is proven: 8 trials of 1000")
+
+
+def abs_first(x, choices):
+    return float(abs(x[0]))
+
+
 def test_the_package_runs_silently_on_the_standard_library_alone():
     program = """if True:
         import sys

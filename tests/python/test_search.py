@@ -314,6 +314,7 @@ def test_a_lattice_ends_with_its_last_point():
             search.tell(point, values[point[:2]])
     assert len(values) == len(search) == 60
     assert search.is_exhausted and search.result().status == Quenloft.Status.EXHAUSTED
+    assert f"all {len(search)} points evaluated" in search.result().message
     assert search.result().fun == min(values.values())
 
 
