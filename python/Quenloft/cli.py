@@ -139,6 +139,16 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
         "--objective, with '<= LIMIT' or '>= LIMIT' after it",
     )
     problem.add_argument(
+        "--x0",
+        metavar="POINT",
+        type=_point,
+        **several,
+        help="points to evaluate first: A,B,... in the order of the variables, or NAME=A,NAME=B,...",
+    )
+    problem.add_argument(
+        "--known", metavar="FILE", help="journal or CSV file of points whose values are known"
+    )
+    problem.add_argument(
         "--args", metavar="VALUE", type=_literal, **several, help="further arguments of function"
     )
     problem.add_argument(
@@ -188,6 +198,9 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
         output.add_argument(
             "--workers", type=int, metavar="N", help="evaluate at N points at a time"
         )
+    output.add_argument(
+        "--timeout", type=float, metavar="SECONDS", help="that one evaluation may take"
+    )
     output.add_argument("--quiet", action="store_true", help="no progress, no summary")
 
 
@@ -219,7 +232,6 @@ def _add_program(parser: argparse.ArgumentParser, several: dict[str, Any]) -> No
     program.add_argument(
         "--file", metavar="PATH", **several, help="link this into each working directory"
     )
-    program.add_argument("--timeout", type=float, metavar="SECONDS", help="for one evaluation")
     program.add_argument(
         "--tolerate",
         choices=FAILURES,
@@ -301,6 +313,8 @@ def run_minimize(options: argparse.Namespace) -> int:
         for name in (*_settings(), "local_models", "workers")
         if getattr(options, name, None) is not None
     }
+    if options.command is None:  # which has its own
+        further["timeout"] = options.timeout
     try:
         result = minimize(
             function,
@@ -311,6 +325,8 @@ def run_minimize(options: argparse.Namespace) -> int:
             constraints=constraints,
             point=options.point,
             nonfinite=nonfinite,
+            x0=options.x0 or None,
+            known=options.known,
             maxfun=options.maxfun,
             maxtime=options.maxtime,
             f_min=options.f_min,
@@ -345,7 +361,7 @@ def _problem(
     if (options.function is None) == (options.command is None):
         raise UsageError("name one function, before the options, or give --command")
     if options.command is None:
-        for name in ("objective", "output", "template", "file", "timeout", "tolerate", "directory"):
+        for name in ("objective", "output", "template", "file", "tolerate", "directory"):
             if getattr(options, name):
                 raise UsageError(f"--{name} goes with --command")
         constraints = [int(c) if c.isdecimal() else load_function(c) for c in options.constraint]
@@ -510,6 +526,18 @@ def _choices(text: str) -> tuple[Optional[str], list[Any]]:
     if "" in choices:
         raise argparse.ArgumentTypeError(f"{text.strip()!r} holds an empty choice")
     return name, choices
+
+
+def _point(text: str) -> Any:
+    """A point: values in order, or by name."""
+    parts = [_named(part) for part in text.split(",")]
+    values = [_literal(value) for _, value in parts]
+    names = [name for name, _ in parts]
+    if None not in names:
+        return dict(zip(names, values))
+    if any(names):
+        raise argparse.ArgumentTypeError(f"{text.strip()!r} names some values and others not")
+    return values
 
 
 def _named(text: str) -> tuple[Optional[str], str]:

@@ -69,6 +69,17 @@ def run(folder, capsys):
     return call
 
 
+def test_a_search_begins_with_the_points_given(run, folder):
+    box = ["--bounds", "a=0:1", "b=0:1", "--maxfun", 9]
+    assert run("minimize", "climodel:bowl", *box, "--journal", "run.db", "--quiet")[0] == 0
+    known = ["--known", "run.db", "--x0", "b=0.3,a=0.25", "0.5,1", "--timeout", 60]
+    code, out, err = run("minimize", "climodel:bowl", *box, *known, "--json")
+    found = json.loads(out)
+    assert (code, err, found["nit"]) == (0, "", 9) and found["fun"] <= 0.0025
+    for wrong in ("a=1,2", "3,4", "0.5"):
+        assert run("minimize", "climodel:bowl", *box, "--x0", wrong)[0] == 2
+
+
 def test_search_is_the_one_that_minimize_makes(run):
     bounds = ["rate=1e-3:10:log", "-1:2"]
     code, out, err = run(
