@@ -29,7 +29,9 @@ class Constraint:
 
 
 def declare(
-    constraints: Any, form: Callable[[tuple[float, ...]], Any], dimension: int, categorical: bool
+    constraints: Any,
+    arguments: Callable[[tuple[float, ...], tuple[Any, ...]], tuple[Any, ...]],
+    dimension: int,
 ) -> tuple[Constraint, ...]:
     """Check the caller's constraints.
 
@@ -37,12 +39,10 @@ def declare(
     ----------
     constraints : callable, object, or sequence
         See `minimize`.
-    form : callable
-        Makes the point that plain callables are given.
+    arguments : callable
+        Makes what plain callables are given, of a point and the chosen objects.
     dimension : int
         Number of real variables.
-    categorical : bool
-        Whether plain callables are given the choices too.
 
     Raises
     ------
@@ -66,8 +66,7 @@ def declare(
     if count > _MOST_TOGETHER:
         raise ValueError(f"fun may return at most {_MOST_TOGETHER} constraints, not {count}")
     own = [
-        _constraint(f"constraints[{i}]", item, form, dimension, categorical)
-        for i, item in enumerate(items)
+        _constraint(f"constraints[{i}]", item, arguments, dimension) for i, item in enumerate(items)
     ]
     together = range(len(own), len(own) + count)
     return (*own, *(Constraint(f"constraints[{i}] of fun", 1, None, False) for i in together))
@@ -80,9 +79,8 @@ def _has_limits(item: Any) -> bool:
 def _constraint(
     label: str,
     item: Any,
-    form: Callable[[tuple[float, ...]], Any],
+    arguments: Callable[[tuple[float, ...], tuple[Any, ...]], tuple[Any, ...]],
     dimension: int,
-    categorical: bool,
 ) -> Constraint:
     if isinstance(item, dict):
         return _from_dict(label, item)
@@ -93,9 +91,7 @@ def _constraint(
         raise TypeError(f"{label} must be {rule}; not {item!r}")
     name = f"{label} ({getattr(item, '__name__', type(item).__name__)})"
     guards = getattr(item, "keep_feasible", True) is not False
-    if categorical:
-        return Constraint(name, item, lambda x, chosen: item(form(x), chosen), guards)
-    return Constraint(name, item, lambda x, chosen: item(form(x)), guards)
+    return Constraint(name, item, lambda x, chosen: item(*arguments(x, chosen)), guards)
 
 
 def _from_dict(label: str, item: dict[str, Any]) -> Constraint:

@@ -7,7 +7,11 @@ whoever raised it: the package, the objective, a constraint, the callback or Ctr
 
 from __future__ import annotations
 
-from typing import Any, Sequence
+import sys
+from typing import TYPE_CHECKING, Any, Sequence
+
+if TYPE_CHECKING:
+    from ._variables import Variables
 
 
 class NonFiniteError(ValueError):
@@ -59,3 +63,27 @@ class WorkerError(RuntimeError):
 class JournalError(RuntimeError):
     """A journal cannot be used: it belongs to another problem or other settings (the message
     names the difference), is in use by another process, or is no journal at all."""
+
+
+class _Note(Exception):
+    """Shows the notes of an exception where tracebacks do not."""
+
+
+def name_point(
+    error: BaseException, variables: Variables, x: tuple[float, ...], chosen: Any, form: str
+) -> str:
+    """Say at which point an exception was raised: in its attribute ``point``, a mapping of values by
+    name, and in a note. The point as text is returned."""
+    place = variables.place(x, chosen)
+    attributes = vars(error)  # past any __slots__ or __setattr__: every exception has this dict
+    if "point" not in attributes and not hasattr(type(error), "point"):
+        attributes["point"] = dict(zip(variables.names, (*x, *chosen)))
+    notes = [] if place in str(error) else [f"at {place}"]
+    if isinstance(error, TypeError) and "numpy" in sys.modules and f"'{form}'" in str(error):
+        notes.append(f"the point is a {form}; with point='array' it is a NumPy array")
+    if notes:
+        attributes["__notes__"] = [*attributes.get("__notes__", ()), *notes]
+        if sys.version_info < (3, 11) and error.__cause__ is None:
+            # As of the class: the exception may refuse to have attributes set.
+            vars(BaseException)["__cause__"].__set__(error, _Note("\n".join(notes)))
+    return place

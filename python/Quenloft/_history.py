@@ -42,6 +42,8 @@ class Trial:
         Value of each constraint, NaN for those that were not evaluated.
     objective : float
         The objective, at an infeasible point too where it was evaluated there; else NaN.
+    error : str
+        Type and text of the exception that was caught here (`catch`); else empty.
     """
 
     number: int
@@ -52,6 +54,7 @@ class Trial:
     time: float
     constraints: Row
     objective: float
+    error: str = ""
 
     @property
     def maxcv(self) -> float:
@@ -152,6 +155,8 @@ class History:
         self.bounds: tuple[tuple[float, float], ...] = ()
         self.logarithmic: tuple[int, ...] = ()
         self.integers: tuple[int, ...] = ()
+        #: Exceptions that were caught, in words, by the positions of their trials.
+        self.errors: dict[int, str] = {}
         #: How many trials, the first ones, were known beforehand.
         self.known = 0
         self._growing = True
@@ -263,6 +268,7 @@ class History:
             self._time[number],
             tuple(self._constraints[number * m : (number + 1) * m]),
             self._objective[number] if m else self._value[number],
+            self.errors.get(number, ""),
         )
 
     def __iter__(self) -> Iterator[Trial]:
@@ -346,7 +352,7 @@ class History:
 
         The columns: ``trial`` (from 1), each variable by its name, ``feasible`` (1 or 0),
         ``value``, ``time``; with constraints ``constraint[0]`` and so on, and ``objective``, empty
-        where not evaluated.
+        where not evaluated; if exceptions were caught, ``error``.
 
         Parameters
         ----------
@@ -365,13 +371,15 @@ class History:
         writer = csv.writer(file, lineterminator="\n")
         limits = [f"constraint[{i}]" for i in range(self.constraint_count)]
         limits += ["objective"] if limits else []
-        writer.writerow(["trial", *self.labels(), "feasible", "value", "time", *limits])
+        last = ["error"] if self.errors else []
+        writer.writerow(["trial", *self.labels(), "feasible", "value", "time", *limits, *last])
         for number in range(start, len(self)):
             t = self[number]
             known = (*t.constraints, t.objective) if limits else ()
             shown = ("" if math.isnan(value) else value for value in known)
             feasible = int(t.index == self.goal)
-            writer.writerow([number + 1, *t.x, *t.categories, feasible, t.value, t.time, *shown])
+            row = [number + 1, *t.x, *t.categories, feasible, t.value, t.time, *shown]
+            writer.writerow([*row, t.error] if last else row)
         return file.getvalue() if isinstance(file, io.StringIO) and target is None else None
 
     def to_pandas(self) -> DataFrame:
@@ -394,6 +402,8 @@ class History:
             table[f"constraint[{i}]"] = [row[i] for row in self.constraints]
         if self.constraint_count:
             table["objective"] = list(self.objective)
+        if self.errors:
+            table["error"] = [self.errors.get(i, "") for i in range(len(self))]
         return DataFrame(table, index=RangeIndex(1, len(self) + 1, name="trial"))
 
     def __array__(self, dtype: Any = None, copy: Any = None) -> Any:
@@ -429,6 +439,7 @@ class History:
             column = vars(history)[name]
             is_column = isinstance(column, array)
             setattr(history, name, array(column.typecode, value) if is_column else value)
+        history.errors = {int(position): text for position, text in history.errors.items()}
         history.finish()
         return history
 

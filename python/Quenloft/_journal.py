@@ -3,8 +3,10 @@
 
 The header describes problem and settings. A row is one evaluation, in the order in which they
 ended: the phase, a column for each variable (``x0``, ``x1``, ... ``category0``, ...), ``idx``,
-``value``, ``time``, and where there are constraints a column for each (``g0``, ...) and
-``objective``. NULL is NaN: not known. `_database` says how they are kept.
+``value``, ``time``, ``error`` (text of an exception that was caught), and where there are constraints
+a column for each (``g0``, ...) and ``objective``. NULL is NaN: not known. ``idx`` counts "nothing
+failed" as one more constraint after the caller's, whether or not failures were allowed: that may
+change from session to session. `_database` says how rows are kept.
 """
 
 from __future__ import annotations
@@ -29,7 +31,7 @@ from ._plan import Plan, name_of
 _RUN = Kind("run", 0x516C6674, 3)  # "Qlft"
 # Keys of the header that may differ between the sessions of a run: the digest stands for the
 # arguments, whose text may change with the order of a set.
-_INFORMATION = ("version", "interpreter", "args")
+_INFORMATION = ("version", "interpreter", "args", "nonfinite")
 
 
 @dataclass(frozen=True)
@@ -46,8 +48,7 @@ class Recording:
         those that JSON cannot hold as their text), ``"constraints"`` (list of str), ``"guards"``
         (list of bool: nothing was called after this constraint where it is violated),
         ``"nonfinite"``, and the parameters of the search by their names; ``"version"`` is that
-        of the package that began the journal, ``"goal"`` the `History.goal`, ``"digests"`` says
-        which functions they are.
+        of the package that began the journal, ``"digests"`` says which functions they are.
     history : History
         Every evaluation recorded so far, in the order in which they ended.
     """
@@ -68,13 +69,17 @@ def read_journal(path: Path) -> Recording:
     """
     header, rows = read(path, _RUN)
     choices, limits = header["categories"], header["constraints"]
-    history = History(len(header["bounds"]), choices, len(limits), header["goal"])
+    place = 1 + len(header["bounds"]) + len(choices)
+    may_fail = header["nonfinite"] != "raise" or any(row[place] == len(limits) for row in rows)
+    history = History(len(header["bounds"]), choices, len(limits), len(limits) + may_fail)
     history.names = tuple(header["names"])
     history.bounds = tuple((lower, upper) for lower, upper in header["bounds"])
     history.logarithmic = tuple(header["logarithmic"])
     history.integers = tuple(header["integers"])
     for row in rows:
-        _, x, category, (index, value, constraints, objective), time = _entry(row, history)
+        _, x, category, (index, value, constraints, objective), time, error = _entry(row, history)
+        if error:
+            history.errors[len(history)] = error
         history.append(x, category, index, value, time, constraints, objective)
     history.finish()
     return Recording(header, history)
@@ -85,7 +90,7 @@ class Journal:
 
     def __init__(self, path: Path, plan: Plan, history: History) -> None:
         header = describe(plan)
-        self._limits = history.constraint_count
+        self._limits, self._goal = history.constraint_count, history.goal
         self._database = Database(
             path,
             _RUN,
@@ -97,11 +102,18 @@ class Journal:
         #: What the sessions before this one recorded.
         self.entries = [_entry(row, history) for row in self._database.rows]
         self.close = self._database.close
+        if not plan.may_fail and any(not math.isfinite(e.outcome[1]) for e in self.entries):
+            self.close()
+            raise JournalError(
+                f"the journal {self.path!r} holds points that failed: pass nonfinite='infeasible' or "
+                "catch"
+            )
 
     def record(self, entry: Entry) -> None:
         """Put an evaluation on the disk."""
-        phase, x, category, (index, value, constraints, objective), time = entry
-        row = (phase, *map(float, x), *category, index, value, time)
+        phase, x, category, (index, value, constraints, objective), time, error = entry
+        stored = self._limits + 1 if index == self._goal else index
+        row = (phase, *map(float, x), *category, stored, value, time, error or None)
         missing = (math.nan,) * (self._limits - len(constraints))
         known = (*constraints, *missing, objective) if self._limits else ()
         self._database.append(*row, *known)
@@ -134,7 +146,6 @@ def describe(plan: Plan) -> dict[str, Any]:
         "x0": [[*x, *category] for x, category in plan.wanted],
         "known": _summary(plan.known_points),
         **asdict(plan.settings),
-        "goal": plan.goal,
         "version": _version.__version__,
         "interpreter": sys.implementation.cache_tag,
         "digests": {k: v for k, v in found.items() if not isinstance(v, Unknown)},
@@ -186,6 +197,7 @@ def _columns(history: History) -> list[str]:
         "idx INTEGER NOT NULL",
         "value REAL",
         "time REAL NOT NULL",
+        "error TEXT",
         *(f"g{i} REAL" for i in range(history.constraint_count)),
         *(["objective REAL"] if history.constraint_count else []),
     ]
@@ -194,10 +206,10 @@ def _columns(history: History) -> list[str]:
 def _entry(row: Sequence[Any], history: History) -> Entry:
     n, k = history.dimension, len(history.choices)
     phase, *rest = row
-    index, value, time, *known = rest[n + k :]
+    index, value, time, error, *known = rest[n + k :]
     *constraints, objective = map(_number, known or [value])
-    outcome = (index, _number(value), constraints, objective)
-    return Entry(phase, tuple(rest[:n]), tuple(rest[n : n + k]), outcome, time)
+    outcome = (min(index, history.goal), _number(value), constraints, objective)
+    return Entry(phase, tuple(rest[:n]), tuple(rest[n : n + k]), outcome, time, error or "")
 
 
 def _number(stored: Optional[float]) -> float:

@@ -9,7 +9,7 @@ from collections.abc import Mapping
 from typing import Any, Iterable, Iterator, NamedTuple, Optional, Sequence
 
 from ._history import History
-from ._observation import as_number
+from ._observation import as_number, as_violation
 from ._variables import Variables, is_sequence
 
 _SQLITE = b"SQLite format 3\0"
@@ -99,7 +99,7 @@ class _Problem:
         x, category = self._variables.point(given, label)
         chosen = self._variables.chosen(category)
         objective = None if value is None else as_number(label, value, x, chosen)
-        limits = tuple(as_number(label, limit, x, chosen) for limit in (rest[0] if rest else ()))
+        limits = tuple(as_violation(label, limit, x, chosen) for limit in (rest[0] if rest else ()))
         return self._point(label, x, category, objective, limits)
 
     def of_history(self, history: History, label: str) -> Iterator[Known]:

@@ -6,7 +6,7 @@ from __future__ import annotations
 import math
 import os
 from contextlib import ExitStack, closing
-from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence, Union
+from typing import TYPE_CHECKING, Any, Callable, Literal, Optional, Sequence, Union
 
 from ._log import log
 from ._plan import Plan, name_of
@@ -33,14 +33,15 @@ def minimize(
     constraints: Any = (),
     x0: Any = None,
     known: Any = (),
-    point: str = "tuple",
-    nonfinite: str = "raise",
+    point: Literal["tuple", "list", "array", "mapping"] = "tuple",
+    nonfinite: Literal["raise", "infeasible"] = "raise",
+    catch: Union[type[Exception], tuple[type[Exception], ...]] = (),
     maxfun: Optional[float] = None,
     maxtime: Optional[float] = None,
     f_min: Optional[float] = None,
     min_radius: Optional[float] = None,
     callback: Optional[Callable[[OptimizeResult], Any]] = None,
-    on_interrupt: str = "raise",
+    on_interrupt: Literal["raise", "return"] = "raise",
     progress: bool = False,
     journal: Optional[Union[str, os.PathLike[str]]] = None,
     verify: bool = True,
@@ -101,12 +102,18 @@ def minimize(
         NaN or None is a failed point. Or the history of another search, the path of its journal
         or of a CSV file with the columns of `History.to_csv` (at least the variables, ``value``
         and the constraints): of these, points outside the bounds are left out.
-    point : {"tuple", "list", "array"}
+    point : {"tuple", "list", "array", "mapping"}
         The form of `x` for `fun`, the constraints and the result. Each call gets a fresh one,
-        which may be kept. ``"array"`` needs NumPy.
+        which may be kept. ``"array"`` needs NumPy; with functions written for arrays, such as
+        ``lambda x: np.sum(x**2)``, it is what you want. ``"mapping"`` is a dict of all variables
+        by name, the categorical ones included: `choices` is then no argument of its own.
     nonfinite : {"raise", "infeasible"}
         What NaN or an infinity from `fun` or a constraint means: an error (`NonFiniteError`), or
         that the point is infeasible and the search goes on elsewhere (a hidden constraint).
+    catch : exception type or tuple of them
+        Exceptions of `fun` and the constraints that make a failed point: it is infeasible, kept
+        in the history with its ``error``, and the search goes on elsewhere. With TimeoutError
+        those are included that take longer than `timeout`, with `WorkerError` processes that die.
     maxfun : int, optional
         Budget of trials, never exceeded: points at which `fun`, or a constraint that is violated,
         is evaluated. ``1000 * N`` when neither `maxfun` nor `maxtime` is given; ``math.inf``
@@ -261,7 +268,7 @@ def _search(run: Run, report: Report, plan: Plan, book: Optional[Journal]) -> No
         plan.variables,
         plan.settings,
         constraints=len(plan.limits),
-        hidden_constraint=plan.is_hidden,
+        hidden_constraint=plan.may_fail,
         known=plan.known_points,
         wanted=plan.wanted,
         maxfun=None if limit == math.inf else int(limit),

@@ -4,20 +4,20 @@
 from __future__ import annotations
 
 import math
-from typing import Any, Callable, NamedTuple, Sequence, Tuple
+from typing import Any, Callable, NamedTuple, Sequence, Tuple, Union
 
 from ._constraints import Constraint, declare
 from ._errors import NonFiniteError
+from ._variables import Variables
 
-#: Makes the point that the caller's functions are given; a tuple needs no copy, nobody changes it.
-Form = Callable[[Tuple[float, ...]], Any]
-
+#: The positional arguments of the caller's functions, for a point and the chosen objects.
+Arguments = Callable[[Tuple[float, ...], Tuple[Any, ...]], Tuple[Any, ...]]
 
 #: What an evaluation gave: the first violated constraint, or the goal when all hold; the value
 #: there; the values of the constraints up to the last that was evaluated; the objective, NaN where
 #: it was not evaluated.
 Outcome = Tuple[int, float, Sequence[float], float]
-Observe = Callable[[Tuple[float, ...], Tuple[int, ...]], Outcome]
+Observe = Callable[[Tuple[float, ...], Tuple[int, ...]], Union[Outcome, "Failure"]]
 
 
 class Entry(NamedTuple):
@@ -28,44 +28,49 @@ class Entry(NamedTuple):
     category: tuple[int, ...]
     outcome: Outcome
     time: float
+    #: Text of the exception that was caught, if one was.
+    error: str = ""
 
 
-def point_form(name: str) -> Form:
-    """The constructor of the points that the caller asked for."""
-    if name == "tuple":
-        return tuple
-    if name == "list":
-        return list
-    import numpy
+class Failure(NamedTuple):
+    """An evaluation that raised an exception which the caller wants caught."""
 
-    return numpy.array
+    outcome: Outcome
+    error: str
 
 
 class Evaluation:
     """The problem as what is called at a point; it can be sent to other processes.
 
     ``evaluation(x, category)`` evaluates constraints and objective in order, up to a constraint that
-    guards the others and is violated, and returns an `Outcome`. With `is_hidden`, points at which a
+    guards the others and is violated, and returns an `Outcome`. With `is_hidden` points at which a
     function is not finite are infeasible: "the objective is finite" is one more constraint after
-    the caller's. What is not finite behind a violated constraint does not matter.
+    the caller's. What is not finite behind a violated constraint does not matter. Where a function
+    raises one of the exceptions `catch` it is the first constraint not known to hold that is
+    violated, by NaN, and the outcome comes in a `Failure`.
     """
 
     def __init__(
         self,
         fun: Callable[..., Any],
         args: tuple[Any, ...],
-        choices: tuple[tuple[Any, ...], ...],
+        variables: Variables,
         constraints: tuple[Any, ...],
         point: str,
         is_hidden: bool,
-        dimension: int,
+        catch: tuple[type[BaseException], ...] = (),
     ) -> None:
-        self._arguments = fun, args, choices, constraints, point, is_hidden, dimension
-        form = point_form(point)
-        limits = declare(constraints, form, dimension, bool(choices))
-        self.observe: Observe = _observer(fun, args, choices, limits, form, is_hidden)
+        self._arguments = fun, args, variables, constraints, point, is_hidden, catch
+        arguments = variables.arguments(point)
+        limits = declare(constraints, arguments, variables.dimension)
+        if limits or variables.choices or is_hidden or catch or point != "tuple":
+            self.observe: Observe = _observer(
+                fun, args, variables, limits, arguments, is_hidden, catch
+            )
+        else:
+            self.observe = _simple_observer(fun, args)
 
-    def __call__(self, x: tuple[float, ...], category: tuple[int, ...]) -> Outcome:
+    def __call__(self, x: tuple[float, ...], category: tuple[int, ...]) -> Union[Outcome, Failure]:
         return self.observe(x, category)
 
     def __reduce__(self) -> Any:
@@ -75,58 +80,86 @@ class Evaluation:
 def _observer(
     fun: Callable[..., Any],
     args: tuple[Any, ...],
-    choices: tuple[tuple[Any, ...], ...],
+    variables: Variables,
     constraints: tuple[Constraint, ...],
-    form: Form,
+    arguments: Arguments,
     is_hidden: bool,
+    catch: tuple[type[BaseException], ...],
 ) -> Observe:
-    goal = len(constraints) + is_hidden
+    goal = len(constraints) + (is_hidden or bool(catch))
     own = [constraint for constraint in constraints if constraint.evaluate is not None]
     together = len(constraints) - len(own)
+    chosen_at = variables.chosen
     isfinite = math.isfinite
 
-    def objective(x: tuple[float, ...], chosen: tuple[Any, ...]) -> tuple[float, list[float]]:
-        value = fun(form(x), chosen, *args) if choices else fun(form(x), *args)
+    def read(answer: Any, x: tuple[float, ...], chosen: tuple[Any, ...]) -> Any:
         if together:
-            return _split(value, together, x, chosen, is_hidden)
-        return value if type(value) is float else as_number("fun", value, x, chosen), []
+            return _split(answer, together, x, chosen, is_hidden)
+        return answer if type(answer) is float else as_number("fun", answer, x, chosen), []
 
-    def observe(x: tuple[float, ...], category: tuple[int, ...]) -> Outcome:
-        chosen = tuple([c[i] for c, i in zip(choices, category)]) if choices else ()
+    def observe(x: tuple[float, ...], category: tuple[int, ...]) -> Union[Outcome, Failure]:
+        chosen = chosen_at(category) if category else ()
         values: list[float] = []
         fun_value = math.nan
+        failure = ""
         for constraint in own:
-            value = constraint.evaluate(x, chosen)  # type: ignore[misc]
+            try:
+                value = constraint.evaluate(x, chosen)  # type: ignore[misc]
+            except catch as error:
+                failure = text_of(error)
+                break
             if type(value) is not float:
-                value = as_number(constraint.name, value, x, chosen)
+                value = as_violation(constraint.name, value, x, chosen)
             values.append(value)
             if constraint.guards and not value <= 0.0:
                 break
         else:
-            fun_value, more = objective(x, chosen)
-            values += more
+            try:
+                answer = fun(*arguments(x, chosen), *args)
+            except catch as error:
+                failure = text_of(error)
+            else:
+                fun_value, more = read(answer, x, chosen)
+                values += more
         for number, value in enumerate(values):
             # Minus infinity holds: the logarithm of a slack of zero, for one.
             if not value <= 0.0:
                 if not (isfinite(value) or is_hidden):
                     raise NonFiniteError(constraints[number].name, value, x, chosen)
-                return number, value, values, fun_value
+                return _with(failure, (number, value, values, fun_value))
         if isfinite(fun_value):
             return goal, fun_value, values, fun_value
+        if failure:
+            return _with(failure, (min(len(values), goal - 1), math.nan, values, math.nan))
         if not is_hidden:
             raise NonFiniteError("fun", fun_value, x, chosen)
         return goal - 1, fun_value, values, fun_value
 
-    def observe_objective(x: tuple[float, ...], category: tuple[int, ...]) -> Outcome:
-        # The same for the commonest case, without its preparations.
-        value = fun(form(x), *args)
+    return observe
+
+
+def _simple_observer(fun: Callable[..., Any], args: tuple[Any, ...]) -> Observe:
+    """The same for the commonest case, without its preparations."""
+    isfinite = math.isfinite
+
+    def observe(x: tuple[float, ...], category: tuple[int, ...]) -> Outcome:
+        value = fun(x, *args)
         if type(value) is not float:
             value = as_number("fun", value, x, ())
         if isfinite(value):
             return 0, value, (), value
         raise NonFiniteError("fun", value, x)
 
-    return observe if constraints or choices or is_hidden else observe_objective
+    return observe
+
+
+def _with(failure: str, outcome: Outcome) -> Union[Outcome, Failure]:
+    return Failure(outcome, failure) if failure else outcome
+
+
+def text_of(error: BaseException) -> str:
+    """An exception in one line."""
+    return " ".join(f"{type(error).__name__}: {error}".split())
 
 
 def _split(
@@ -150,8 +183,26 @@ def _split(
         )
     names = (f"constraint {i} of fun" for i in range(count))
     return as_number("fun", value, x, chosen), [
-        as_number(name, limit, x, chosen) for name, limit in zip(names, limits)
+        as_violation(name, limit, x, chosen) for name, limit in zip(names, limits)
     ]
+
+
+def as_violation(source: str, value: Any, x: Sequence[float], chosen: Sequence[Any]) -> float:
+    """The number that a constraint returned; `as_number` for others.
+
+    Raises
+    ------
+    TypeError
+        With the constraint and the point. A truth value is none: False would be 0, which holds.
+    """
+    number = value.item() if getattr(value, "size", None) == 1 else value
+    if not isinstance(number, bool):
+        return as_number(source, value, x, chosen)
+    raise TypeError(
+        f"{source} returned {number}, which does not say how far the point is from satisfying it: "
+        f"return a number that is <= 0 where it holds (x[0] - 1 for x[0] <= 1), at "
+        f"{_place(x, chosen)}"
+    )
 
 
 def as_number(source: str, value: Any, x: Sequence[float], chosen: Sequence[Any]) -> float:
@@ -163,6 +214,8 @@ def as_number(source: str, value: Any, x: Sequence[float], chosen: Sequence[Any]
         With the function and the point.
     """
     number = value.item() if getattr(value, "size", None) == 1 else value
+    if type(value).__module__.startswith("numpy.ma") and number is not value and value.mask:
+        return math.nan  # whatever lies under the mask
     try:
         if not isinstance(number, (str, bytes, bytearray)):
             return float(number)

@@ -4,6 +4,7 @@
 from __future__ import annotations
 
 import os
+import sys
 from dataclasses import dataclass, field, fields
 from typing import Any, Callable, Mapping, Optional, Sequence, Union
 
@@ -11,7 +12,7 @@ from . import _constraints as constraint_forms, _variables as variable_forms
 from ._constraints import Constraint
 from ._history import History
 from ._known import Known, known_points, wanted_points
-from ._observation import Evaluation, Form, point_form
+from ._observation import Evaluation
 from ._result import OptimizeResult
 from ._settings import Budget, Settings, budget, one_of
 from ._variables import Variables
@@ -39,6 +40,7 @@ class Plan:
     known: Any = ()
     point: str = "tuple"
     nonfinite: str = "raise"
+    catch: Any = ()
     maxfun: Optional[float] = None
     maxtime: Optional[float] = None
     f_min: Optional[float] = None
@@ -59,7 +61,7 @@ class Plan:
     cross: float = Settings.cross
 
     variables: Variables = field(init=False)
-    form: Form = field(init=False)
+    present: Callable[[tuple[float, ...], tuple[Any, ...]], Any] = field(init=False)
     limits: tuple[Constraint, ...] = field(init=False)
     settings: Settings = field(init=False)
     budget: Budget = field(init=False)
@@ -67,7 +69,7 @@ class Plan:
     known_points: Sequence[Known] = field(init=False)
 
     def __post_init__(self) -> None:
-        one_of("point", self.point, ("tuple", "list", "array"))
+        one_of("point", self.point, ("tuple", "list", "array", "mapping"))
         one_of("nonfinite", self.nonfinite, ("raise", "infeasible"))
         one_of("on_interrupt", self.on_interrupt, ("raise", "return"))
         one_of("verify", self.verify, (False, True))
@@ -76,21 +78,23 @@ class Plan:
             raise TypeError(f"fun must be callable, not {self.fun!r}")
         if self.callback is not None and not callable(self.callback):
             raise TypeError(f"callback must be callable, not {self.callback!r}")
+        self.catch = _exceptions(self.catch)
         # As in SciPy, anything but a tuple is one argument.
         self.args = self.args if isinstance(self.args, tuple) else (self.args,)
         self.variables = variable_forms.declare(
             self.bounds, self.logarithmic, self.categories, self.names
         )
-        dimension, choices = self.variables.dimension, self.variables.choices
-        self.form = point_form(self.point)
+        dimension = self.variables.dimension
+        self.present = self.variables.presenter(self.point)
+        self._name_command()
         self.limits = constraint_forms.declare(
-            self.constraints, self.form, dimension, bool(choices)
+            self.constraints, self.variables.arguments(self.point), dimension
         )
         self.settings = Settings.of(vars(self))
         self.budget = budget(self.maxfun, self.maxtime, self.f_min, self.min_radius, dimension)
         self.wanted = wanted_points(self.variables, self.x0)
         self.known_points = known_points(
-            self.variables, len(self.limits), self.is_hidden, self.known
+            self.variables, len(self.limits), self.may_fail, self.known
         )
 
     @property
@@ -99,9 +103,28 @@ class Plan:
         return self.nonfinite == "infeasible"
 
     @property
+    def may_fail(self) -> bool:
+        """Whether evaluations may fail: that they do not is then one more constraint."""
+        return self.is_hidden or bool(self.catch)
+
+    @property
     def goal(self) -> int:
         """The index of a trial at which everything holds."""
-        return len(self.limits) + self.is_hidden
+        return len(self.limits) + self.may_fail
+
+    def _name_command(self) -> None:
+        """Let a command that has no names have those of the variables, with its constraints."""
+        command = self.fun
+        if not (isinstance(command, _command_type()) and command.names is None):
+            return
+        named = self.fun = command.named(self.variables.names)
+        if isinstance(self.constraints, (list, tuple)):
+            self.constraints = [
+                named.constraints[item.number]
+                if getattr(item, "command", None) is command
+                else item
+                for item in self.constraints
+            ]
 
     def summary(self) -> str:
         """The problem and its budget in a line."""
@@ -122,11 +145,11 @@ class Plan:
         return Evaluation(
             self.fun,
             self.args,
-            self.variables.choices,
+            self.variables,
             tuple(limit.source for limit in self.limits),
             self.point,
             self.is_hidden,
-            self.variables.dimension,
+            self.catch,
         )
 
 
@@ -145,6 +168,20 @@ def require_arguments(
     missing = [name for name in ("fun", "bounds") if name not in given]
     if missing:
         raise TypeError(f"the argument {missing[0]!r} of minimize is missing")
+
+
+def _exceptions(catch: Any) -> tuple[type[Exception], ...]:
+    types = catch if isinstance(catch, (tuple, list)) else (catch,)
+    for item in types:
+        if not (isinstance(item, type) and issubclass(item, Exception)):
+            raise TypeError(f"catch must be an exception type or a tuple of them, not {item!r}")
+    return tuple(types)
+
+
+def _command_type() -> Any:
+    # Whoever has a command has imported this, which brings much with it.
+    module = sys.modules.get("Quenloft._command")
+    return module.Command if module is not None else ()
 
 
 def name_of(function: Any) -> str:

@@ -24,7 +24,7 @@ class Report:
     def __init__(self, run: Run, plan: Plan) -> None:
         self._run = run
         self._stops = plan.budget
-        self._form = plan.form
+        self._present = plan.present
         self._names = [limit.name for limit in plan.limits]
         self._guards = [i for i, limit in enumerate(plan.limits) if limit.guards]
         self._locals: list[LocalMinimum] = []
@@ -110,7 +110,7 @@ class Report:
         trial = run.history[run.best]
         return {
             "fun": run.best_objective(),
-            "x": self._form(trial.x),
+            "x": self._present(trial.x, trial.categories),
             "categories": trial.categories,
             "maxcv": trial.maxcv,
             "constraints": trial.constraints,
@@ -118,7 +118,9 @@ class Report:
 
     def _minimum(self, number: int) -> LocalMinimum:
         trial = self._run.history[number]
-        return LocalMinimum(self._form(trial.x), trial.value, trial.categories, math.inf)
+        return LocalMinimum(
+            self._present(trial.x, trial.categories), trial.value, trial.categories, math.inf
+        )
 
     def _local_minima(self, search: Search, radius: float) -> list[LocalMinimum]:
         """The local minima of the search that are feasible, the best trial first.
@@ -164,7 +166,8 @@ class Report:
         error = run.error
         if status is Status.INTERRUPTED:
             return f"interrupted: {trials}{budget}"
-        return f"{type(error).__name__} in trial {count}{budget}: {error}"
+        place = f" at {run.place}" if run.place and run.place not in str(error) else ""
+        return f"{type(error).__name__} in trial {count}{budget}{place}: {error}"
 
     def _shortfall(self) -> str:
         run = self._run

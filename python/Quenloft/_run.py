@@ -6,11 +6,12 @@ from __future__ import annotations
 import math
 from itertools import count
 from time import perf_counter
-from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence
+from typing import TYPE_CHECKING, Any, Callable, NoReturn, Optional, Sequence
 
-from ._errors import JournalError
+from ._errors import JournalError, name_point
 from ._history import History, rank
-from ._observation import Entry, Outcome
+from ._log import log
+from ._observation import Entry, Failure, Outcome, text_of
 from ._plan import Plan
 from ._result import Status
 from ._search import Point, Search
@@ -46,6 +47,8 @@ class Run:
         self._f_min = plan.budget.f_min
         self._min_radius = plan.budget.min_radius
         self._verify = plan.verify
+        self._catch = plan.catch
+        self._point = plan.point
         self._known_count = len(plan.known_points)
         points = 2 * len(plan.variables.searched) + 1 if plan.settings.cross else 1
         self._initial_count = points * math.prod(map(len, plan.variables.choices))
@@ -55,6 +58,8 @@ class Run:
         # Written by each trial.
         self.status: Optional[Status] = None
         self.error: Optional[BaseException] = None
+        #: Where that was raised, if in an evaluation.
+        self.place = ""
         self.start = perf_counter()
         self.deadline = self.start + self._allowed_seconds
         #: When the last evaluation ended of which a trial was made.
@@ -156,8 +161,8 @@ class Run:
         watch, self.watch = self.watch, None
         for trial, category in zip(search.history, search.history.category):
             outcome = trial.index, trial.value, trial.constraints, trial.objective
-            chosen = tuple(map(int, category))
-            self._append(Entry("known", trial.x, chosen, outcome, 0.0), is_replayed=False)
+            positions = tuple(map(int, category))
+            self._append(Entry("known", trial.x, positions, outcome, 0.0), is_replayed=False)
         self.watch = watch
 
     def _supply(self, journal: Journal) -> None:
@@ -202,7 +207,7 @@ class Run:
         ranks = [*map(rank, self.history.index, self.history.value)][self._known_count :]
         best = self._known_count + ranks.index(min(ranks))
         x = tuple(self.history.x[best])
-        category = tuple(self.history.category[best])
+        category = tuple(map(int, self.history.category[best]))
         index, value = self._recorded[x, category].outcome[:2]
         found = self._evaluate(x, category)[:2]
         distances = sorted(abs(v - value) for v in self.history.value if math.isfinite(v))
@@ -245,9 +250,15 @@ class Run:
             assert self._search is not None
             needed = self._search.needed
             if needed and needed[0].id in self._failures:
-                raise with_origin(self._failures[needed[0].id])
+                point = needed[0]
+                self._raise(self._failures[point.id], point.x, point.categories)
 
-    def _evaluate(self, x: Sequence[float], category: Sequence[float]) -> Outcome:
+    def _raise(self, error: BaseException, x: Sequence[float], chosen: Sequence[Any]) -> NoReturn:
+        """Raise an exception of an evaluation, with the point at which it happened."""
+        self.place = name_point(error, self.variables, tuple(x), tuple(chosen), self._point)
+        raise with_origin(error)
+
+    def _evaluate(self, x: Sequence[float], category: Sequence[int]) -> Outcome:
         """The outcome at a point that no search asked for."""
         key = next(self._other_keys)
         self.workers.submit(key, (x, category))
@@ -256,25 +267,37 @@ class Run:
             assert answer is not None
             if answer.key != key:
                 self._receive(answer)
-            elif answer.error is not None:
-                raise with_origin(answer.error)
+            elif answer.error is not None and not isinstance(answer.error, self._catch):
+                self._raise(answer.error, x, self.history.chosen(category))
             else:
-                return answer.value  # type: ignore[no-any-return]
+                return self._outcome(answer)[0]
+
+    def _outcome(self, answer: Answer) -> tuple[Outcome, str]:
+        """What came of an evaluation, and the text of an exception that was caught."""
+        if answer.error is not None:  # of which no function was told: its process was ended
+            return (0, math.nan, (), math.nan), text_of(answer.error)
+        if isinstance(answer.value, Failure):
+            return answer.value
+        return answer.value, ""
 
     def _receive(self, answer: Answer) -> None:
         """Take what came of a point of the search."""
-        key, outcome, error = answer
+        key = answer.key
         point = self._out.pop(key)
-        if error is not None:
-            self._failures[key] = error
+        if answer.error is not None and not isinstance(answer.error, self._catch):
+            self._failures[key] = answer.error
             return
+        outcome, error = self._outcome(answer)
+        if error:
+            place = self.variables.place(point.x, point.categories)
+            log("warning", "failed point at %s: %s", place, error)
         search = self._search
         # After its end a search needs nothing.
         is_needed = search is not None and (
             self.workers.size == 1 or any(other.id == key for other in search.needed)
         )
         phase = "search" if is_needed else "ahead"
-        entry = Entry(phase, point.x, point.category, outcome, self.elapsed())
+        entry = Entry(phase, point.x, point.category, outcome, self.elapsed(), error)
         self._known[key] = entry
         if search is not None:
             search.tell(point, advance=False, **self._told(entry))
@@ -294,4 +317,6 @@ class Run:
 
 def _append(history: History, entry: Entry) -> None:
     index, value, constraints, objective = entry.outcome
+    if entry.error:
+        history.errors[len(history)] = entry.error
     history.append(entry.x, entry.category, index, value, entry.time, constraints, objective)

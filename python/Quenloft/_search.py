@@ -12,7 +12,7 @@ from . import _variables as variable_forms
 from ._binding import NO_LIMIT, Search as Core
 from ._history import History
 from ._known import Known, known_points, wanted_points
-from ._observation import as_number
+from ._observation import as_number, as_violation
 from ._result import LocalMinimum, OptimizeResult, Status
 from ._settings import Settings, whole_number
 from ._variables import Variables
@@ -540,7 +540,7 @@ class Search:
         return [
             limit
             if type(limit) is float
-            else as_number(f"constraint {i}", limit, point.x, point.categories)
+            else as_violation(f"constraint {i}", limit, point.x, point.categories)
             for i, limit in enumerate(constraints)
         ]
 

@@ -16,6 +16,7 @@ from ._history import History
 from ._journal import describe, require_same
 from ._plan import Plan
 from ._result import LocalMinimum, OptimizeResult, Status
+from ._variables import coordinates
 
 _STUDY = Kind("study", 0x516C7374, 2)  # "Qlst"
 _HISTORY = ("_x", "_category", "_index", "_value", "_time", "_constraints")
@@ -77,16 +78,18 @@ def _pack(result: OptimizeResult) -> dict[str, Any]:
     choices = result.history.choices
     # What is kept elsewhere holds its place: the order of the fields is part of the text.
     packed = {**result, "xl": None, "funl": None, "history": None, "surplus": None}
-    packed["x"] = _numbers(result.x)
+    packed["errors"] = [result.history.errors, result.surplus.errors]
+    packed["x"] = _numbers(result.x, result)
     packed["categories"] = _positions(choices, result.categories)
     packed["locals"] = [
-        [_numbers(m.x), m.fun, _positions(choices, m.categories), m.radius] for m in result.locals
+        [_numbers(m.x, result), m.fun, _positions(choices, m.categories), m.radius]
+        for m in result.locals
     ]
     return packed
 
 
-def _numbers(x: Any) -> Optional[list[float]]:
-    return None if x is None else [float(v) for v in x]
+def _numbers(x: Any, result: OptimizeResult) -> Optional[list[float]]:
+    return None if x is None else [float(v) for v in coordinates(x, result.history.dimension)]
 
 
 def _positions(choices: Any, chosen: tuple[Any, ...]) -> list[int]:
@@ -97,8 +100,9 @@ def _positions(choices: Any, chosen: tuple[Any, ...]) -> list[int]:
     ]
 
 
-def _history(plan: Plan, columns: Sequence[bytes]) -> History:
+def _history(plan: Plan, columns: Sequence[bytes], errors: dict[str, str]) -> History:
     history = plan.new_history()
+    history.errors = {int(position): text for position, text in errors.items()}
     for name, content in zip(_HISTORY, columns):
         getattr(history, name).frombytes(content)
     history.finish()
@@ -106,23 +110,28 @@ def _history(plan: Plan, columns: Sequence[bytes]) -> History:
 
 
 def _unpack(plan: Plan, packed: dict[str, Any], columns: list[bytes]) -> OptimizeResult:
-    history = _history(plan, columns[: len(_HISTORY)])
+    errors = packed.pop("errors")
+    history = _history(plan, columns[: len(_HISTORY)], errors[0])
     x = packed["x"]
     minima = [
-        LocalMinimum(plan.form(tuple(x)), fun, history.chosen(category), radius)
+        LocalMinimum(
+            plan.present(tuple(x), history.chosen(category)), fun, history.chosen(category), radius
+        )
         for x, fun, category, radius in packed["locals"]
     ]
     return OptimizeResult(
         {
             **packed,
             "status": Status(packed["status"]),
-            "x": None if x is None else plan.form(tuple(x)),
+            "x": None
+            if x is None
+            else plan.present(tuple(x), history.chosen(packed["categories"])),
             "categories": history.chosen(packed["categories"]),
             "constraints": tuple(packed["constraints"]),
             "locals": minima,
             "xl": [minimum.x for minimum in minima],
             "funl": [minimum.fun for minimum in minima],
             "history": history,
-            "surplus": _history(plan, columns[len(_HISTORY) :]),
+            "surplus": _history(plan, columns[len(_HISTORY) :], errors[1]),
         }
     )

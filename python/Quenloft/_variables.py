@@ -315,6 +315,12 @@ class Variables:
             category.append(found[0])
         return x, tuple(category)
 
+    def place(self, x: Sequence[float], chosen: Sequence[Any]) -> str:
+        """A point as messages show it."""
+        if self.names[0] == "x[0]":
+            return f"x = {tuple(x)}" + (f", categories = {tuple(chosen)}" if chosen else "")
+        return ", ".join(f"{n} = {value!r}" for n, value in zip(self.names, (*x, *chosen)))
+
     def presenter(self, form: str) -> Callable[[tuple[float, ...], tuple[Any, ...]], Any]:
         """A function of a point and the chosen objects that gives the point in the caller's form.
 
@@ -385,6 +391,12 @@ def declare(
     if searched > MAX_DIMENSION:
         raise ValueError(f"bounds must hold from 1 to {MAX_DIMENSION} variables, not {searched}")
     return Variables(numbers, choices, labels)
+
+
+def coordinates(point: Any, dimension: int) -> tuple[float, ...]:
+    """The numbers of a point in whatever form the caller has it."""
+    values = point.values() if isinstance(point, Mapping) else point
+    return tuple(values)[:dimension]
 
 
 def _copy(values: Any) -> tuple[Any, ...]:

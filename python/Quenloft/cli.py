@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import argparse
 import ast
+import builtins
 import importlib
 import importlib.util
 import json
@@ -32,6 +33,7 @@ from ._history import History, Trial
 from ._journal import Recording, read_journal
 from ._minimize import minimize
 from ._result import OptimizeResult, Status
+from ._variables import coordinates
 
 PROGRAM = "quenloft" if Path(sys.argv[0]).stem == "quenloft" else "python -m Quenloft"
 
@@ -153,7 +155,7 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
     )
     problem.add_argument(
         "--point",
-        choices=("tuple", "list", "array"),
+        choices=("tuple", "list", "array", "mapping"),
         default="tuple",
         help="the form of the point that functions are given (%(default)s)",
     )
@@ -162,6 +164,13 @@ def _add_minimize(commands: Any, common: argparse.ArgumentParser) -> None:
         choices=("raise", "infeasible"),
         help="what NaN or infinity means: an error (the default, unless --tolerate is given), or "
         "an infeasible point",
+    )
+    problem.add_argument(
+        "--catch",
+        metavar="EXCEPTION",
+        **several,
+        help="exceptions that make an infeasible point instead of an error: of Python, or "
+        "module:Exception",
     )
     _add_program(parser, several)
 
@@ -307,12 +316,13 @@ def run_minimize(options: argparse.Namespace) -> int:
     function, constraints = _problem(options, names or _complete(given, len(options.bounds)))
     if options.plot:
         _check_plot(options.plot)
-    nonfinite = options.nonfinite or ("infeasible" if options.tolerate else "raise")
-    further = {
+    further: dict[str, Any] = {
         name: getattr(options, name)
         for name in (*_settings(), "local_models", "workers")
         if getattr(options, name, None) is not None
     }
+    further["nonfinite"] = options.nonfinite or ("infeasible" if options.tolerate else "raise")
+    further["catch"] = tuple(map(_exception, options.catch))
     if options.command is None:  # which has its own
         further["timeout"] = options.timeout
     try:
@@ -324,7 +334,6 @@ def run_minimize(options: argparse.Namespace) -> int:
             categories=[choices for _, choices in options.choices],
             constraints=constraints,
             point=options.point,
-            nonfinite=nonfinite,
             x0=options.x0 or None,
             known=options.known,
             maxfun=options.maxfun,
@@ -463,6 +472,13 @@ def load_function(name: str) -> Callable[..., Any]:
     return found  # type: ignore[no-any-return]
 
 
+def _exception(name: str) -> type[Exception]:
+    found = load_function(name) if ":" in name else getattr(builtins, name, None)
+    if not (isinstance(found, type) and issubclass(found, Exception)):
+        raise UsageError(f"--catch {name}: there is no such exception")
+    return found
+
+
 def _import_module(name: str) -> ModuleType:
     if os.getcwd() not in sys.path and "" not in sys.path:
         sys.path.insert(0, os.getcwd())
@@ -587,11 +603,11 @@ def _describe_result(result: OptimizeResult, names: Sequence[str]) -> str:
     else:
         lines.append(("minimum", "none: no feasible point was found"))
         lines.append(("violation", f"{_number(result.maxcv)} at the point that came closest"))
-    values = [*map(_number, result.x), *map(str, result.categories)]
+    values = [*map(_number, _numbers(result.x, result)), *map(str, result.categories)]
     for position, (name, value) in enumerate(zip(names, values)):
         lines.append(("" if position else "at", f"{name} = {value}"))
     for position, local in enumerate(result.locals[1:4]):
-        where = ", ".join([*map(_number, local.x), *map(str, local.categories)])
+        where = ", ".join([*map(_number, _numbers(local.x, result)), *map(str, local.categories)])
         lines.append(("" if position else "others", f"{_number(local.fun)} at {where}"))
     if len(result.locals) > 4:
         lines.append(("", f"and {len(result.locals) - 4} more local minima"))
@@ -692,7 +708,7 @@ def _number(value: float) -> str:
 
 
 def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]:
-    point = None if result.x is None else _numbers(result.x)
+    point = None if result.x is None else _numbers(result.x, result)
     return {
         "names": list(names),
         "x": point,
@@ -707,7 +723,7 @@ def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]
         "constraints": list(result.constraints),
         "locals": [
             {
-                "x": _numbers(local.x),
+                "x": _numbers(local.x, result),
                 "categories": list(local.categories),
                 "fun": local.fun,
                 "radius": local.radius,
@@ -719,8 +735,9 @@ def _json_result(result: OptimizeResult, names: Sequence[str]) -> dict[str, Any]
     }
 
 
-def _numbers(x: Sequence[float]) -> list[float]:
-    return [value if isinstance(value, int) else float(value) for value in x]
+def _numbers(x: Any, result: OptimizeResult) -> list[float]:
+    numbers = coordinates(x, result.history.dimension)
+    return [value if isinstance(value, int) else float(value) for value in numbers]
 
 
 def _json_trial(trial: Trial) -> dict[str, Any]:
@@ -783,6 +800,9 @@ def _describe(error: BaseException) -> str:
         if not (is_ours or str(path).startswith(libraries) or frame.filename.startswith("<frozen")):
             place = f" ({path.name}, line {frame.lineno})"
             break
+    point = vars(error).get("point")
+    if isinstance(point, dict) and " at x = " not in text:
+        text += " at " + ", ".join(f"{name} = {value}" for name, value in point.items())
     return f"{type(error).__name__}{': ' if text else ''}{text}{place}"
 
 

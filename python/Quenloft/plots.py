@@ -17,6 +17,7 @@ from typing import TYPE_CHECKING, Any, Optional, Sequence, Union
 from ._history import History
 from ._journal import Recording
 from ._result import OptimizeResult
+from ._variables import coordinates
 
 if TYPE_CHECKING:
     from matplotlib.axes import Axes
@@ -457,7 +458,10 @@ def _view(
     best = history[history.best()]
     minima = [(best.x, best.categories, best.value)]
     if isinstance(source, OptimizeResult):
-        found = [(tuple(m.x), m.categories, m.fun) for m in source.get("locals", ())]
+        found = [
+            (coordinates(m.x, history.dimension), m.categories, m.fun)
+            for m in source.get("locals", ())
+        ]
         minima = found or minima
     return _View(
         history,
