@@ -174,6 +174,10 @@ class Report:
         index, value = -run.best_rank[0], run.history.value[run.best]
         if index < len(self._names):
             return f"no feasible point: {self._names[index]} is {value:.6g} > 0 at best"
+        errors = run.history.errors
+        if errors:
+            failed = f"{len(errors)} of {len(run.history)} evaluations failed"
+            return f"no feasible point: {failed}, the last with {errors[max(errors)]}"
         return "no feasible point: fun was nowhere finite"
 
 

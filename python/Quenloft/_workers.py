@@ -129,7 +129,7 @@ def opened(
     if count <= 1 and timeout is None:
         yield _Here(function)
         return
-    require_picklable(function)
+    require_picklable(function, timeout is None)
     processes = _Processes(function, count, timeout)
     try:
         yield processes
@@ -137,16 +137,17 @@ def opened(
         processes.close()
 
 
-def require_picklable(function: Callable[..., Any]) -> None:
+def require_picklable(function: Callable[..., Any], can_be_threads: bool = True) -> None:
     """Raise TypeError, with the remedy, if a function cannot be sent to other processes."""
     import pickle
 
     try:
         pickle.dumps(function)
     except Exception as error:
+        remedy = ", or pass a ThreadPoolExecutor as workers" if can_be_threads else ""
         raise TypeError(
             f"the problem cannot be sent to other processes ({error}): define its functions at the "
-            "top level of a module, or pass a ThreadPoolExecutor as workers"
+            f"top level of a module{remedy}"
         ) from None
 
 

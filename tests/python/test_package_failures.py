@@ -85,6 +85,10 @@ def test_a_run_that_an_exception_ended_goes_on_once_it_is_caught(tmp_path):
     resumed = minimize(journal=path)
     assert resumed.replayed == caught.value.result.nit
     assert trials(resumed.history) == trials(minimize().history)
+    nothing = Quenloft.minimize(lambda x: 1 / 0, [(0, 1)], catch=ArithmeticError, maxfun=3)
+    assert not nothing.success and nothing.message.endswith(
+        "3 of 3 evaluations failed, the last with ZeroDivisionError: division by zero"
+    )
     with pytest.raises(Quenloft.JournalError, match="holds points that failed"):
         minimize(journal=path, catch=())
 
