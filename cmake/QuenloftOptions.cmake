@@ -14,6 +14,10 @@ target_compile_options(quenloft_options INTERFACE -ffp-contract=off -Wall -Wextr
 # fault, and differs from one version to the next.
 target_compile_options(quenloft_options INTERFACE
                        $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wno-pass-failed>)
+if(NOT TARGET OpenMP::OpenMP_CXX)
+  # Loops are vectorised all the same; what is said of threads is passed over.
+  target_compile_options(quenloft_options INTERFACE -fopenmp-simd)
+endif()
 if(QUENLOFT_WERROR)
   target_compile_options(quenloft_options INTERFACE -Werror)
 endif()

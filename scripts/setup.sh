@@ -126,12 +126,12 @@ pip_install() {
   CXX="${CXX:-g++}" "$1" -m pip install --constraint scripts/constraints.txt "${@:2}"
 }
 
-# compiler_works: true when the compiler knows C++17 and OpenMP.
+# compiler_works: true when the compiler knows C++17.
 compiler_works() {
   mkdir -p build/probe
-  printf '#include <omp.h>\n#include <optional>\nint main() { return omp_in_parallel(); }\n' \
+  printf '#include <optional>\nint main() { return std::optional<int>(0).value(); }\n' \
     >build/probe/probe.cpp
-  "${CXX:-g++}" -std=c++17 -fopenmp build/probe/probe.cpp -o build/probe/probe >/dev/null 2>&1
+  "${CXX:-g++}" -std=c++17 build/probe/probe.cpp -o build/probe/probe >/dev/null 2>&1
 }
 
 # python_is <interpreter> <condition on v, the version as a tuple>
@@ -198,7 +198,7 @@ prepare_environment() {
   local packages tools=("pip>=22.1" scikit-build-core "nanobind>=2.10") python=""
   read -r -a packages <<<"$(missing_packages libeigen3-dev "$@")"
   if ! compiler_works; then
-    [[ -z ${CXX:-} ]] || fail "CXX=$CXX cannot compile C++17 with OpenMP."
+    [[ -z ${CXX:-} ]] || fail "CXX=$CXX cannot compile C++17."
     packages+=(g++)
   fi
   if [[ -n ${QUENLOFT_PYTHON:-} ]] || ! python_builds .venv/bin/python; then
@@ -207,7 +207,7 @@ prepare_environment() {
   fi
   if ((${#packages[@]})); then
     install_packages "${packages[@]}"
-    compiler_works || fail "g++ cannot compile C++17 with OpenMP."
+    compiler_works || fail "g++ cannot compile C++17."
     if [[ " ${packages[*]} " == *" python3 "* ]]; then
       python="$(choose_interpreter)"
       [[ -n $python ]] || fail "No CPython 3.9 or later, with its C headers, was found."

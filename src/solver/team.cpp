@@ -11,6 +11,9 @@
 #if defined(__unix__) || defined(__APPLE__)
 #include <pthread.h>
 #endif
+#ifdef _OPENMP
+#include <omp.h>
+#endif
 
 namespace QuenloftSolver {
 namespace {
@@ -41,11 +44,23 @@ std::atomic<bool> was_forked{false};
 
 void SetThreadCount(int threads) { AllowedThreads().store(std::max(threads, 1)); }
 
+int NumberInTeam() {
+#ifdef _OPENMP
+  return omp_get_thread_num();
+#else
+  return 0;
+#endif
+}
+
 int ThreadsFor(std::size_t tables, std::size_t candidates, int dimension) {
   // A team costs some microseconds a step, and each core has to fetch what the others have
   // written. A table looks at every candidate, and takes some hundred more for itself.
   constexpr std::size_t kLeastWork = 200000;  // coordinates looked at
+#ifdef _OPENMP
   const int threads = AllowedThreads().load(std::memory_order_relaxed);
+#else
+  const int threads = 1;
+#endif
   if (threads == 1 || was_forked.load(std::memory_order_relaxed)) return 1;
   const std::size_t work = tables * (candidates + 500) * static_cast<std::size_t>(dimension);
   return work < kLeastWork ? 1 : threads;

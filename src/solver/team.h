@@ -12,4 +12,7 @@ namespace QuenloftSolver {
 // are allowed (threads.h), or 1 where the step is over before a team has gathered.
 int ThreadsFor(std::size_t tables, std::size_t candidates, int dimension);
 
+// The calling thread's number in its team, from 0.
+int NumberInTeam();
+
 }  // namespace QuenloftSolver

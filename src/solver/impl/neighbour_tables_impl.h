@@ -4,8 +4,6 @@
 
 #pragma once
 
-#include <omp.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -101,7 +99,7 @@ void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, cons
   } else {
 #pragma omp parallel num_threads(threads)
     {
-      TableWorker<N>& worker = workers_[static_cast<std::size_t>(omp_get_thread_num())];
+      TableWorker<N>& worker = workers_[static_cast<std::size_t>(NumberInTeam())];
 #pragma omp for schedule(static)
       for (std::size_t i = 0; i < candidates.size(); ++i) gather(i);
 #pragma omp for schedule(dynamic) nowait
