@@ -136,7 +136,7 @@ class Report:
         found = [replace(self._minimum(run.best), radius=radius)]
         for position, extent in search.locals():
             is_feasible = run.history.index[position] == run.goal
-            if is_feasible and run.history.value[position] != run.best_objective():
+            if is_feasible and position != run.best:
                 found.append(replace(self._minimum(position), radius=extent))
         return found[:_MOST_LOCALS]
 

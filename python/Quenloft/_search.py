@@ -397,8 +397,8 @@ class Search:
         return history
 
     def locals(self, most: int = 10) -> list[tuple[int, float]]:
-        """Position and radius of the trials that are local minima, best first: the lowest
-        distinct values, each at the first trial that has it."""
+        """Position and radius of the trials that are local minima, best first: the lowest that
+        local models refined, and elsewhere those that the engine marks, one for each value."""
         return [(i, self._core.radius(i)) for i in self._core.locals(_count("most", most))]
 
     def radius(self, position: Optional[int] = None) -> float:
