@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -109,6 +110,7 @@ void Proposer::ProposeLocal() {
 }
 
 bool Proposer::Accept(const TestValue& value, const double* point, const double* functions) {
+  log_.ReserveNext();
   if (state_.local) {
     AcceptLocal(value, point, functions);
     return state_.best + 1 == log_.Size();
@@ -116,7 +118,7 @@ bool Proposer::Accept(const TestValue& value, const double* point, const double*
   const Proposal proposal = *solver_->Propose();
   const std::vector<double> proposed(proposal.point, proposal.point + log_.Dimension());
   const std::uint32_t position = solver_->TestCount();
-  solver_->Accept(value, point);
+  TellEngine([&] { solver_->Accept(value, point); });
   state_.is_global_pending = false;
   const bool is_initial = state_.initial_taken < InitialCount();
   if (!is_initial) {
@@ -139,8 +141,9 @@ void Proposer::Begin(const double* point, std::uint32_t combination, const TestV
 void Proposer::TakeBegun(std::size_t trial, const double* point) {
   const auto number = static_cast<std::uint32_t>(trial);
   solver_->Propose();
-  log_.SetEnginePosition(number, solver_->TestCount());
-  solver_->Accept(log_.Value(number), point);
+  const std::uint32_t position = solver_->TestCount();
+  TellEngine([&] { solver_->Accept(log_.Value(number), point); });
+  log_.SetEnginePosition(number, position);
   state_.is_global_pending = false;
   TakeInitial();
 }
@@ -202,8 +205,19 @@ bool Proposer::Insert(const double* point, std::uint32_t combination, const Test
 std::uint32_t Proposer::InsertEngine(const double* point, std::uint32_t combination,
                                      const TestValue& value, std::uint32_t anchor) {
   const std::uint32_t position = solver_->TestCount();
-  solver_->Insert(point, combination, value, anchor);
+  log_.ReserveNext();
+  TellEngine([&] { solver_->Insert(point, combination, value, anchor); });
   return position;
+}
+
+template <class Operation>
+void Proposer::TellEngine(const Operation& operation) {
+  const std::uint32_t count = solver_->TestCount();
+  try {
+    operation();
+  } catch (const std::bad_alloc&) {
+    if (solver_->TestCount() == count) throw;
+  }
 }
 
 void Proposer::Discard() {
@@ -227,10 +241,10 @@ bool Proposer::Append(const double* point, std::uint32_t combination, const Test
   log_.Append(point, combination, value, functions, position);
   state_.has_constraints |= functions != nullptr && log_.FunctionCount() > 1;
   const std::uint32_t trial = log_.Size() - 1;
+  const bool is_best = trial == 0 || log_.IsBetter(trial, state_.best);
+  if (is_best) state_.best = trial;
   state_.models.Notice(log_);
-  if (trial > 0 && !log_.IsBetter(trial, state_.best)) return false;
-  state_.best = trial;
-  return true;
+  return is_best;
 }
 
 std::uint32_t Proposer::Kind(std::size_t trial) const {

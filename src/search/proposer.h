@@ -129,6 +129,10 @@ class Proposer {
               const QuenloftSolver::TestValue& value, const double* functions,
               std::uint32_t position);
   void TakeInitial();
+  // Lets the engine take a trial by `operation`. Where memory runs out and the engine holds the
+  // trial already, it finishes the rest before its next step, and the trial counts.
+  template <class Operation>
+  void TellEngine(const Operation& operation);
   std::uint32_t InsertEngine(const double* point, std::uint32_t combination,
                              const QuenloftSolver::TestValue& value, std::uint32_t anchor);
 

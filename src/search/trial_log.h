@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -40,10 +41,20 @@ class TrialLog {
   // The trial's position in the engine, or kNotInEngine.
   std::uint32_t EnginePosition(std::uint32_t trial) const { return positions_[trial]; }
 
+  // Makes room for one trial: the next Append does not allocate.
+  void ReserveNext() {
+    Reserve(points_, dimension_);
+    Reserve(combinations_, 1);
+    Reserve(values_, 1);
+    Reserve(positions_, 1);
+    Reserve(functions_, function_count_);
+  }
+
   // `functions` may be null where only the outcome is known.
   void Append(const double* point, std::uint32_t combination,
               const QuenloftSolver::TestValue& value, const double* functions,
               std::uint32_t position) {
+    ReserveNext();
     points_.insert(points_.end(), point, point + dimension_);
     combinations_.push_back(combination);
     values_.push_back(value);
@@ -103,6 +114,12 @@ class TrialLog {
   }
 
  private:
+  template <class T>
+  static void Reserve(std::vector<T>& column, std::size_t more) {
+    const std::size_t least = column.size() + more;
+    if (least > column.capacity()) column.reserve(std::max(least, 2 * column.capacity()));
+  }
+
   std::uint32_t dimension_;
   std::uint32_t function_count_;
   std::vector<double> points_;
