@@ -7,7 +7,6 @@ import json
 import re
 import sys
 from pathlib import Path
-from types import SimpleNamespace
 
 import pytest
 
@@ -15,7 +14,6 @@ BENCHMARKS = Path(__file__).resolve().parents[2] / "benchmarks"
 sys.path.insert(0, str(BENCHMARKS))
 
 import classes  # noqa: E402
-import speedup  # noqa: E402
 from class_sweep import functions, methods, report, runs  # noqa: E402
 from sweep import provenance  # noqa: E402
 
@@ -66,12 +64,6 @@ def test_the_defaults_solve_the_whole_class_in_few_trials():
 # ---- Many runs
 
 
-@pytest.mark.parametrize("workers", [2, map])
-def test_results_are_the_same_and_in_task_order_whoever_does_the_work(workers, tmp_path):
-    done = runs.run_all(tasks(4), workers, path=tmp_path / "runs.jsonl")
-    assert findings(done) == findings(map(runs.execute, tasks(4)))
-
-
 def test_a_second_call_goes_on_where_the_first_was_stopped(tmp_path, monkeypatch):
     path = tmp_path / "runs.jsonl"
     asked = []
@@ -102,18 +94,6 @@ def test_a_second_call_goes_on_where_the_first_was_stopped(tmp_path, monkeypatch
 # ---- Reports
 
 
-def test_summary_counts_unsolved_functions_with_the_budget():
-    trials = [10, 20, 30, 40, 50, 60, 70, 80, None, None]
-    (summary,) = report.summarise(
-        runs.Run(runs.Task(SIMPLE.name, "quenloft", i, 1000), k, k or 1000, 3.0, 1.0)
-        for i, k in enumerate(trials, 1)
-    )
-    assert (summary.solved, summary.mean) == (8, 236.0)
-    assert (summary.median, summary.percentile_90, summary.maximum) == (50, None, None)
-    assert summary.overhead == pytest.approx(1000 * 20.0 / 2360)
-    assert "> 1,000" in report.terminal_table([summary])
-
-
 def test_the_command_writes_table_files_and_document(tmp_path, capsys):
     pytest.importorskip("matplotlib")
     document, out = tmp_path / "guide.md", tmp_path / "out"
@@ -128,18 +108,3 @@ def test_the_command_writes_table_files_and_document(tmp_path, capsys):
     text = document.read_text()
     assert re.fullmatch("before .*### Grishagin.* after", text, re.DOTALL) and "old" not in text
     assert (out / "operating_characteristics.png").stat().st_size > 1000
-
-
-def test_the_speedup_is_that_of_the_same_trials(monkeypatch):
-    seconds, result = speedup.measure(sum, [(0.0, 1.0)], 3, 2)
-    assert result.nit == 3
-    points = {1: [0.1, 0.2], 2: [0.1, 0.3], 4: [0.1, 0.2]}
-
-    def measure(function, bounds, trials, workers):
-        history = SimpleNamespace(x=points[workers])
-        return seconds / workers, SimpleNamespace(history=history, surplus=[])
-
-    monkeypatch.setattr(speedup, "measure", measure)
-    assert "**4.0**" in speedup.table([4], 2, [("name", sum, [])])
-    with pytest.raises(SystemExit, match="made other trials"):
-        speedup.table([2], 2, [("name", sum, [])])

@@ -7,11 +7,11 @@ import pickle
 import signal
 import subprocess
 import sys
-import time
 
 import pytest
 
 import Quenloft
+from processes import is_running, wait_until
 from Quenloft import Command, CommandError
 
 SIMULATOR = """#!/bin/sh
@@ -33,21 +33,6 @@ def folder(tmp_path, monkeypatch):
     (tmp_path / "sim.sh").write_text(SIMULATOR)
     (tmp_path / "sim.sh").chmod(0o755)
     return tmp_path
-
-
-def wait_until(condition):
-    end = time.monotonic() + 20
-    while not condition():
-        assert time.monotonic() < end
-        time.sleep(0.02)
-
-
-def is_running(pid):
-    try:
-        with open(f"/proc/{pid}/stat") as file:
-            return file.read().rpartition(")")[2].split()[0] != "Z"
-    except FileNotFoundError:
-        return False
 
 
 def test_values_reach_the_command_and_its_templates(folder):

@@ -37,28 +37,23 @@ def test_never_one_evaluation_more_than_maxfun(maxfun, options):
 
 
 def test_the_search_is_the_native_one():
+    def noting(x, category):
+        points.append(((*x,), (*category,)))
+        return x[0] + 0.1 * category[0]
+
     points = []
+    settings = {"spread": 9.0, "overestimation": 1.7, "local_vs_global": 1.5, "cross": 0.5}
     problem = Quenloft.Problem(
-        bounds=[-1, 2, 0.5, 4], target=lambda x: points.append((*x,)) or parabola(x)
+        bounds=[-1, 2, 0.5, 4], categorical=[2], constraints=[noting], target=parabola
     )
-    native = problem.Minimize(stop_tests=80, spread=9.0, overestimation=1.7)
-    options = {"maxfun": 80, "spread": 9.0, "overestimation": 1.7}
-    result = Quenloft.minimize(parabola, BOX, local_models=False, **options)
-    assert list(result.history.x) == points
+    native = problem.Minimize(stop_tests=80, **settings)
+    result = Quenloft.minimize(
+        parabola, BOX, categories=[(0, 1)], constraints=lambda x, c: x[0] + 0.1 * c[0], maxfun=80,
+        local_models=False, **settings,
+    )  # fmt: skip
+    assert list(zip(result.history.x, result.history.category)) == points
     tests = [(test.coordinate, test.value, test.radius) for test in native.locals]
     assert [(m.x, m.fun, m.radius) for m in result.locals] == tests
-
-
-@pytest.mark.parametrize("limits", [[], [lambda x, c: -1.0]])
-def test_frames_may_be_kept(limits):
-    frames = []
-
-    def fun(x, choices):
-        frames.extend(frame for frame, _ in traceback.walk_stack(None))
-        return parabola(x)
-
-    options = {"categories": [(1, 2)], "constraints": limits, "maxfun": 30}
-    assert Quenloft.minimize(fun, BOX, **options).nit == 30
 
 
 def test_violated_constraints_count_as_trials_and_not_as_calls_of_fun():
@@ -177,15 +172,6 @@ def test_a_hidden_constraint_is_infeasible_and_the_search_goes_on():
         assert math.isfinite(trial.value) == (index == 2 or (index == 0 and y >= 0.6))
 
 
-def test_a_violation_that_is_not_finite_ranks_last_of_its_constraint():
-    result = Quenloft.minimize(
-        parabola, BOX, constraints=lambda x: math.inf if x[0] > 0 else 100.0 + x[0],
-        nonfinite="infeasible", maxfun=30,
-    )  # fmt: skip
-    assert result.history.value[0] == math.inf
-    assert result.maxcv == 100.0 + result.x[0] == min(result.history.value)
-
-
 NOWHERE = [
     ({"constraints": [lambda x: -1, lambda x: x[0] + 5]}, r"constraints\[1\] .* 4.* > 0"),
     ({"nonfinite": "infeasible", "fun": lambda x: math.nan}, "fun was nowhere finite"),
@@ -221,7 +207,6 @@ def test_what_a_search_held_is_let_go():
         Quenloft.minimize(lambda x, p=payload: x[0], [(0, 1)], maxfun=9, **limits)
         return weakref.ref(payload)
 
-    # The native module keeps its constraints for ever; the package gives it empty ones.
     held = [search(), search(constraints=True)]
     gc.collect()
     assert [reference() for reference in held] == [None, None]
@@ -275,22 +260,6 @@ def test_what_a_signal_handler_raises_at_any_moment_arrives_with_the_result(
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, before)
-
-
-def test_memory_that_is_gone_is_an_error_with_the_result(monkeypatch):
-    advance = Quenloft.Search.advance
-
-    def exhausted(search, limit):
-        if len(search) == 20:
-            raise MemoryError
-        return advance(search, limit)
-
-    monkeypatch.setattr(Quenloft.Search, "advance", exhausted)
-    with pytest.raises(MemoryError) as caught:
-        Quenloft.minimize(parabola, BOX)
-    result = caught.value.result
-    assert (result.nit, result.status, result.success) == (20, Status.ERROR, False)
-    assert result.fun == min(result.history.value)
 
 
 def test_ctrl_c_may_return_the_result_instead():

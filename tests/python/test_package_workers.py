@@ -1,11 +1,9 @@
 # SPDX-License-Identifier: MIT
 """One search on many workers: the trials of one worker, whatever the workers and their order."""
 
-import io
 import math
 import multiprocessing
 import os
-import signal
 import subprocess
 import sys
 import threading
@@ -16,6 +14,7 @@ import pytest
 from scipy.optimize import NonlinearConstraint
 
 import Quenloft
+from processes import is_running, wait_until
 from Quenloft import Status
 
 # From Python 3.12 on, a fork of a process that has threads (the engine's) is warned about.
@@ -63,34 +62,6 @@ class Problem:
             maxfun=self.maxfun, local_models=False, **self.settings, **options,
         )  # fmt: skip
 
-    def native_trials(self):
-        free = [c for c in self.categories if len(c) > 1]
-        trials = []
-
-        def chosen(categories):
-            picked = iter(categories)
-            return tuple(c[next(picked)] if len(c) > 1 else c[0] for c in self.categories)
-
-        def calling(function, is_first):
-            def call(x, categories=()):
-                point = (*x,), chosen(categories)
-                value = function(*point)
-                if is_first:
-                    trials.append(point)
-                return value
-
-            return call
-
-        functions = [*self.constraints, self.fun]
-        functions = [calling(function, i == 0) for i, function in enumerate(functions)]
-        arguments = {"bounds": [b for pair in self.bounds for b in pair], "target": functions[-1]}
-        if free:
-            arguments["categorical"] = [len(c) for c in free]
-        if self.constraints:
-            arguments["constraints"] = functions[:-1]
-        Quenloft.Problem(**arguments).Minimize(stop_tests=self.maxfun, **self.settings)
-        return trials
-
 
 def essence(result):
     """All of a result that must not depend on the workers."""
@@ -110,11 +81,9 @@ def executors():
 
 
 @pytest.mark.parametrize("number", range(30))
-def test_the_trials_are_the_native_ones_on_workers_of_every_kind(number, executors):
+def test_the_trials_are_those_of_one_worker_on_workers_of_every_kind(number, executors):
     problem = Problem(number)
     expected = essence(problem.minimize())
-    native = problem.native_trials()
-    assert [(x, categories) for x, categories, *_ in expected[1]] == native[: problem.maxfun]
     slow = Problem(number, 0.002)
     assert essence(slow.minimize(workers=executors["threads"])) == expected
     kind = ("processes", "pool")[number % 2]
@@ -214,19 +183,6 @@ def test_an_exception_counts_if_the_search_asks_for_its_point(trial, executors):
         assert "fails_at" in "".join(frames)
 
 
-def dies(x, place):
-    if x == place:
-        os._exit(3)
-    return wavy(x)
-
-
-def test_the_death_of_a_worker_is_an_error_with_the_result_so_far():
-    place = Quenloft.minimize(wavy, BOX, maxfun=30).history[20].x
-    with pytest.raises(Quenloft.WorkerError, match="exit code 3") as caught:
-        Quenloft.minimize(dies, BOX, (place,), maxfun=60, workers=2)
-    assert caught.value.result.nit <= 20 and caught.value.result.status is Status.ERROR
-
-
 # fmt: off
 REFUSED = [
     ({"fun": lambda x: 0.0}, TypeError, "cannot be sent .*lambda.* top level of a module, or pass"),
@@ -278,36 +234,6 @@ def test_an_evaluation_that_takes_too_long_is_ended(workers):
     assert essence(Quenloft.minimize(hangs, BOX, (9,), **options)) == expected
 
 
-def sleeps_long(x):
-    if x[0] > 1.5:
-        os.kill(os.getppid(), signal.SIGALRM)
-        time.sleep(60)
-    return x[0]
-
-
-class Timeout(Exception):
-    pass
-
-
-def test_a_signal_does_not_wait_for_the_workers():
-    def handler(*_):
-        raise Timeout
-
-    before = signal.signal(signal.SIGALRM, handler)
-    start = time.perf_counter()
-    others = set(multiprocessing.active_children())
-    try:
-        with pytest.raises(Timeout) as caught:
-            Quenloft.minimize(sleeps_long, BOX, workers=2)
-    finally:
-        signal.signal(signal.SIGALRM, before)
-    assert time.perf_counter() - start < 30 and caught.value.result.status is Status.ERROR
-    # They sleep for longer than this unless they were ended.
-    while not set(multiprocessing.active_children()) <= others:
-        assert time.perf_counter() - start < 30
-        time.sleep(0.01)
-
-
 ORPHANED = """
 import os, time, Quenloft, sys
 def fun(x):
@@ -321,48 +247,7 @@ Quenloft.minimize(fun, [(0, 1), (0, 1)], workers=3)
 
 def test_workers_end_when_their_parent_is_killed(tmp_path):
     parent = subprocess.Popen([sys.executable, "-c", ORPHANED, str(tmp_path)])
-    deadline = time.monotonic() + 60
-    while len(os.listdir(tmp_path)) < 3:
-        assert time.monotonic() < deadline and parent.poll() is None
-        time.sleep(0.01)
+    wait_until(lambda: len(os.listdir(tmp_path)) == 3)
     parent.kill()
     parent.wait()
-    workers = [int(name) for name in os.listdir(tmp_path)]
-    while any(is_running(worker) for worker in workers):
-        assert time.monotonic() < deadline
-        time.sleep(0.01)
-
-
-def is_running(process):
-    try:
-        with open(f"/proc/{process}/stat") as file:
-            return file.read().rsplit(")", 1)[1].split()[0] not in "ZX"
-    except OSError:
-        return False
-
-
-def test_a_dask_cluster_runs_one_search():
-    distributed = pytest.importorskip("distributed")
-    expected = essence(Quenloft.minimize(wavy, BOX, maxfun=40))
-    options = {"n_workers": 2, "threads_per_worker": 2, "processes": False}
-    with distributed.LocalCluster(dashboard_address=None, **options) as cluster:
-        with distributed.Client(cluster) as client:
-            for workers in (client.get_executor(), client.map):
-                result = Quenloft.minimize(
-                    lambda x: wavy(x, delay=0.01), BOX, maxfun=40, workers=workers
-                )
-                assert essence(result) == expected
-
-
-def test_progress_shows_how_many_workers_are_busy(monkeypatch, executors):
-    class Terminal(io.StringIO):
-        def isatty(self):
-            return True
-
-    terminal = Terminal()
-    monkeypatch.setattr(sys, "stderr", terminal)
-    monkeypatch.setitem(sys.modules, "tqdm.auto", None)
-    monkeypatch.setattr("Quenloft._progress._INTERVAL", 0.0)
-    fun = lambda x: wavy(x, delay=0.01)  # noqa: E731
-    Quenloft.minimize(fun, BOX, maxfun=40, workers=executors["threads"], progress=True)
-    assert " of 8 workers busy" in terminal.getvalue()
+    wait_until(lambda: not any(map(is_running, os.listdir(tmp_path))))

@@ -93,19 +93,6 @@ def test_a_search_without_a_feasible_point_shows_how_near_it_came():
     (line,) = [line for line in ax.get_lines() if line.get_label() == "closest so far"]
     assert [*line.get_xdata()] == [2, 3, 5, 5] and [*line.get_ydata()] == [5.0, 3.0, 3.0, 3.0]
     assert ax.get_ylabel() == "violation of constraint 1"
-    ax = plots.plot_trials(history)
-    assert ax.get_title(loc="left") == "no feasible point"
-    (star,) = [part for part in ax.collections if part.get_label() == "closest"]
-    assert star.get_offsets().tolist() == [[0.1, 0.9]]
-
-
-def test_bars_lie_at_the_lowest_value_of_each_part_of_the_range():
-    outcomes = [(1, 5.0), (1, 4.0), (1, 1.0), (0, 0.0), (1, 3.0)]
-    history = history_of(SQUARE, outcomes)
-    history.bounds = ((0.0, 1.0), (0.0, 1.0))
-    (panel,) = [plots.plot_objective(history, variables=[0])]
-    bars = [tuple(line.get_ydata()) for line in panel.get_lines() if line.get_color() == "0.3"]
-    assert bars == [(1.0, 1.0), (3.0, 3.0), (4.0, 4.0)]
 
 
 def test_axes_of_a_result_carry_its_names_bounds_and_scales():

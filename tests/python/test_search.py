@@ -13,7 +13,6 @@ import time
 import numpy
 import pytest
 
-import Quenloft
 from Quenloft import Search
 
 BOX = [(-2, 3), (-1, 1.5)]
@@ -61,58 +60,7 @@ def rows(search):
     return {name: numpy.asarray(column).tobytes() for name, column in columns.items()}
 
 
-def native_trials(options, trials=60):
-    """(index, value, x, category) of each trial of the native module."""
-    made = []
-    count = options.get("constraints", 0)
-    choices = [variable for variable in options.get("categories", ()) if len(variable) > 1]
-
-    def function(number):
-        def call(x, category=()):
-            shift = 0.1 * sum(len(c[i]) for c, i in zip(choices, category))
-            value = (bowl(x) if number == count else limit(x)) + shift
-            if number == count or value > 0:
-                made.append((number, value, (*x,), (*category,)))
-            return value
-
-        return call
-
-    arguments = {"bounds": [bound for pair in BOX for bound in pair]}
-    if choices:
-        arguments["categorical"] = [len(variable) for variable in choices]
-    if count:
-        arguments["constraints"] = [function(i) for i in range(count)]
-    settings = {k: v for k, v in options.items() if k not in ("categories", "constraints")}
-    result = Quenloft.Problem(target=function(count), **arguments).Minimize(
-        stop_tests=trials, **settings
-    )
-    return made, result
-
-
 PLAIN = {"hidden_constraint": False, "local_models": False}
-PROBLEMS = {
-    "plain": {},
-    "constraint": {"constraints": 1},
-    "categories": {"categories": [["a", "bcd"], ["xy", "e"]]},
-    "settings": {"local_vs_global": 1.5, "spread": 8, "cross": 0.5},
-}
-
-
-@pytest.mark.parametrize("workers", [1, 2, 8])
-@pytest.mark.parametrize("problem", PROBLEMS.values(), ids=PROBLEMS)
-def test_trials_are_the_native_modules_for_any_workers(problem, workers):
-    expected, result = native_trials(problem)
-    search = run(Search(BOX, **problem, **PLAIN), workers, seed=workers)
-    trials = search.trials
-    assert [
-        (*row, tuple(x), tuple(category))
-        for *row, x, category in zip(
-            trials.index, trials.value, trials.x.tolist(), trials.category.tolist()
-        )
-    ] == expected
-    assert search.history[search.best].value == result.minimum.value
-    assert search.radius(search.best) == search.radius() == result.minimum.radius
-    assert [radius for _, radius in search.locals()] == [test.radius for test in result.locals]
 
 
 def full_search():
@@ -124,27 +72,6 @@ def full_search():
         known=[({"a": 0.5, "b": 2, "d": "u"}, 0.25, [-1.0]), ([1.0, 3, 0.5, "vw"], None, [0.5])],
         batch=3,
     )
-
-
-POINTS = [(0.6, 0.15), (0.5, 0.25), (-2.0, 1.5)]  # (0.5, 0.25) is the first initial point
-
-
-@pytest.mark.parametrize("local_models", [True, False])
-def test_what_a_search_begins_with_comes_first_and_never_twice(local_models):
-    def search(x0=POINTS[:2]):
-        known = [(POINTS[2], bowl(POINTS[2])), ([3, -1], NAN)]
-        return Search(BOX, x0=x0, known=known, local_models=local_models)
-
-    one = run(search(), 1)
-    assert [t.x for t in one.history][:5] == [POINTS[2], (3, -1), *POINTS[:2], (-1.975, 0.25)]
-    assert len(one) == 62 and len({t.x for t in one.history}) == 62 and one.result().nit == 60
-    for workers in (2, 7):
-        assert rows(run(search(), workers, seed=workers)) == rows(one)
-    least = run(search(), 4, trials=1).result()
-    assert least.x == POINTS[0] and len(least.history) == 3 and least.nfev == 1
-    assert run(search(x0=dict(zip(("x[0]", "x[1]"), POINTS[0]))), 1).result().x is not None
-    with pytest.raises(ValueError, match=r"x\[1\] of x0\[1\] is 2"):
-        search(x0=[POINTS[0], (0, 2)])
 
 
 def test_copies_and_pickles_go_on_as_the_original():
@@ -302,20 +229,6 @@ def test_a_wrong_number_of_points_is_refused(n, error):
     with pytest.raises(error):
         search.ask(n)
     assert search.ask(0) == search.pending == []
-
-
-def test_a_lattice_ends_with_its_last_point():
-    search = Search({"n": (1, 20, "int"), "solver": ["a", "b", "c"]})
-    values = {}
-    for _worker in range(1000):
-        for point in search.ask(4):
-            assert point[:2] not in values
-            values[point[:2]] = abs(point.x[0] - 7) + len(point.categories[0])
-            search.tell(point, values[point[:2]])
-    assert len(values) == len(search) == 60
-    assert search.is_exhausted and search.result().status == Quenloft.Status.EXHAUSTED
-    assert f"all {len(search)} points evaluated" in search.result().message
-    assert search.result().fun == min(values.values())
 
 
 def test_any_thread_may_ask_and_tell():
