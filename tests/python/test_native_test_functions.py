@@ -2,6 +2,7 @@
 """The two test-function types: values, calling convention, bad arguments."""
 
 import json
+import math
 import pathlib
 
 import pytest
@@ -44,6 +45,46 @@ def test_number_outside_the_class_stands_for_one(number):
     function, first = Grishagin(number), Grishagin(1)
     assert function.argmin == first.argmin == (0.603052, 0.408337)
     assert function((0.3, 0.7)) == first((0.3, 0.7))
+
+
+DOMAIN, CHECK, GENERATE = "domain_alloc", "parameters_check", "arg_generate"
+
+
+@pytest.mark.parametrize(
+    "parameters, failure",
+    [
+        ((1, 10, 0.9, 0.2, 1), DOMAIN),
+        ((1008, 10, 0.9, 0.2, 1), None),
+        ((1009, 0, math.nan, 0.2, 0), DOMAIN),
+        ((2, 1, 0.9, 0.2, 0), CHECK),
+        ((2, 2, 0.9, 0.2, 1), None),
+        ((2, 10, 1.0 - 1e-10, 0.2, 1), CHECK),
+        ((2, 10, 1e-10, 5e-11, 1), CHECK),
+        ((2, 10, math.nan, 0.2, 1), CHECK),
+        ((2, 10, 0.9, 0.45 + 2e-10, 1), CHECK),
+        ((2, 10, 0.9, 0.45, 1), None),
+        ((2, 10, 0.9, 1e-10, 1), CHECK),
+        ((2, 10, 0.9, math.nan, 1), CHECK),
+        ((2, 10, 0.9, 0.2, 101), GENERATE),
+        ((2, 2**32 - 1, 0.9, 0.2, 1), GENERATE),
+        ((2, 100_001, 0.9, 0.2, 1), GENERATE),
+    ],
+)
+def test_gkls_is_refused_with_the_message_of_the_first_check_that_fails(parameters, failure):
+    if failure is None:
+        assert len(Gkls(*parameters).argmin) == parameters[0]
+    else:
+        error = repr(TypeError(f"GKLS_{failure} failed."))
+        assert error_of(lambda: Gkls(*parameters)) == error
+
+
+@pytest.mark.parametrize("side", [-1.0, 1.0])
+def test_gkls_tolerates_rounding_at_the_faces_of_the_box(side):
+    function = Gkls(*GKLS)
+    for point in (side, 0.1), (0.1, side):
+        inside, outside = ([v * (1 + e) if v == side else v for v in point] for e in (5e-11, 2e-10))
+        assert function(inside) < 10.0 and function(outside) == 1e100
+    assert math.isnan(function((math.nan, 0.0)))
 
 
 def test_failing_generation_leaves_the_object_as_it_was():

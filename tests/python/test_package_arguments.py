@@ -5,7 +5,7 @@ import math
 
 import numpy
 import pytest
-from scipy.optimize import Bounds, LinearConstraint, NonlinearConstraint
+from scipy.optimize import Bounds, LinearConstraint
 
 import Quenloft
 
@@ -96,25 +96,6 @@ def test_what_is_no_number_is_an_error_with_source_and_point(value, source):
     message = source + r".* must return a number, not .* at x = \(0.5, 2.25\)"
     with pytest.raises(TypeError, match=message):
         Quenloft.minimize(bounds=BOX, maxfun=5, **functions)
-
-
-CONSTRAINTS = {
-    "linear": LinearConstraint([[1, 1], [1, 0]], -9, [2, 9]),
-    "nonlinear": NonlinearConstraint(lambda x: [x.sum(), 0], -math.inf, [2, 1]),
-    "dict": {"type": "ineq", "fun": lambda x, a: [9, a - x.sum()], "args": (2,)},
-}
-
-
-@pytest.mark.parametrize("form", CONSTRAINTS)
-def test_every_form_of_constraint_makes_the_same_search(form):
-    def search(constraints):
-        options = {"constraints": constraints, "maxfun": 60, "local_models": False}
-        return Quenloft.minimize(lambda x: -x[0] * x[1], BOX, **options)
-
-    plain, result = search(lambda x: x[0] + x[1] - 2), search([CONSTRAINTS[form]])
-    assert numpy.allclose(numpy.asarray(result.history.x), numpy.asarray(plain.history.x))
-    assert list(result.history.index) == list(plain.history.index)
-    assert result.maxcv == 0.0 and sum(result.x) <= 2 + 1e-12
 
 
 def test_a_logarithmic_variable_is_searched_in_its_logarithm_within_its_bounds():

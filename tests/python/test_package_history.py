@@ -57,13 +57,6 @@ def test_the_best_trial_satisfies_most_constraints_then_is_lowest_then_first():
     assert [t for t in trace if not math.isnan(t)] == [5.0, 4.0, 4.0]
 
 
-def test_a_result_is_a_dict_with_attributes_and_a_readable_text(result):
-    with pytest.raises(AttributeError, match="no field 'nothing'"):
-        _ = result.nothing
-    assert "<history of 50 trials>" in repr(result)
-    assert result.constraints == (0.4 - result.x[0], result.x[1] - 3) and result.maxcv == 0.0
-
-
 def test_a_saved_copied_or_pickled_result_is_the_same(result, tmp_path):
     nothing = Quenloft.minimize(lambda x: 1.0, [(0, 1)], constraints=lambda x: x[0] + 1, maxfun=5)
     for saved in (result, nothing):

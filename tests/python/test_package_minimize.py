@@ -157,21 +157,6 @@ def test_a_value_that_is_not_finite_is_an_error_with_the_point(value):
     assert (copy.x, str(copy), copy.result.nit) == (e.value.x, str(e.value), 2)
 
 
-def test_a_hidden_constraint_is_infeasible_and_the_search_goes_on():
-    def fun(x):
-        return math.nan if x[0] < 0 else math.inf if x[1] > 3.5 else parabola(x)
-
-    def constraint(x):
-        return math.nan if x[1] < 0.6 else -math.inf if x[1] < 0.7 else x[0] - 1.9
-
-    result = Quenloft.minimize(fun, BOX, constraints=constraint, nonfinite="infeasible", maxfun=300)
-    assert result.success and result.fun < 1e-3
-    assert set(result.history.index) == {0, 1, 2} and result.history.goal == 2
-    for trial in result.history:
-        index, (_, y) = trial.index, trial.x
-        assert math.isfinite(trial.value) == (index == 2 or (index == 0 and y >= 0.6))
-
-
 NOWHERE = [
     ({"constraints": [lambda x: -1, lambda x: x[0] + 5]}, r"constraints\[1\] .* 4.* > 0"),
     ({"nonfinite": "infeasible", "fun": lambda x: math.nan}, "fun was nowhere finite"),

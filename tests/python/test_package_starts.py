@@ -91,7 +91,9 @@ def test_known_points_of_every_form_are_the_same_trials(constraint, tmp_path):
     "options, message",
     [
         ({"x0": (0.0, 3)}, "x0 must hold 3 values"),
-        ({"x0": [{"a": 0.0, "n": 3.5, "kind": "u"}]}, r"n of x0\[0\] is 3.5"),
+        ({"x0": {"a": 0.0}}, "x0 has no value for n, kind"),
+        ({"x0": {"a": 0.0, "mass": 1}}, "x0 names 'mass'"),
+        ({"x0": [{"a": 0.0, "n": 3.5, "kind": "u"}]}, r"n of x0\[0\] is 3.5, not in \[0, 9\], int"),
         ({"x0": 7}, "x0 must be a sequence or a mapping"),
         ({"known": [((0.0, 3, "w"), 1.0, [-1.0])]}, r"kind of known\[0\] is no choice"),
         ({"known": [((0.0, 3, "u"), 1.0)]}, r"known\[0\] has values of 0 constraints"),

@@ -47,7 +47,10 @@ FORMS = {
     ),
     "others": (
         cost,
-        [LinearConstraint([1, 1], 1.5), {"type": "ineq", "fun": lambda x: -second(x)}],
+        [
+            LinearConstraint([1, 1], 1.5),
+            {"type": "ineq", "fun": lambda x, a: a - x[0], "args": (1.2,)},
+        ],
     ),
     "behind another": (lambda x: (cost(x), (second(x),)), [loose(first), 1]),
 }
