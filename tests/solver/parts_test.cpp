@@ -8,7 +8,6 @@
 #include <limits>
 #include <map>
 #include <random>
-#include <set>
 #include <vector>
 
 #include "search_cases.h"
@@ -16,7 +15,6 @@
 #include "solver/create_solver.h"
 #include "solver/key_bounds.h"
 #include "solver/solver.h"
-#include "solver/trial_bits.h"
 
 namespace QuenloftSolver {
 namespace {
@@ -87,32 +85,6 @@ TEST(KeyBounds, AnswersAsAListOfAllKeys) {
         if (model[rank] >= 30.0) expected.push_back(rank);
       }
       ASSERT_EQ(needed, expected);
-    }
-  }
-}
-
-TEST(TrialBits, AreASetOfPositions) {
-  std::mt19937 random(1);
-  TrialBits bits;
-  std::set<std::uint32_t> model;
-  for (std::uint32_t size = 1; size < 300; ++size) {
-    bits.Resize(size);
-    for (int change = 0; change < 3; ++change) {
-      const std::uint32_t position = random() % size;
-      if (random() % 2 == 0) {
-        bits.Set(position);
-        model.insert(position);
-      } else if (random() % 8 != 0) {
-        bits.Clear(position);
-        model.erase(position);
-      } else {
-        bits.ClearAround(position);
-        const std::uint32_t word = position / 64 * 64;
-        model.erase(model.lower_bound(word), model.lower_bound(word + 64));
-      }
-    }
-    for (std::uint32_t position = 0; position < size; ++position) {
-      ASSERT_EQ(bits[position], model.count(position) == 1) << position;
     }
   }
 }

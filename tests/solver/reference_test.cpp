@@ -82,6 +82,15 @@ testing::AssertionResult SameTrials(const Solver<N>& solver, const reference::So
   return testing::AssertionSuccess();
 }
 
+template <int N>
+testing::AssertionResult SameState(const Solver<N>& solver, const reference::Solver<N>& plain) {
+  testing::AssertionResult result = SameTrials(solver, plain);
+  const Candidates& candidates = solver.GetCandidates();
+  if (result) result = SameLists(candidates, StepKind::kLocal, plain.local_lists);
+  if (result) result = SameLists(candidates, StepKind::kGlobal, plain.global_lists);
+  return result;
+}
+
 template <typename Action>
 std::string ErrorOf(Action action) {
   try {
@@ -108,11 +117,7 @@ void CompareSearches(const SearchCase& c, int steps, int every = 8, int team = 0
       ASSERT_EQ(solver.TestCount(), plain.tests.size());
       ASSERT_EQ(solver.BestPosition(), plain.best_position);
       if (step % every != 0 && step != steps - 1) continue;
-      ASSERT_TRUE(SameTrials(solver, plain)) << "step " << step;
-      ASSERT_TRUE(SameLists(solver.GetCandidates(), StepKind::kLocal, plain.local_lists))
-          << "step " << step;
-      ASSERT_TRUE(SameLists(solver.GetCandidates(), StepKind::kGlobal, plain.global_lists))
-          << "step " << step;
+      ASSERT_TRUE(SameState(solver, plain)) << "step " << step;
     }
   }
 }
@@ -238,74 +243,6 @@ TEST(SolverAgainstReference, AgreesOnExtremeValuesAndSettings) {
   CompareSearches<2>(with(1.0, [](SearchParameters& p) { p.local_vs_global = 3.0; }), 60);
 }
 
-// Lists of few distinct keys, in which candidates that stay, come back and are new tie.
-// Tables come back wholly or partly, trials in any order. Now and then every trial is
-// offered to a list that is not empty, so that of a full one the least fall out before
-// they are offered again.
-TEST(CandidateList, UpdatesAsByOneOfferAfterTheOther) {
-  struct Case {
-    std::uint32_t trials;
-    std::uint32_t key_count;
-    int taken;           // between two updates
-    std::uint32_t rise;  // of keys from update to update: then lists overflow
-  };
-  for (const Case& c :
-       {Case{400, 150, 1, 0}, Case{400, 50, 1, 1}, Case{800, 1000, 1, 1}, Case{400, 10000, 0, 200},
-        Case{12, 4, 0, 0}, Case{30, 12, 3, 0}, Case{3, 3, 1, 0}, Case{400, 1, 1, 0}}) {
-    SCOPED_TRACE(testing::Message() << c.trials << " trials, " << c.key_count << " keys");
-    std::mt19937 random(c.trials + c.key_count);
-    constexpr int kSegments = 6;
-    std::vector<std::array<double, kSegments>> keys(c.trials);
-    CandidateList list;
-    reference::List plain;
-    const auto offer_all = [&] {
-      for (std::uint32_t p = 0; p < c.trials; ++p) {
-        for (int test = 0; test < kSegments; ++test) {
-          list.Offer({keys[p][test], p, test}, UpdateMode::kFull);
-          plain.Offer({keys[p][test], p, test}, true);
-        }
-      }
-    };
-    for (auto& table : keys) {
-      for (double& key : table) key = random() % c.key_count;
-    }
-    offer_all();
-    for (std::uint32_t update = 0; update < 1000; ++update) {
-      for (int i = 0; i < c.taken && !list.IsEmpty(); ++i) {
-        list.TakeBest();
-        plain.entries.pop_back();
-      }
-      std::vector<std::uint32_t> rebuilt;
-      for (std::uint32_t count = 1 + random() % 9; count > 0; --count) {
-        const std::uint32_t p = random() % c.trials;
-        if (std::find(rebuilt.begin(), rebuilt.end(), p) == rebuilt.end()) rebuilt.push_back(p);
-      }
-      list.MarkStale(rebuilt.data(), rebuilt.size());
-      const bool stays = list.StayingCount() > 0;
-      auto& entries = plain.entries;
-      entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                   [&](const Candidate& entry) {
-                                     return std::find(rebuilt.begin(), rebuilt.end(),
-                                                      entry.position) != rebuilt.end();
-                                   }),
-                    entries.end());
-      for (const std::uint32_t p : rebuilt) {
-        for (int test = 0; test < kSegments; ++test) {
-          if (random() % 3 == 0) keys[p][test] = random() % c.key_count + update * c.rise;
-          const Candidate candidate = {keys[p][test], p, test};
-          if (stays) list.Stage(candidate);
-          plain.Offer(candidate, false);
-        }
-      }
-      list.Commit();
-      ASSERT_TRUE(SameList(list, plain)) << "update " << update;
-      ASSERT_EQ(stays, !entries.empty());
-      if (!stays || random() % 8 == 0) offer_all();
-      ASSERT_TRUE(SameList(list, plain)) << "all, after update " << update;
-    }
-  }
-}
-
 // A full list whose least key, 1, many trials share, listed or not, most of them on one
 // segment alone; better ones are listed but for a few. Now and then a key is NaN.
 TEST(ListDemand, PassesOverTrialsThatLeaveNoTrace) {
@@ -393,11 +330,7 @@ void CompareWithSpeculation(const SearchCase& c, int steps) {
     if (step % 4 != 0) continue;
     const auto& solver = static_cast<const Solver<N>&>(*base);
     ASSERT_EQ(solver.TestCount(), plain.tests.size());
-    ASSERT_TRUE(SameTrials(solver, plain)) << "step " << step;
-    ASSERT_TRUE(SameLists(solver.GetCandidates(), StepKind::kLocal, plain.local_lists))
-        << "step " << step;
-    ASSERT_TRUE(SameLists(solver.GetCandidates(), StepKind::kGlobal, plain.global_lists))
-        << "step " << step;
+    ASSERT_TRUE(SameState(solver, plain)) << "step " << step;
   }
 }
 
