@@ -207,8 +207,6 @@ def test_a_point_of_another_search_is_refused():
         ({"constraints": -1}, ValueError),
         ({"constraints": 1.5}, TypeError),
         ({"maxfun": -1}, ValueError),
-        ({"spread": 1}, ValueError),
-        ({"batch": 0}, ValueError),
         ({"known": [(1.0, 2.0)]}, TypeError),
         ({"known": [((9, 9), 2.0)]}, ValueError),
         ({"known": [((0, 0), NAN)], "hidden_constraint": False}, ValueError),

@@ -119,62 +119,6 @@ TEST(Proposer, GoesOnAfterARollbackAndInACopyAsIfNothingHadBeen) {
   }
 }
 
-TEST(Proposer, WithoutLocalModelsHasTheTrialsOfTheEngine) {
-  Definition definition = Box(2, -2.1, 1.9);
-  definition.local_models = false;
-  Proposer proposer(definition);
-  const auto engine = proposer.Solver().Copy();
-  const auto points = Drive(proposer, Camel, 100);
-  std::vector<double> point(2);
-  for (std::size_t i = 0; i < points.size();) {
-    const auto proposal = engine->Propose();
-    if (!proposal) continue;
-    engine->ToBounds(proposal->point, point.data());
-    ASSERT_EQ(point, points[i++]);
-    engine->Accept({0, Camel(point)});
-  }
-}
-
-// A point that the caller drops, as he has its value already, must not be proposed for ever.
-TEST(Proposer, FindsOtherPointsAfterDiscarding) {
-  Proposer proposer(Box(2, -2.1, 1.9));
-  Drive(proposer, Camel, 20);
-  for (int i = 0; i < 200; ++i) {
-    Ask(proposer);
-    if (proposer.IsLocal()) {
-      proposer.Discard();
-    } else {
-      proposer.Accept({0, Camel(Ask(proposer))});
-    }
-  }
-  EXPECT_GT(proposer.TrialCount(), 60U);
-}
-
-// Points of a model are taken elsewhere, and outcomes are infeasible or worse than expected.
-TEST(Proposer, TakesAnyOutcomeAndPoint) {
-  Definition definition = Box(3, 0.0, 1.0);
-  definition.function_count = 2;
-  Proposer proposer(definition);
-  for (int i = 0; i < 300; ++i) {
-    const std::vector<double> x = Ask(proposer);
-    std::vector<double> moved(3);
-    for (std::size_t k = 0; k < 3; ++k) moved[k] = std::round(x[k] * 64.0) / 64.0;
-    const double constraint = 0.7 - moved[0] * moved[1];
-    const bool is_taken = proposer.Solver().Nearest(moved.data(), 0) < proposer.TrialCount() &&
-                          proposer.Trials().SquaredDistance(
-                              proposer.Solver().Nearest(moved.data(), 0), moved.data()) == 0.0;
-    if (i < 7) {
-      proposer.Accept({constraint > 0.0 ? 0 : 1, constraint > 0.0 ? constraint : Bowl(x)});
-    } else if (is_taken) {
-      proposer.Discard();
-    } else {
-      proposer.Accept({constraint > 0.0 ? 0 : 1, constraint > 0.0 ? constraint : Bowl(moved)},
-                      moved.data());
-    }
-  }
-  EXPECT_EQ(proposer.Trials().Value(static_cast<std::uint32_t>(proposer.Best())).index, 1);
-}
-
 // A disc that touches the bowl's slope, told together or up to the first violated constraint,
 // from a start where nothing is feasible.
 TEST(Proposer, FindsTheMinimumOnTheEdgeOfTheFeasibleSet) {
@@ -243,24 +187,6 @@ TEST(Proposer, ListsTheLowestMinimaRefined) {
     }
     EXPECT_TRUE(missing.empty());
   }
-}
-
-// The list of trials has them all, and says which of them the engine holds.
-TEST(Proposer, KeepsNearTrialsOutOfTheEngine) {
-  Proposer proposer(Box(2, -2.1, 1.9));
-  Drive(proposer, Camel, 200);
-  EXPECT_EQ(proposer.TrialCount(), 200U);
-  EXPECT_LT(proposer.Solver().TestCount(), 190U);
-  std::uint32_t held = 0;
-  for (std::uint32_t t = 0; t < 200; ++t) {
-    const std::uint32_t position = proposer.Trials().EnginePosition(t);
-    if (position == TrialLog::kNotInEngine) continue;
-    ++held;
-    EXPECT_EQ(
-        proposer.Trials().SquaredDistance(t, proposer.Solver().GetTest(position)->Coordinate()),
-        0.0);
-  }
-  EXPECT_EQ(held, proposer.Solver().TestCount());
 }
 
 // Between trials of one region stand batch - 1 others.

@@ -48,10 +48,13 @@ Outcome Evaluate(const SearchCase& c, const Problem& problem, const Point& point
   std::vector<double> constraints;
   for (std::size_t k = 0; k + 1 < c.functions.size(); ++k) {
     constraints.push_back((*c.functions[k])(point.x.data(), point.categories.data()));
-    if (constraints.back() > 0.0) return MakeOutcome(problem, {}, constraints, false);
+    const bool has_failed = !std::isfinite(constraints.back());
+    if (has_failed || constraints.back() > 0.0) {
+      return MakeOutcome(problem, {}, constraints, has_failed);
+    }
   }
   const double value = (*c.functions.back())(point.x.data(), point.categories.data());
-  return MakeOutcome(problem, value, constraints, false);
+  return MakeOutcome(problem, value, constraints, !std::isfinite(value));
 }
 
 // The trials of the plain engine, up to `count` or until it is exhausted.
@@ -106,7 +109,6 @@ class Workers {
     return true;
   }
 
-  std::vector<Point>& Busy() { return busy_; }
   std::size_t Evaluations() const { return evaluations_; }
 
  private:
@@ -141,142 +143,38 @@ TEST(Search, HasTheTrialsOfTheEngineForAnyWorkersAndOrder) {
   }
 }
 
-void ExpectSameTrials(const Search& a, const Search& b) {
-  const Trials x = a.GetTrials();
-  const Trials y = b.GetTrials();
-  ASSERT_EQ(x.value.rows, y.value.rows);
-  for (std::size_t i = 0; i < x.value.rows; ++i) {
-    ASSERT_TRUE(std::equal(x.x.Row(i), x.x.Row(i) + x.x.width, y.x.Row(i))) << "trial " << i;
-    ASSERT_EQ(x.value[i], y.value[i]) << "trial " << i;
-    ASSERT_EQ(x.kind[i], y.kind[i]) << "trial " << i;
-  }
-  EXPECT_EQ(a.Best(), b.Best());
-  EXPECT_EQ(a.Locals(), b.Locals());
-  EXPECT_EQ(a.BestRadius(), b.BestRadius());
-}
-
-// With everything that a search may have at once.
-SearchCase FullCase() {
-  SearchCase c;
-  c.name = "full";
-  c.AddVariable(-1.0, 1.5);
-  c.AddVariable(0.0, 9.0);
-  c.categories = {2, 1};
-  c.Add([](const double* x, const std::int32_t*) { return x[0] - 0.1 * x[1] - 0.2; });
-  c.Add([](const double* x, const std::int32_t* k) {
-    return (x[0] - 0.4) * (x[0] - 0.4) + 0.1 * std::cos(x[1]) + 0.2 * k[0];
-  });
-  return c;
-}
-
-Problem FullProblem() {
-  const SearchCase c = FullCase();
-  Problem problem = ProblemOf(c);
-  problem.has_local_models = true;
-  problem.has_hidden_constraint = true;
-  problem.variables[1] = {0.0, 9.0, false, true, 10};
-  problem.known = {{{0.3, 2.0}, {1, 0}, MakeOutcome(problem, 0.1, {-0.5}, false)},
-                   {{1.2, 0.0}, {0, 0}, MakeOutcome(problem, {}, {1.0}, false)}};
-  return problem;
-}
-
-TEST(Search, HasOneWorkersTrialsWithLatticeModelsAndKnownPoints) {
-  const SearchCase c = FullCase();
-  Search one(FullProblem());
-  one.SetLimit(60);
-  Workers(c, 1, 0).Run(one);
-  EXPECT_EQ(one.TrialCount(), 62u) << "known points are not counted";
-  for (const std::size_t count : {2, 8, 16}) {
-    Search many(FullProblem());
-    many.SetLimit(60);
-    Workers(c, count, 7).Run(many);
-    many.Advance();
-    ExpectSameTrials(one, many);
-  }
-}
-
-TEST(Search, GoesOnFromACopyAndFromASavedState) {
-  const SearchCase c = FullCase();
-  for (const std::size_t turns : {0, 3, 9, 40}) {
-    Search search(FullProblem());
-    search.SetLimit(50);
-    Workers workers(c, 5, 3);
-    for (std::size_t turn = 0; turn < turns; ++turn) workers.Turn(search);
-    const auto copy = search.Copy();
-    Search restored(FullProblem());
-    restored.SetLimit(50);
-    restored.Restore(search.Save());
-    ExpectSameTrials(search, restored);
-    // The points that are out may be told to any of the three.
-    Workers of_copy = workers;
-    Workers of_restored = workers;
-    workers.Run(search);
-    of_copy.Run(*copy);
-    of_restored.Run(restored);
-    ExpectSameTrials(search, *copy);
-    ExpectSameTrials(search, restored);
-    EXPECT_EQ(search.OpenPoints().size(), restored.OpenPoints().size());
-  }
-}
-
-TEST(Search, AsksForNothingBeyondItsLimit) {
-  const SearchCase c = QuenloftSolver::NativeCase(2);
-  Search search(ProblemOf(c));
-  search.SetLimit(3);
-  const std::vector<Point> first = search.Ask(100);
-  EXPECT_EQ(first.size(), 3u) << "fewer than the initial points";
-  for (const Point& point : first) search.Tell(point, Evaluate(c, search.GetProblem(), point));
-  EXPECT_TRUE(search.Ask(100).empty());
-  EXPECT_TRUE(search.IsFinished());
-  EXPECT_FALSE(search.IsExhausted());
-  search.SetLimit(40);
-  Workers(c, 6, 1).Run(search);
-  search.Advance();
-  ExpectTrialsOf(*PlainSearch(c, 40), 40, search);
-}
-
 // The engine takes the worst value of the same index for that of a failed evaluation, in the
 // order of the trials and not in that of the values.
 TEST(Search, FailedEvaluationsCountAsTheWorstSoFarWhateverTheOrder) {
-  const auto constraint = [](const double* x) {
-    return x[0] > 1.0 ? kNan : x[1] > 1.0 ? kInfinity : 0.3 - x[0] * x[1];
-  };
-  const auto objective = [](const double* x) { return x[0] + x[1] < -1.0 ? kNan : x[0]; };
-  double worst = -1.0;
+  SearchCase c;
   SearchCase plain;
-  plain.AddVariable(-1.0, 1.5);
-  plain.AddVariable(-1.0, 1.5);
-  plain.Add([&](const double* x, const std::int32_t*) {
-    const double value = constraint(x);
+  for (int k = 0; k < 2; ++k) {
+    c.AddVariable(-1.0, 1.5);
+    plain.AddVariable(-1.0, 1.5);
+  }
+  c.Add([](const double* x, const std::int32_t*) {
+    return x[0] > 1.0 ? kNan : x[1] > 1.0 ? kInfinity : 0.3 - x[0] * x[1];
+  });
+  c.Add([](const double* x, const std::int32_t*) { return x[0] + x[1] < -1.0 ? kNan : x[0]; });
+  double worst = -1.0;
+  plain.Add([&](const double* x, const std::int32_t* k) {
+    const double value = (*c.functions[0])(x, k);
     if (!std::isfinite(value)) return worst < 0.0 ? 1.0 : worst;
     if (value > 0.0) worst = std::max(worst, value);
     return value;
   });
-  plain.Add(
-      [&](const double* x, const std::int32_t*) { return std::isnan(objective(x)) ? 1.0 : 0.0; });
-  plain.Add([&](const double* x, const std::int32_t*) { return objective(x); });
+  plain.Add([&](const double* x, const std::int32_t* k) {
+    return std::isnan((*c.functions[1])(x, k)) ? 1.0 : 0.0;
+  });
+  plain.Add([&](const double* x, const std::int32_t* k) { return (*c.functions[1])(x, k); });
   const auto expected = PlainSearch(plain, 60);
 
-  Problem problem = ProblemOf(plain);
-  problem.constraint_count = 1;
+  Problem problem = ProblemOf(c);
   problem.has_hidden_constraint = true;
   Search search(problem);
   search.SetLimit(60);
-  std::mt19937 random(5);
-  std::vector<Point> busy;
-  while (!search.IsFinished()) {
-    for (Point& point : search.Ask(6 - busy.size())) busy.push_back(std::move(point));
-    const std::size_t i = random() % busy.size();
-    const double* x = busy[i].x.data();
-    const double value = constraint(x);
-    const bool holds = value <= 0.0;
-    const bool has_failed = !std::isfinite(value) || (holds && std::isnan(objective(x)));
-    search.Tell(busy[i],
-                MakeOutcome(problem, holds ? std::optional<double>(objective(x)) : std::nullopt,
-                            {value}, has_failed));
-    busy.erase(busy.begin() + static_cast<std::ptrdiff_t>(i));
-    search.Advance();
-  }
+  Workers(c, 6, 5).Run(search);
+  search.Advance();
   const Trials trials = search.GetTrials();
   std::size_t failed = 0;
   std::vector<double> x(2);
@@ -366,54 +264,31 @@ TEST(Space, TakesEveryPointOfALatticeToItsCellAndBack) {
     ASSERT_NEAR(back[4], x[4], 1e-12);
     ASSERT_TRUE(space.Contains(back));
   }
-  for (const double unit : {0.0, 1.0}) {
-    std::vector<double> engine;
-    for (std::size_t i = 0; i < 4; ++i) engine.push_back(bounds[2 * i + (unit > 0.5)]);
-    const std::vector<double> x = space.Decode(engine.data());
-    for (std::size_t i : {0, 1, 3, 4}) {
-      const double bound = unit > 0.5 ? problem.variables[i].upper : problem.variables[i].lower;
-      EXPECT_NEAR(x[i], bound, i == 4 ? 1e-14 * bound : 0.0);
-    }
+}
+
+TEST(Search, RefusesWrongProblems) {
+  const struct {
+    const char* name;
+    std::vector<Variable> variables;
+    std::vector<std::int32_t> categories;
+  } cases[] = {{"no variables", {}, {}},
+               {"only a fixed one", {{1, 1}}, {}},
+               {"too many", std::vector<Variable>(33, {0, 1}), {}},
+               {"reversed", {{1, 0}}, {}},
+               {"NaN", {{0, kNan}}, {}},
+               {"logarithm of zero", {{0, 1, true}}, {}},
+               {"integer without a count", {{0, 3, false, true}}, {}},
+               {"half integers", {{0.5, 3.5, false, true, 4}}, {}},
+               {"a count that does not fit", {{0, 3, false, true, 3}}, {}},
+               {"no choice", {{0, 1}}, {0}},
+               {"too many choices", {{0, 1}}, {65536, 65536}}};
+  for (const auto& c : cases) {
+    Problem problem;
+    problem.variables = c.variables;
+    problem.category_sizes = c.categories;
+    EXPECT_THROW(Search search(problem), std::invalid_argument) << c.name;
   }
 }
-
-struct WrongProblem {
-  const char* name;
-  Problem problem;
-};
-
-class WrongProblems : public testing::TestWithParam<WrongProblem> {};
-
-TEST_P(WrongProblems, AreRefused) {
-  EXPECT_THROW(Search search(GetParam().problem), std::invalid_argument);
-}
-
-Problem OfVariables(std::vector<Variable> variables) {
-  Problem problem;
-  problem.variables = std::move(variables);
-  return problem;
-}
-
-Problem WithCategories(std::vector<std::int32_t> sizes) {
-  Problem problem = OfVariables({{0, 1}});
-  problem.category_sizes = std::move(sizes);
-  return problem;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Search, WrongProblems,
-    testing::Values(WrongProblem{"NoVariables", OfVariables({})},
-                    WrongProblem{"OnlyFixed", OfVariables({{1, 1}})},
-                    WrongProblem{"TooMany", OfVariables(std::vector<Variable>(33, {0, 1}))},
-                    WrongProblem{"Reversed", OfVariables({{1, 0}})},
-                    WrongProblem{"Nan", OfVariables({{0, kNan}})},
-                    WrongProblem{"LogarithmOfZero", OfVariables({{0, 1, true}})},
-                    WrongProblem{"IntegerWithoutCount", OfVariables({{0, 3, false, true}})},
-                    WrongProblem{"HalfInteger", OfVariables({{0.5, 3.5, false, true, 4}})},
-                    WrongProblem{"CountThatDoesNotFit", OfVariables({{0, 3, false, true, 3}})},
-                    WrongProblem{"NoChoice", WithCategories({0})},
-                    WrongProblem{"TooManyChoices", WithCategories({65536, 65536})}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(Search, MayBeAskedAndToldByManyThreads) {
   const SearchCase c = QuenloftSolver::NativeCase(3);
