@@ -19,6 +19,9 @@ constexpr double kFirstRadius = 0.1;
 constexpr double kLeastRadius = 1e-7;
 // A new region begins at least this far from those left.
 constexpr double kApart = 0.1;
+// The most that a violation weighs beside the target, both in units of what their models vary
+// by in the region. What it takes is of the order of 1 unless constraints are nearly parallel.
+constexpr double kMostWeight = 100.0;
 
 }  // namespace
 
@@ -173,9 +176,10 @@ bool ConstrainedModels::FitAll(const TrialLog& log, std::vector<Model>& models,
 
 namespace {
 
-// Minimises `target` over the box where all of `constraints` are at most 0, or as little above
-// as can be: augmented Lagrangian (Hestenes 1969, Powell 1969), its inner problem by steps to
-// the minimum of a quadratic in the box. Writes the multipliers.
+// Minimises `target` plus kMostWeight times the violations of `constraints` over the box:
+// augmented Lagrangian (Hestenes 1969, Powell 1969), its multipliers at most that weight, its
+// inner problem by steps to the minimum of a quadratic in the box. Writes the multipliers. So
+// these stay bounded, and the step the best there is, where the constraints cannot be satisfied.
 VectorXd MinimiseConstrained(const QuadraticModel& target,
                              const std::vector<QuadraticModel>& constraints, const VectorXd& lower,
                              const VectorXd& upper, std::vector<double>& multipliers) {
@@ -183,13 +187,15 @@ VectorXd MinimiseConstrained(const QuadraticModel& target,
   multipliers.assign(constraints.size(), 0.0);
   VectorXd s = VectorXd::Zero(n);
   double penalty = 10.0;
-  double violation_before = 1e300;
+  double change_before = 1e300;
   for (int outer = 0; outer < 25; ++outer) {
     const auto lagrangian = [&](const VectorXd& at) {
       double value = target.At(at);
       for (std::size_t i = 0; i < constraints.size(); ++i) {
-        const double pull = std::max(0.0, multipliers[i] + penalty * constraints[i].At(at));
-        value += (pull * pull - multipliers[i] * multipliers[i]) / (2.0 * penalty);
+        const double c = constraints[i].At(at);
+        // The p from 0 to kMostWeight at which what follows is greatest.
+        const double pull = std::clamp(multipliers[i] + penalty * c, 0.0, kMostWeight);
+        value += pull * c - (pull - multipliers[i]) * (pull - multipliers[i]) / (2.0 * penalty);
       }
       return value;
     };
@@ -198,11 +204,13 @@ VectorXd MinimiseConstrained(const QuadraticModel& target,
       local.gradient = target.gradient + target.hessian * s;
       local.hessian = target.hessian;
       for (std::size_t i = 0; i < constraints.size(); ++i) {
-        const double pull = multipliers[i] + penalty * constraints[i].At(s);
-        if (pull <= 0.0) continue;
+        const double wanted = multipliers[i] + penalty * constraints[i].At(s);
+        if (wanted <= 0.0) continue;
+        const double pull = std::min(wanted, kMostWeight);
         const VectorXd slope = constraints[i].gradient + constraints[i].hessian * s;
         local.gradient += pull * slope;
-        local.hessian += pull * constraints[i].hessian + penalty * (slope * slope.transpose());
+        local.hessian += pull * constraints[i].hessian;
+        if (wanted < kMostWeight) local.hessian += penalty * (slope * slope.transpose());
       }
       const VectorXd step = MinimiseInBox(local, lower - s, upper - s);
       const double before = lagrangian(s);
@@ -217,15 +225,16 @@ VectorXd MinimiseConstrained(const QuadraticModel& target,
       s += length * step;
       if (gain <= 1e-13 * (1.0 + std::abs(before))) break;
     }
-    double violation = 0.0;
+    double change = 0.0;
     for (std::size_t i = 0; i < constraints.size(); ++i) {
       const double value = constraints[i].At(s);
-      violation = std::max(violation, value);
-      multipliers[i] = std::max(0.0, multipliers[i] + penalty * value);
+      const double next = std::clamp(multipliers[i] + penalty * value, 0.0, kMostWeight);
+      change = std::max(change, std::abs(next - multipliers[i]) / penalty);
+      multipliers[i] = next;
     }
-    if (violation <= 1e-9 && outer > 2) break;
-    if (violation > 0.25 * violation_before) penalty = std::min(penalty * 10.0, 1e7);
-    violation_before = violation;
+    if (change <= 1e-9 && outer > 2) break;
+    if (change > 0.25 * change_before) penalty = std::min(penalty * 10.0, 1e7);
+    change_before = change;
   }
   return s.cwiseMax(lower).cwiseMin(upper);
 }
@@ -255,7 +264,8 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
     for (std::size_t i = 0; i < target; ++i) {
       if (models[i].scale == 0.0) continue;
       constraints.push_back(models[i].quadratic);
-      constraints.back().constant += region.margins[i] / models[i].scale + 1e-7;
+      const double margin = region.margins[i] * (region.radius * region.radius);
+      constraints.back().constant += margin / models[i].scale + 1e-7;
       numbers.push_back(i);
     }
     std::vector<double> multipliers;
@@ -264,8 +274,8 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
     pending.scales.resize(function_count_);
     pending.values.resize(function_count_);
     for (std::size_t j = 0; j < numbers.size(); ++j) {
-      region.weights[numbers[j]] =
-          std::max(region.weights[numbers[j]], std::min(2.0 * multipliers[j], 1e6));
+      double& weight = region.weights[numbers[j]];
+      weight = std::max({1.0, 0.5 * weight, 2.0 * multipliers[j]});
     }
     if (region.is_failed) {
       const VectorXd missing = MissingDirection(offsets, lower, upper);
@@ -316,6 +326,11 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
     pending.length = step.cwiseAbs().maxCoeff();
     pending.expected = pending.values[target];
     if (!pending.is_geometry && !(pending.predicted > 1e-9 && pending.length > 1e-4)) {
+      // All that is left to gain may be what the margins keep.
+      if (*std::max_element(region.margins.begin(), region.margins.end()) > 0.0) {
+        std::fill(region.margins.begin(), region.margins.end(), 0.0);
+        continue;
+      }
       region.radius *= 0.25;
       continue;
     }
@@ -345,11 +360,13 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
 void ConstrainedModels::Accept(const TrialLog& log) {
   Region& region = *region_;
   const std::uint32_t trial = log.Size() - 1;
+  const double square = region.radius * region.radius;
   std::vector<double> values(log.Functions(trial), log.Functions(trial) + function_count_);
   for (std::size_t i = 0; i < function_count_; ++i) {
     if (pending_->scales[i] == 0.0) continue;
     if (std::isfinite(values[i])) {
-      region.margins[i] = 0.5 * std::abs(values[i] - pending_->values[i]);
+      if (pending_->is_geometry) continue;
+      region.margins[i] = 0.5 * std::abs(values[i] - pending_->values[i]) / square;
     } else {
       values[i] = pending_->values[i];
     }

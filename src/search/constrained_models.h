@@ -40,7 +40,9 @@ class ConstrainedModels {
     // One per function, the target last.
     std::vector<Eigen::MatrixXd> hessians;  // of the last models, in unit coordinates
     std::vector<double> weights;            // of violations
-    std::vector<double> margins;            // kept from the constraints, as models err
+    // Half the error of the last model, which is kept from the constraint; over the square of
+    // the radius.
+    std::vector<double> margins;
   };
   // A function's model in the region, its values divided by `scale`.
   struct Model;
