@@ -78,13 +78,17 @@ bool ConstrainedModels::Begin(const TrialLog& log) {
   }
   if (!best) return false;
   BeginAt(*best, kFirstRadius);
+  exhausted_.push_back(*best);
+  region_->root = *best;
   return true;
 }
 
 void ConstrainedModels::BeginAt(std::uint32_t centre, double radius) {
+  const std::uint32_t root = region_ ? region_->root : centre;
   region_ = Region{};
   region_->centre = centre;
   region_->begun_at = centre;
+  region_->root = root;
   region_->radius = radius;
   region_->hessians.assign(function_count_, MatrixXd::Zero(dimension_, dimension_));
   region_->weights.assign(function_count_, 1.0);
@@ -99,10 +103,10 @@ std::optional<LocalPoint> ConstrainedModels::Propose(const TrialLog& log) {
       region_->free_at = log.Size() + batch_;
       return point;
     }
-    // What a region gained since it was begun, or begun anew, may lead further.
-    if (region_->centre != region_->begun_at) {
+    // What a region gained by its trials since it was begun, or begun anew, may lead further.
+    if (region_ && region_->centre != region_->begun_at) {
       BeginAt(region_->centre, kFirstRadius / 2.0);
-    } else {
+    } else if (region_) {
       exhausted_.push_back(region_->centre);
       region_.reset();
     }
@@ -112,7 +116,7 @@ std::optional<LocalPoint> ConstrainedModels::Propose(const TrialLog& log) {
 
 // Fits each function to the nearest trials at which it is known. `offsets` are those of the
 // nearest trials whatever is known of them.
-bool ConstrainedModels::FitAll(const TrialLog& log, std::vector<Model>& models,
+void ConstrainedModels::FitAll(const TrialLog& log, std::vector<Model>& models,
                                MatrixXd& offsets) const {
   const Region& region = *region_;
   const auto n = static_cast<Index>(dimension_);
@@ -141,6 +145,10 @@ bool ConstrainedModels::FitAll(const TrialLog& log, std::vector<Model>& models,
   }
   offsets = offsets_of(trials);
   models.assign(function_count_, Model{});
+  // Functions that are known at the same trials share the decompositions.
+  std::vector<std::uint32_t> fitted;
+  Constant fitted_constant = Constant::kZero;
+  std::optional<QuadraticFit> fit;
   for (std::size_t i = 0; i < function_count_; ++i) {
     trials.clear();
     const double at_centre = log.Functions(region.centre)[i];
@@ -150,16 +158,19 @@ bool ConstrainedModels::FitAll(const TrialLog& log, std::vector<Model>& models,
     const bool is_known = std::isfinite(at_centre);
     if (is_known) trials.erase(std::find(trials.begin(), trials.end(), region.centre));
     if (trials.size() < dimension_ + 1) continue;
-    const MatrixXd own = offsets_of(trials);
     const double base = is_known ? at_centre : log.Functions(trials[0])[i];
-    VectorXd differences(own.cols());
-    for (Index j = 0; j < own.cols(); ++j) {
-      differences[j] = log.Functions(trials[static_cast<std::size_t>(j)])[i] - base;
+    VectorXd differences(static_cast<Index>(trials.size()));
+    for (std::size_t j = 0; j < trials.size(); ++j) {
+      differences[static_cast<Index>(j)] = log.Functions(trials[j])[i] - base;
+    }
+    const Constant constant = is_known ? Constant::kZero : Constant::kFree;
+    if (!fit || constant != fitted_constant || trials != fitted) {
+      fitted = trials;
+      fitted_constant = constant;
+      fit.emplace(offsets_of(trials), 1e-10, constant);
     }
     Model& model = models[i];
-    model.quadratic =
-        FitQuadratic(own, differences, region.hessians[i] * (region.radius * region.radius), 1e-10,
-                     is_known ? Constant::kZero : Constant::kFree);
+    model.quadratic = fit->Fit(differences, region.hessians[i] * (region.radius * region.radius));
     model.quadratic.constant += base;
     model.scale =
         model.quadratic.gradient.cwiseAbs().sum() + 0.5 * model.quadratic.hessian.cwiseAbs().sum();
@@ -171,7 +182,6 @@ bool ConstrainedModels::FitAll(const TrialLog& log, std::vector<Model>& models,
     model.quadratic.gradient /= model.scale;
     model.quadratic.hessian /= model.scale;
   }
-  return true;
 }
 
 namespace {
@@ -319,6 +329,13 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
       }
     }
     if (better != region.centre) {
+      // Among trials that another region has left it would only repeat that one.
+      if (region.begun_at == region.centre && better != region.root &&
+          std::find(exhausted_.begin(), exhausted_.end(), better) != exhausted_.end()) {
+        region_.reset();
+        return std::nullopt;
+      }
+      if (region.begun_at == region.centre) region.begun_at = better;
       region.centre = better;
       continue;
     }
@@ -331,7 +348,7 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
         std::fill(region.margins.begin(), region.margins.end(), 0.0);
         continue;
       }
-      region.radius *= 0.25;
+      region.radius *= std::clamp(4.0 * pending.length, 1e-3, 0.25);
       continue;
     }
     LocalPoint point;

@@ -33,7 +33,8 @@ class ConstrainedModels {
  private:
   struct Region {
     std::uint32_t centre;
-    std::uint32_t begun_at;  // a trial
+    std::uint32_t root;      // the trial at which it was first begun
+    std::uint32_t begun_at;  // where it was before its own trials moved it
     double radius;           // half the side of the cube
     std::uint32_t free_at = 0;
     bool is_failed = false;
@@ -59,14 +60,14 @@ class ConstrainedModels {
   bool Begin(const TrialLog& log);
   void BeginAt(std::uint32_t centre, double radius);
   std::optional<LocalPoint> ProposeIn(const TrialLog& log);
-  bool FitAll(const TrialLog& log, std::vector<Model>& models, Eigen::MatrixXd& offsets) const;
+  void FitAll(const TrialLog& log, std::vector<Model>& models, Eigen::MatrixXd& offsets) const;
   double Merit(const std::vector<double>& scales, const double* functions) const;
 
   std::uint32_t dimension_;
   std::uint32_t function_count_;
   std::uint32_t batch_;
   std::optional<Region> region_;
-  std::vector<std::uint32_t> exhausted_;  // centres
+  std::vector<std::uint32_t> exhausted_;  // roots and last centres of regions, this one's root too
   std::optional<Pending> pending_;
 };
 

@@ -23,15 +23,13 @@ namespace {
 constexpr double kReach = 2.5;
 constexpr double kSpread = 0.01;
 
-// Least squares in the coefficients themselves.
-QuadraticModel FitCoefficients(const MatrixXd& offsets, const VectorXd& differences) {
+// The terms of a model, weighted: of its constant, its gradient and its Hessian.
+MatrixXd Terms(const MatrixXd& offsets, const VectorXd& weights) {
   const Index n = offsets.rows();
-  const Index m = offsets.cols();
-  MatrixXd terms(m, (n + 1) * (n + 2) / 2);
-  VectorXd right(m);
-  for (Index i = 0; i < m; ++i) {
+  MatrixXd terms(offsets.cols(), (n + 1) * (n + 2) / 2);
+  for (Index i = 0; i < offsets.cols(); ++i) {
     const auto s = offsets.col(i);
-    const double weight = 1.0 / std::max(1.0, s.squaredNorm());
+    const double weight = weights[i];
     Index column = 0;
     terms(i, column++) = weight;
     for (Index k = 0; k < n; ++k) terms(i, column++) = weight * s[k];
@@ -39,20 +37,8 @@ QuadraticModel FitCoefficients(const MatrixXd& offsets, const VectorXd& differen
       terms(i, column++) = weight * (0.5 * s[k] * s[k]);
       for (Index l = 0; l < k; ++l) terms(i, column++) = weight * (s[k] * s[l]);
     }
-    right[i] = weight * differences[i];
   }
-  Eigen::ColPivHouseholderQR<MatrixXd> qr(terms);
-  qr.setThreshold(1e-9);
-  const VectorXd solution = qr.solve(right);
-  QuadraticModel model{solution[0], solution.segment(1, n), MatrixXd(n, n)};
-  Index column = n + 1;
-  for (Index k = 0; k < n; ++k) {
-    model.hessian(k, k) = solution[column++];
-    for (Index l = 0; l < k; ++l) {
-      model.hessian(k, l) = model.hessian(l, k) = solution[column++];
-    }
-  }
-  return model;
+  return terms;
 }
 
 }  // namespace
@@ -65,57 +51,82 @@ QuadraticModel FitCoefficients(const MatrixXd& offsets, const VectorXd& differen
 //
 // the rows of Y being w_i (s_i, 1). It is solved in the null space of Y', after a QR
 // decomposition of Y.
-QuadraticModel FitQuadratic(const MatrixXd& offsets, const VectorXd& differences,
-                            const MatrixXd& prior, double smoothing, Constant constant) {
+QuadraticFit::QuadraticFit(const MatrixXd& offsets, double smoothing, Constant constant)
+    : offsets_(offsets), constant_(constant), weight_(offsets.cols()) {
   const Index n = offsets.rows();
   const Index m = offsets.cols();
-  if (constant == Constant::kFree && m > (n + 1) * (n + 2) / 2) {
-    return FitCoefficients(offsets, differences);
+  has_more_points_ = constant == Constant::kFree && m > (n + 1) * (n + 2) / 2;
+  for (Index i = 0; i < m; ++i) weight_[i] = 1.0 / std::max(1.0, offsets.col(i).squaredNorm());
+  qr_.setThreshold(1e-9);
+  if (has_more_points_) {
+    qr_.compute(Terms(offsets, weight_));
+    return;
   }
   const Index unknowns = constant == Constant::kFree ? n + 1 : n;
-  VectorXd weight(m);
-  VectorXd right(m);
   MatrixXd linear(m, unknowns);
   for (Index i = 0; i < m; ++i) {
-    const auto s = offsets.col(i);
-    weight[i] = 1.0 / std::max(1.0, s.squaredNorm());
-    right[i] = weight[i] * (differences[i] - 0.5 * s.dot(prior * s));
-    linear.row(i).head(n) = weight[i] * s.transpose();
-    if (unknowns > n) linear(i, n) = weight[i];
+    linear.row(i).head(n) = weight_[i] * offsets.col(i).transpose();
+    if (unknowns > n) linear(i, n) = weight_[i];
   }
   MatrixXd kernel(m, m);
   for (Index j = 0; j < m; ++j) {
     for (Index i = 0; i <= j; ++i) {
       const double product = offsets.col(i).dot(offsets.col(j));
-      kernel(i, j) = kernel(j, i) = 0.25 * (weight[i] * weight[j]) * (product * product);
+      kernel(i, j) = kernel(j, i) = 0.25 * (weight_[i] * weight_[j]) * (product * product);
     }
     kernel(j, j) += smoothing;
   }
-  Eigen::ColPivHouseholderQR<MatrixXd> qr(linear);
-  qr.setThreshold(1e-9);
-  const Index rank = qr.rank();
-  const auto q = qr.householderQ().setLength(rank);
+  qr_.compute(linear);
+  const Index rank = qr_.rank();
+  const auto q = qr_.householderQ().setLength(rank);
   kernel.applyOnTheLeft(q.adjoint());
   kernel.applyOnTheRight(q);
+  kernel_ = kernel.topRightCorner(rank, m - rank);
+  if (m > rank) llt_.compute(kernel.bottomRightCorner(m - rank, m - rank));
+}
+
+QuadraticModel QuadraticFit::Fit(const VectorXd& differences, const MatrixXd& prior) const {
+  if (has_more_points_) return FitCoefficients(differences);
+  const Index n = offsets_.rows();
+  const Index m = offsets_.cols();
+  const Index unknowns = constant_ == Constant::kFree ? n + 1 : n;
+  VectorXd right(m);
+  for (Index i = 0; i < m; ++i) {
+    const auto s = offsets_.col(i);
+    right[i] = weight_[i] * (differences[i] - 0.5 * s.dot(prior * s));
+  }
+  const Index rank = qr_.rank();
+  const auto q = qr_.householderQ().setLength(rank);
   right.applyOnTheLeft(q.adjoint());
   VectorXd nu = VectorXd::Zero(m);
-  if (m > rank) {
-    nu.tail(m - rank) = Eigen::LLT<MatrixXd>(kernel.bottomRightCorner(m - rank, m - rank))
-                            .solve(right.tail(m - rank));
-  }
+  if (m > rank) nu.tail(m - rank) = llt_.solve(right.tail(m - rank));
   VectorXd linear_part = VectorXd::Zero(unknowns);
-  const VectorXd left =
-      right.head(rank) - kernel.topRightCorner(rank, m - rank) * nu.tail(m - rank);
+  const VectorXd left = right.head(rank) - kernel_ * nu.tail(m - rank);
   linear_part.head(rank) =
-      qr.matrixR().topLeftCorner(rank, rank).triangularView<Eigen::Upper>().solve(left);
-  linear_part = (qr.colsPermutation() * linear_part).eval();
+      qr_.matrixR().topLeftCorner(rank, rank).triangularView<Eigen::Upper>().solve(left);
+  linear_part = (qr_.colsPermutation() * linear_part).eval();
   nu.applyOnTheLeft(q);
   QuadraticModel model;
   model.constant = unknowns > n ? linear_part[n] : 0.0;
   model.gradient = linear_part.head(n);
-  const MatrixXd scaled = offsets * (0.5 * nu.cwiseProduct(weight)).asDiagonal();
-  model.hessian = prior + scaled * offsets.transpose();
+  const MatrixXd scaled = offsets_ * (0.5 * nu.cwiseProduct(weight_)).asDiagonal();
+  model.hessian = prior + scaled * offsets_.transpose();
   model.hessian = (0.5 * (model.hessian + model.hessian.transpose())).eval();
+  return model;
+}
+
+// Least squares in the coefficients themselves.
+QuadraticModel QuadraticFit::FitCoefficients(const VectorXd& differences) const {
+  const Index n = offsets_.rows();
+  const VectorXd solution = qr_.solve(weight_.cwiseProduct(differences));
+  QuadraticModel model{solution[0], solution.segment(1, n), MatrixXd(n, n)};
+  Index column = n + 1;
+  for (Index k = 0; k < n; ++k) {
+    model.hessian(k, k) = solution[column++];
+    for (Index l = 0; l < k; ++l) {
+      model.hessian(k, l) = model.hessian(l, k) = solution[column++];
+    }
+  }
   return model;
 }
 

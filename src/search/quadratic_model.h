@@ -21,7 +21,7 @@ struct QuadraticModel {
 // Whether a model takes the value at its centre, or comes as near to it as to others.
 enum class Constant { kZero, kFree };
 
-// Fits a model to `differences`, the values at the columns of `offsets` less the value at the
+// Fits models to differences, the values at the columns of `offsets` less the value at the
 // centre. Offsets are in units of the distance at which the model should be good: nearer
 // points weigh 1, farther ones less.
 //
@@ -32,10 +32,32 @@ enum class Constant { kZero, kFree };
 // Frobenius norm, e_i being what model and difference i differ by, w_i = 1 / max(1, |s_i|^2).
 // With a small `smoothing` it interpolates where it can, with the Hessian that changes least
 // (Powell 2004); of more points than it has parameters it is their least-squares model.
-// Cost: O(m^2 (m + N)) for m points in N variables.
-QuadraticModel FitQuadratic(const Eigen::MatrixXd& offsets, const Eigen::VectorXd& differences,
-                            const Eigen::MatrixXd& prior, double smoothing,
-                            Constant constant = Constant::kZero);
+// Cost for m points in N variables: O(m^2 (m + N)), of each model O(m^2 + m N^2).
+class QuadraticFit {
+ public:
+  QuadraticFit(const Eigen::MatrixXd& offsets, double smoothing,
+               Constant constant = Constant::kZero);
+  QuadraticModel Fit(const Eigen::VectorXd& differences, const Eigen::MatrixXd& prior) const;
+
+ private:
+  QuadraticModel FitCoefficients(const Eigen::VectorXd& differences) const;
+
+  Eigen::MatrixXd offsets_;
+  Constant constant_;
+  bool has_more_points_;  // than parameters, the constant included
+  Eigen::VectorXd weight_;
+  // Of the linear terms; where there are more points, of all terms.
+  Eigen::ColPivHouseholderQR<Eigen::MatrixXd> qr_;
+  Eigen::MatrixXd kernel_;  // its rows for the range of the linear terms
+  Eigen::LLT<Eigen::MatrixXd> llt_;
+};
+
+// A single model.
+inline QuadraticModel FitQuadratic(const Eigen::MatrixXd& offsets,
+                                   const Eigen::VectorXd& differences, const Eigen::MatrixXd& prior,
+                                   double smoothing, Constant constant = Constant::kZero) {
+  return QuadraticFit(offsets, smoothing, constant).Fit(differences, prior);
+}
 
 // The offset in the box lower <= s <= upper (which contains 0) where the model is lowest, as
 // far as can be told: a local minimiser of the model that no change of a single variable
