@@ -348,7 +348,7 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
         std::fill(region.margins.begin(), region.margins.end(), 0.0);
         continue;
       }
-      region.radius *= std::clamp(4.0 * pending.length, 1e-3, 0.25);
+      region.radius *= std::clamp(4.0 * pending.length, 0.1, 0.25);
       continue;
     }
     LocalPoint point;

@@ -6,6 +6,7 @@ from __future__ import annotations
 import json
 import sys
 from collections import Counter
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
@@ -66,6 +67,22 @@ def test_the_best_known_designs_are_feasible_and_at_the_edge():
         assert design(design.minimizer) == pytest.approx(published[name], rel=1e-6)
         values = design.constraints(design.minimizer)
         assert max(values) <= 1e-8 and sum(value > -1e-6 for value in values) >= 2
+
+
+@pytest.mark.parametrize("trim", [0.0, 0.04, 0.12])
+@pytest.mark.parametrize("name", DESIGNS)
+def test_the_designs_are_solved_within_200_evaluations(name, trim):
+    """Also where each side of the box is nearer to the minimum by the share `trim`."""
+    design = DESIGNS[name]
+    bounds = [
+        tuple(side + trim * (x - side) for side in sides)
+        for x, sides in zip(design.minimizer, design.bounds)
+    ]
+    design = replace(design, bounds=tuple(bounds))
+    recorder, error = methods.minimise("quenloft", design, 200, 0)
+    assert not error and recorder.count == 200
+    feasible = [value for value, limits in recorder.known.values() if max(limits) <= 0]
+    assert min(feasible) == pytest.approx(design.f_star, rel=1e-4)
 
 
 # ---- Counting and scoring
