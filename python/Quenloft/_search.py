@@ -484,18 +484,19 @@ class Search:
     def __deepcopy__(self, memo: Any) -> Search:
         return self.copy()
 
+    def _definition(self) -> tuple[Any, ...]:
+        """What `_set_up` takes but for the core."""
+        return (
+            self._variables,
+            self._settings,
+            self._constraints,
+            self._hidden_constraint,
+            self._known,
+            self._wanted,
+        )
+
     def __getstate__(self) -> dict[str, Any]:
-        return {
-            "definition": (
-                self._variables,
-                self._settings,
-                self._constraints,
-                self._hidden_constraint,
-                self._known,
-                self._wanted,
-            ),
-            "saved": self._core.save(),
-        }
+        return {"definition": self._definition(), "saved": self._core.save()}
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         self._set_up(*state["definition"])
@@ -506,15 +507,7 @@ class Search:
 
     def _made_of(self, core: Core) -> Search:
         other = type(self).__new__(type(self))
-        other._set_up(
-            self._variables,
-            self._settings,
-            self._constraints,
-            self._hidden_constraint,
-            self._known,
-            self._wanted,
-            core,
-        )
+        other._set_up(*self._definition(), core)
         return other
 
     def _point(self, raw: tuple[tuple[float, ...], tuple[int, ...], int]) -> Point:
