@@ -198,6 +198,7 @@ void Proposer::AcceptLocal(const TestValue& value, const double* point, const do
 
 bool Proposer::Insert(const double* point, std::uint32_t combination, const TestValue& value,
                       std::uint32_t anchor, const double* functions) {
+  log_.ReserveNext();
   return Append(point, combination, value, functions,
                 InsertEngine(point, combination, value, anchor));
 }
@@ -205,7 +206,6 @@ bool Proposer::Insert(const double* point, std::uint32_t combination, const Test
 std::uint32_t Proposer::InsertEngine(const double* point, std::uint32_t combination,
                                      const TestValue& value, std::uint32_t anchor) {
   const std::uint32_t position = solver_->TestCount();
-  log_.ReserveNext();
   TellEngine([&] { solver_->Insert(point, combination, value, anchor); });
   return position;
 }
@@ -306,6 +306,7 @@ std::vector<std::size_t> Proposer::Locals(std::size_t most) const {
     if (!is_known) minima.push_back(candidate);
   }
   std::vector<std::size_t> trials;
+  trials.reserve(minima.size());
   for (const Candidate& minimum : minima) trials.push_back(minimum.trial);
   return trials;
 }

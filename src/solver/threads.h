@@ -11,7 +11,8 @@ namespace QuenloftSolver {
 // expensive function gains nothing from more, and where threads may not be had the OpenMP
 // runtime ends the process. Results do not depend on it.
 //
-// Without OpenMP there is one thread. A process forked from this one searches with one thread, whatever is set.
+// Without OpenMP there is one thread. A process forked from this one searches with one thread,
+// whatever is set.
 void SetThreadCount(int threads);
 
 }  // namespace QuenloftSolver
