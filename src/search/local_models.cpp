@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "search/lattice_step.h"
 #include "search/quadratic_model.h"
 
 namespace QuenloftSearch {
@@ -19,6 +20,8 @@ constexpr double kLeastRadius = 1e-9;
 constexpr double kFirstRadius = 0.2;
 // A direction is not missing where a trial of another index is nearer than this, in radii.
 constexpr double kMissing = 0.1;
+// A step leads to a trial when it ends nearer to one than this, in lengths of the step.
+constexpr double kSame = 1e-3;
 // A region is hopeless when this many times what its model can gain would not make it the
 // best; twice as many while the model's minimum is at the edge of its cube.
 constexpr double kHope = 10.0;
@@ -172,16 +175,42 @@ double ValueSpread(const TrialLog& log, std::uint32_t best) {
 
 }  // namespace
 
-LocalPoint LocalModels::PointAt(const TrialLog& log, const Region& region,
+LocalPoint LocalModels::PointAt(const TrialLog& log, const Region& region, const VectorXd& scale,
                                 const VectorXd& step) const {
   const double* centre = log.Point(region.centre);
   LocalPoint point;
   point.combination = log.Combination(region.centre);
   point.coordinates.resize(dimension_);
   for (std::uint32_t k = 0; k < dimension_; ++k) {
-    point.coordinates[k] = std::clamp(centre[k] + region.radius * step[k], 0.0, 1.0);
+    point.coordinates[k] = std::clamp(centre[k] + scale[k] * step[k], 0.0, 1.0);
   }
   return point;
+}
+
+// To a point of the lattices next to the centre's, the one where the model is lowest of those at
+// which no trial is as near as a step of a lattice; empty when there is none.
+VectorXd LocalModels::UntriedNeighbour(const TrialLog& log, const Region& region,
+                                       const VectorXd& scale, const QuadraticModel& model,
+                                       const std::vector<VectorXd>& offsets) const {
+  const double reach = scale.maxCoeff();
+  const Eigen::Map<const VectorXd> centre(log.Point(region.centre), scale.size());
+  const VectorXd lower = -centre.cwiseMin(reach).cwiseQuotient(scale);
+  const VectorXd upper = (1.0 - centre.array()).matrix().cwiseMin(reach).cwiseQuotient(scale);
+  std::vector<VectorXd> starts;
+  for (const VectorXd& offset : offsets) starts.push_back(offset.cwiseQuotient(scale));
+  const auto is_untried = [&](const VectorXd& step) {
+    const LocalPoint point = PointAt(log, region, scale, step);
+    for (std::uint32_t t = 0; t < log.Size(); ++t) {
+      if (log.Combination(t) == point.combination &&
+          log.SquaredDistance(t, point.coordinates.data()) <= reach * reach &&
+          IsSameOnLattices(*lattice_, log.Point(t), point.coordinates.data(), scale.size())) {
+        return false;
+      }
+    }
+    return true;
+  };
+  return LowestStep(*lattice_, log.Point(region.centre), scale, model, starts, lower, upper,
+                    is_untried);
 }
 
 // No point means that the region has become exhausted.
@@ -203,28 +232,37 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
   const auto near = NearestTrials(
       log, region.centre, std::min<std::size_t>(parameters + parameters / 4, 4 * dimension_ + 40));
   const auto m = static_cast<Index>(near.size());
+  std::vector<VectorXd> neighbours;
+  if (lattice_) neighbours = NeighbourOffsets(*lattice_, centre, n);
   for (int attempt = 0; attempt < 100; ++attempt) {
     const double radius = region.radius;
     if (radius < kLeastRadius) break;
+    // The lengths that are a step's units: the radius, but at least one step of a lattice.
+    VectorXd scale = VectorXd::Constant(n, radius);
+    for (const VectorXd& offset : neighbours) scale = scale.cwiseMax(offset.cwiseAbs());
+    const MatrixXd scales = scale * scale.transpose();
     MatrixXd offsets(n, m);
     VectorXd differences(m);
     for (Index i = 0; i < m; ++i) {
       const double* point = log.Point(near[static_cast<std::size_t>(i)]);
-      for (Index k = 0; k < n; ++k) offsets(k, i) = (point[k] - centre[k]) / radius;
+      for (Index k = 0; k < n; ++k) offsets(k, i) = (point[k] - centre[k]) / scale[k];
       differences[i] = log.Value(near[static_cast<std::size_t>(i)]).value - value;
     }
     const QuadraticModel model =
-        FitQuadratic(offsets, differences, region.hessian * (radius * radius), 1e-10);
+        FitQuadratic(offsets, differences, region.hessian.cwiseProduct(scales), 1e-10);
     VectorXd lower(n);
     VectorXd upper(n);
     for (Index k = 0; k < n; ++k) {
-      lower[k] = std::max(-1.0, -centre[k] / radius);
-      upper[k] = std::min(1.0, (1.0 - centre[k]) / radius);
+      lower[k] = std::max(-1.0, -centre[k] / scale[k]);
+      upper[k] = std::min(1.0, (1.0 - centre[k]) / scale[k]);
     }
     VectorXd step;
     if (region.is_failed) {
       region.is_failed = false;
-      step = MissingDirection(offsets, lower, upper);
+      // Within one step of a lattice there is nothing to miss.
+      MatrixXd told(n, m + n);
+      told << offsets, MatrixXd((scale.array() > radius).cast<double>().matrix().asDiagonal());
+      step = MissingDirection(told, lower, upper);
       if (step.size() == 0) {
         region.radius *= region.shrink;
         continue;
@@ -233,7 +271,7 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
           ((-step).array() <= upper.array()).all()) {
         step = -step;
       }
-      const LocalPoint point = PointAt(log, region, step);
+      const LocalPoint point = PointAt(log, region, scale, step);
       const auto [nearest, distance] = log.Nearest(point.coordinates.data(), point.combination);
       // Where a trial violates another constraint the model cannot know it.
       if (log.Value(nearest).index != log.Value(region.centre).index &&
@@ -244,9 +282,28 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
       pending_ = Pending{number, -model.At(step), 1.0, true};
       return point;
     }
+    // Of all indices: what violates another constraint is a trial at that point, too.
+    const auto is_new = [&](const VectorXd& s) {
+      const LocalPoint point = PointAt(log, region, scale, s);
+      const double distance = log.Nearest(point.coordinates.data(), point.combination).second;
+      return !(distance < 1e-10 || distance < kSame * radius * s.cwiseAbs().maxCoeff());
+    };
     step = MinimiseInBox(model, lower, upper);
+    if (lattice_) {
+      const VectorXd none = VectorXd::Zero(n);
+      step = LowestStep(*lattice_, centre, scale, model, {step, none}, lower, upper, is_new);
+      if (step.size() == 0) step = none;
+    }
     const double predicted = -model.At(step);
     const double length = step.cwiseAbs().maxCoeff();
+    const double share = predicted / ValueSpread(log, best);
+    if (lattice_ && region.centre == best && !(share >= kFine)) {
+      const VectorXd next = UntriedNeighbour(log, region, scale, model, neighbours);
+      if (next.size() > 0) {
+        pending_ = Pending{number, -model.At(next), 1.0, true};
+        return PointAt(log, region, scale, next);
+      }
+    }
     const double resolution = 1e-15 * std::max(std::abs(value), 1e-300);
     if (!(predicted > resolution) || !(length * radius > 1e-10)) {
       // Nothing to gain here, unless nearer trials know better.
@@ -264,24 +321,20 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
       region.is_hopeless = true;
       return std::nullopt;
     }
-    const LocalPoint point = PointAt(log, region, step);
-    // Of all indices: what violates another constraint is a trial at that point, too.
-    const double distance = log.Nearest(point.coordinates.data(), point.combination).second;
-    if (distance < 1e-10 || distance < 1e-3 * radius * length) {
+    if (!is_new(step)) {
       region.radius *= 0.5;
       continue;
     }
     // Digits that hardly count have their price; minima other than the best one do without
     // the last of them.
-    const double share = predicted / ValueSpread(log, best);
     if (region.is_hopeless) {
       region.is_exhausted = share < kFinest;
     } else if (share < kFine) {
       region.rest_until = turn_ + kFineTurns;
     }
-    region.hessian = model.hessian / (radius * radius);
+    region.hessian = model.hessian.cwiseQuotient(scales);
     pending_ = Pending{number, predicted, length, false};
-    return point;
+    return PointAt(log, region, scale, step);
   }
   region.is_exhausted = true;
   region.cover = std::max(region.cover, region.radius);
@@ -312,6 +365,11 @@ void LocalModels::Accept(const TrialLog& log) {
   }
   if (log.IsBetter(trial, region.centre)) {
     const double moved = std::sqrt(log.SquaredDistance(trial, log.Point(region.centre)));
+    // At another point of the lattices the model knows less.
+    if (lattice_ &&
+        !IsSameOnLattices(*lattice_, log.Point(trial), log.Point(region.centre), dimension_)) {
+      region.radius = std::max(region.radius, std::min(moved, kFirstRadius));
+    }
     region.centre = trial;
     region.cover = std::max(region.cover, std::min(moved, 0.1));
   }

@@ -5,10 +5,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "search/linear_algebra.h"
+#include "search/quadratic_model.h"
+#include "search/space.h"
 #include "search/trial_log.h"
 #include "solver/solver_base.h"
 
@@ -22,9 +26,9 @@ struct LocalPoint {
 
 class LocalModels {
  public:
-  // For `batch` see Definition.
-  LocalModels(std::uint32_t dimension, std::uint32_t batch)
-      : dimension_(dimension), batch_(batch) {}
+  // For `batch` and `lattice` see Definition.
+  LocalModels(std::uint32_t dimension, std::uint32_t batch, std::shared_ptr<const Space> lattice)
+      : dimension_(dimension), batch_(batch), lattice_(std::move(lattice)) {}
 
   // The next trial of the best region that has one to offer.
   std::optional<LocalPoint> Propose(const TrialLog& log, const QuenloftSolver::SolverBase& solver,
@@ -70,12 +74,17 @@ class LocalModels {
                                           const QuenloftSolver::SolverBase& solver);
   std::optional<LocalPoint> RefineHopeless(const TrialLog& log);
   std::optional<LocalPoint> ProposeIn(const TrialLog& log, std::size_t number, std::uint32_t best);
-  LocalPoint PointAt(const TrialLog& log, const Region& region, const Eigen::VectorXd& step) const;
+  LocalPoint PointAt(const TrialLog& log, const Region& region, const Eigen::VectorXd& scale,
+                     const Eigen::VectorXd& step) const;
+  Eigen::VectorXd UntriedNeighbour(const TrialLog& log, const Region& region,
+                                   const Eigen::VectorXd& scale, const QuadraticModel& model,
+                                   const std::vector<Eigen::VectorXd>& offsets) const;
   std::vector<std::uint32_t> NearestTrials(const TrialLog& log, std::uint32_t centre,
                                            std::size_t count);
 
   std::uint32_t dimension_;
   std::uint32_t batch_;
+  std::shared_ptr<const Space> lattice_;  // null where all variables are continuous
   std::vector<Region> regions_;
   std::uint64_t turn_ = 0;
   std::uint64_t idle_turns_ = 0;

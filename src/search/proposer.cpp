@@ -49,7 +49,7 @@ Proposer::Proposer(const Definition& definition)
              0,
              std::nullopt,
              false,
-             LocalModels(solver_->Dimension(), definition.batch),
+             LocalModels(solver_->Dimension(), definition.batch, definition.lattice),
              ConstrainedModels(solver_->Dimension(), definition.function_count, definition.batch)} {
 }
 

@@ -12,6 +12,7 @@
 
 #include "search/constrained_models.h"
 #include "search/local_models.h"
+#include "search/space.h"
 #include "search/trial_log.h"
 #include "solver/function_interface.h"
 #include "solver/solver_base.h"
@@ -32,6 +33,8 @@ struct Definition {
   // Between a trial of a region's model and the next of the same region stand at least
   // batch - 1 others, so that this many workers need not wait.
   std::uint32_t batch = 1;
+  // Where some variable is on a lattice: the local models' trials stay on it.
+  std::shared_ptr<const Space> lattice;
 };
 
 // The serial method: initial trials, then steps of the engine and trials of the local

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -29,7 +30,9 @@ const Problem& Checked(const Problem& problem) {
 
 Definition DefinitionOf(const Problem& problem) {
   Definition definition;
-  definition.bounds = Space(problem).EngineBounds();
+  const auto space = std::make_shared<const Space>(problem);
+  definition.bounds = space->EngineBounds();
+  if (space->HasLattice()) definition.lattice = space;
   definition.categorical_sizes = problem.category_sizes;
   definition.function_count = static_cast<std::uint32_t>(problem.Goal()) + 1;
   definition.parameters = problem.parameters;

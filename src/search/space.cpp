@@ -139,6 +139,17 @@ std::vector<double> Space::Encode(const std::vector<double>& x) const {
   return unit;
 }
 
+double Space::OnLattice(std::size_t coordinate, double unit, int steps) const {
+  const Variable& variable = variables_[searched_[coordinate]];
+  if (HasEvenLattice(variable)) {
+    const auto count = static_cast<double>(variable.count);
+    return (std::clamp(std::floor(unit * count) + steps, 0.0, count - 1.0) + 0.5) / count;
+  }
+  const auto [lower, upper] = SideOf(variable);
+  const double whole = std::nearbyint(std::exp(lower + unit * (upper - lower))) + steps;
+  return (std::log(std::clamp(whole, variable.lower, variable.upper)) - lower) / (upper - lower);
+}
+
 bool Space::Contains(const std::vector<double>& x) const {
   if (x.size() != variables_.size()) return false;
   for (std::size_t k = 0; k < x.size(); ++k) {

@@ -53,6 +53,9 @@ class Space {
   std::vector<double> Decode(const double* engine) const;
   // The unit coordinates of a point in the caller's units, in the middle of its cell.
   std::vector<double> Encode(const std::vector<double>& x) const;
+  // The unit coordinate of a point of the lattice: so many steps up from the one whose cell
+  // holds `unit`, or the last one before the end.
+  double OnLattice(std::size_t coordinate, double unit, int steps) const;
   // Whether every coordinate lies within the bounds and, but for rounding, on the lattice.
   bool Contains(const std::vector<double>& x) const;
   // Takes that rounding out.

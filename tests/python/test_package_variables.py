@@ -77,3 +77,26 @@ def test_search_over_named_variables_stays_on_their_lattices():
     assert {type(x[1]) for x in seen} == {int} and {x[3] for x in seen} == {9.81}
     assert all(x[1] in range(1, 21) and x[2] * 4 in range(2, 13) for x in seen)
     assert result.categories == ("b",) and result.x in seen
+
+
+@pytest.mark.parametrize(
+    "lattices, cost, best, maxfun",
+    [
+        ([(0, 20, "int")] * 2, lambda i, j: (i - 13 + j / 3) ** 2 + (j - 6.4) ** 2, (11, 6), 30),
+        ([(0, 20, "int")] * 2, lambda i, j: 2 * abs(i - 11.4) + 3 * abs(j - 5.7), (11, 6), 80),
+        (
+            [(1, 60, "log", "int"), (-2, 1, 0.125)],
+            lambda i, j: math.log(i / 7.3) ** 2 + (j + 0.4) ** 2,
+            (7, -0.375),
+            35,
+        ),
+    ],
+    ids=["interaction", "kinks", "decades and steps"],
+)
+def test_local_models_converge_at_the_best_point_of_a_lattice(lattices, cost, best, maxfun):
+    def fun(x):
+        a, b = x[2] - 0.3 - 0.01 * x[0], x[3] - 0.6 + 0.02 * x[1]
+        return cost(*x[:2]) + 4 * a**2 + 3 * b**2 + a * b
+
+    result = Quenloft.minimize(fun, [*lattices, (0, 1), (0, 1)], maxfun=maxfun)
+    assert result.x[:2] == best and result.fun - cost(*best) < 1e-12
