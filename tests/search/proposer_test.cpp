@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <vector>
 
@@ -186,6 +188,38 @@ TEST(Proposer, ListsTheLowestMinimaRefined) {
       missing.erase(found);
     }
     EXPECT_TRUE(missing.empty());
+  }
+}
+
+// Recorded: the bits must be those of every compiler, optimised or not. The functions need
+// nothing of the C library.
+TEST(Proposer, HasTheRecordedBits) {
+  for (const bool is_constrained : {false, true}) {
+    Definition definition = Box(4, -1.3, 1.9);
+    if (is_constrained) definition.function_count = 3;
+    Proposer proposer(definition);
+    std::uint64_t digest = 0xcbf29ce484222325;  // FNV-1a of whole numbers
+    for (int i = 0; i < 150; ++i) {
+      const std::vector<double> x = Ask(proposer);
+      const double a = x[1] - x[0] * x[0];
+      const double b = x[3] - x[2];
+      const double c = 1.0 - x[2];
+      double functions[] = {x[0] + x[1] * x[2] - 0.7, 0.2 - x[3] * x[3],
+                            10.0 * (a * a) + b * b + c * c};
+      const int index = functions[0] > 0.0 ? 0 : functions[1] > 0.0 ? 1 : 2;
+      if (is_constrained) {
+        proposer.Accept({index, functions[index]}, nullptr, functions);
+      } else {
+        proposer.Accept({0, functions[2]});
+      }
+      for (const double coordinate : x) {
+        std::uint64_t bits;
+        std::memcpy(&bits, &coordinate, sizeof bits);
+        digest = (digest ^ bits) * 0x100000001b3;
+      }
+    }
+    EXPECT_EQ(digest, is_constrained ? 0x819aaafe23844443 : 0x7e017c1618b54907)
+        << std::hex << digest;
   }
 }
 
