@@ -168,10 +168,11 @@ void Proposer::TakeInitial() {
 }
 
 // Local trials after a step of the engine, while the models have any to offer: as many as
-// their success makes worth while.
+// their success makes worth while. While they gain, as many as a model learns a gradient from.
 double Proposer::LocalShare() const {
   const std::uint32_t barren = (log_.Size() - state_.last_gain) / (kBarren * log_.Dimension());
-  return barren < 1 ? 2.0 : barren < 4 ? 1.0 : barren < 16 ? 0.5 : 0.25;
+  if (barren < 1) return std::max(2.0, 1.0 * log_.Dimension());
+  return barren < 4 ? 1.0 : barren < 16 ? 0.5 : 0.25;
 }
 
 void Proposer::AcceptLocal(const TestValue& value, const double* point, const double* functions) {
