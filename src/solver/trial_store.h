@@ -24,7 +24,7 @@ namespace QuenloftSolver {
 // Invariants:
 //   (1) Every column is at least as long as the store.
 //   (2) Of a trial with the flag kLocal the bit MayBeLocal is set.
-// All that is ever changed of a trial is had from Change and ChangeKeys, which remember
+// All that is ever changed of a trial is had from Change and ChangeRow, which remember
 // beforehand what it was while a checkpoint stands.
 //
 // Cost: Append O(N); Change O(1), O(N) for the first change since a checkpoint; Rollback
@@ -74,13 +74,6 @@ class TrialStore {
     if (has_checkpoint_) Remember(position);
     return rows_[position];
   }
-  // To change the characteristics in a trial's table, nothing else: an update of every trial
-  // changes little of many.
-  std::array<Neighbour, 3 * N>& ChangeKeys(std::uint32_t position) {
-    assert(position < Size());
-    if (has_checkpoint_) RememberKeys(position);
-    return trials_[position].neighbours;
-  }
 
   // The number of the last flood that met the trial. It is no part of what a checkpoint
   // remembers: a flood has a new number.
@@ -113,13 +106,8 @@ class TrialStore {
     Test<N> trial;
     FloodRow<N> row;
   };
-  struct RememberedKeys {
-    std::uint32_t position;
-    std::array<std::array<double, 2>, 3 * N> keys;  // global and local
-  };
 
   void Remember(std::uint32_t position);
-  void RememberKeys(std::uint32_t position);
 
   std::vector<Test<N>> trials_;
   std::vector<FloodRow<N>> rows_;
@@ -130,7 +118,6 @@ class TrialStore {
   std::uint32_t size_before_ = 0;  // at the checkpoint
   TrialBits is_remembered_;        // of those before it
   std::vector<Remembered> remembered_;
-  std::vector<RememberedKeys> remembered_keys_;
 };
 
 }  // namespace QuenloftSolver

@@ -63,10 +63,11 @@ std::size_t Solver<N>::SegmentsOf(std::uint32_t position, ClassedSegment* segmen
                  : slope * segment.distance - higher;
     };
     if (segment.local_characteristic == kUnset) {
-      store_.ChangeKeys(position)[count].local_characteristic = characteristic(slopes.local);
+      store_.Change(position).neighbours[count].local_characteristic = characteristic(slopes.local);
     }
     if (segment.global_characteristic == kUnset || slopes.has_changed) {
-      store_.ChangeKeys(position)[count].global_characteristic = characteristic(slopes.global);
+      store_.Change(position).neighbours[count].global_characteristic =
+          characteristic(slopes.global);
     }
     segments[count] = {slopes.its_class, segment.test, segment.global_characteristic,
                        segment.local_characteristic};

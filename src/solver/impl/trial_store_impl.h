@@ -55,8 +55,6 @@ void TrialStore<N>::Checkpoint() {
   has_checkpoint_ = true;
 }
 
-// Keys last, in the reverse order: of a trial whose keys were remembered before it was itself
-// they are the older ones.
 template <int N>
 void TrialStore<N>::Rollback() {
   assert(has_checkpoint_);
@@ -68,14 +66,6 @@ void TrialStore<N>::Rollback() {
     const std::uint32_t met_by = MetBy(remembered.position);
     rows_[remembered.position] = remembered.row;
     MetBy(remembered.position) = met_by;
-  }
-  for (std::size_t i = remembered_keys_.size(); i-- > 0;) {
-    const RememberedKeys& remembered = remembered_keys_[i];
-    for (std::size_t k = 0; k < 3 * N; ++k) {
-      Neighbour& segment = trials_[remembered.position].neighbours[k];
-      segment.global_characteristic = remembered.keys[k][0];
-      segment.local_characteristic = remembered.keys[k][1];
-    }
   }
   for (std::uint32_t position = size_before_; position < Size(); ++position) {
     may_be_local_.Clear(position);
@@ -94,23 +84,11 @@ void TrialStore<N>::Remember(std::uint32_t position) {
 }
 
 template <int N>
-void TrialStore<N>::RememberKeys(std::uint32_t position) {
-  if (position >= size_before_ || is_remembered_[position]) return;
-  RememberedKeys& remembered = remembered_keys_.emplace_back();
-  remembered.position = position;
-  for (std::size_t k = 0; k < 3 * N; ++k) {
-    const Neighbour& segment = trials_[position].neighbours[k];
-    remembered.keys[k] = {segment.global_characteristic, segment.local_characteristic};
-  }
-}
-
-template <int N>
 void TrialStore<N>::ForgetCheckpoint() {
   for (const Remembered& remembered : remembered_) {
     is_remembered_.ClearAround(remembered.position);
   }
   remembered_.clear();
-  remembered_keys_.clear();
   has_checkpoint_ = false;
 }
 
