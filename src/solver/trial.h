@@ -55,22 +55,13 @@ struct Extent {
     }
   }
 
-  // Bounds included; a point with a NaN lies in no extent. Two coordinates side by side,
-  // as every trial that a flood meets is asked.
+  // Bounds included; a point with a NaN lies in no extent. Without branches, as every trial
+  // that a flood meets is asked.
   bool Contains(const std::array<double, N>& point) const {
-    using Lanes = double __attribute__((vector_size(16)));
-    const auto pair_at = [](const std::array<double, N>& from, int k) {
-      return Lanes{from[k], from[k + 1]};
-    };
-    auto are_within = Lanes{} == Lanes{};
-    for (int k = 0; k + 1 < N; k += 2) {
-      are_within &= pair_at(minimum, k) <= pair_at(point, k);
-      are_within &= pair_at(point, k) <= pair_at(maximum, k);
-    }
-    bool is_within = (are_within[0] & are_within[1]) != 0;
-    if (N % 2 == 1) {
-      is_within &= minimum[N - 1] <= point[N - 1];
-      is_within &= point[N - 1] <= maximum[N - 1];
+    bool is_within = true;
+    for (int k = 0; k < N; ++k) {
+      is_within &= minimum[k] <= point[k];
+      is_within &= point[k] <= maximum[k];
     }
     return is_within;
   }
