@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "solver/constants.h"
-#include "solver/position_scan.h"
 #include "solver/scratch.h"
 
 namespace QuenloftSolver {
@@ -23,6 +22,9 @@ struct Candidate {
   std::uint32_t position;  // the trial whose table holds the entry
   std::int32_t test;       // the entry's `test`
 };
+
+// Positions that the search for stale candidates looks at together.
+inline constexpr std::size_t kScanned = 32;
 
 // How far an update reaches: over every trial, or over those just rebuilt.
 enum class UpdateMode { kFull, kIncremental };
