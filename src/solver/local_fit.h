@@ -63,7 +63,6 @@ class LocalFit {
   static constexpr std::size_t kPadded = (kMaxObservations + kLanes - 1) / kLanes * kLanes;
 
   using ObservationRow = std::array<double, kPadded>;
-  using CoordinateRow = std::array<double, N>;
 
   std::size_t count_ = 0;
   alignas(kCacheLine) std::array<ObservationRow, N> coordinate_{};
@@ -77,8 +76,6 @@ class LocalFit {
   alignas(kCacheLine) ObservationRow product_{};
   alignas(kCacheLine) ObservationRow square_sum_{};
   alignas(kCacheLine) ObservationRow squared_error_{};
-  alignas(kCacheLine) std::array<CoordinateRow, N> column_{};  // M by columns
-  alignas(kCacheLine) CoordinateRow row_product_{};
 };
 
 }  // namespace QuenloftSolver

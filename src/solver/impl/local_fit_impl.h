@@ -107,50 +107,32 @@ class LocalFit<N>::ErrorObjective {
   int row_ = 0;
 };
 
-// The same idea over the coordinates: row_product_ holds each row's sum over those
-// already settled.
 template <int N>
 class LocalFit<N>::ModelObjective {
  public:
-  explicit ModelObjective(LocalFit& fit) : fit_(fit) {
-    for (int k = 0; k < N; ++k) {
-      for (int j = 0; j < N; ++j) fit_.column_[j][k] = fit_.parameters_[k * (N + 1) + j];
-    }
-  }
+  explicit ModelObjective(const LocalFit& fit) : fit_(fit) {}
 
-  double Value(const double* point) {
-    StartExploring(point);
-    return Try(0, point[0]);
-  }
-
-  void StartExploring(const double* point) {
-    point_ = point;
-    fit_.row_product_.fill(0.0);
-  }
-
-  double Try(std::size_t i, double coordinate) {
-    alignas(kCacheLine) CoordinateRow product = fit_.row_product_;
-    Accumulate(product, i, coordinate);
-    for (std::size_t j = i + 1; j < N; ++j) Accumulate(product, j, point_[j]);
+  double Value(const double* point) const {
     double sum = 0.0;
-    for (int k = 0; k < N; ++k) {
-      const double row = product[k] + fit_.parameters_[k * (N + 1) + N];
-      sum += row * row;
+    const double* row = fit_.parameters_.data();
+    for (int k = 0; k < N; ++k, row += N + 1) {
+      double product = 0.0;
+      for (int j = 0; j < N; ++j) product += row[j] * point[j];
+      product += row[N];
+      sum += product * product;
     }
     return sum + fit_.parameters_[kParameters - 1];
   }
-
-  void Keep(std::size_t i, double coordinate) { Accumulate(fit_.row_product_, i, coordinate); }
+  void StartExploring(const double* point) { std::copy_n(point, N, point_.begin()); }
+  double Try(std::size_t i, double coordinate) {
+    point_[i] = coordinate;
+    return Value(point_.data());
+  }
+  void Keep(std::size_t i, double coordinate) { point_[i] = coordinate; }
 
  private:
-  void Accumulate(CoordinateRow& product, std::size_t j, double coordinate) const {
-    const CoordinateRow& column = fit_.column_[j];
-#pragma omp simd
-    for (int k = 0; k < N; ++k) product[k] += column[k] * coordinate;
-  }
-
-  LocalFit& fit_;
-  const double* point_ = nullptr;
+  const LocalFit& fit_;
+  Coordinates point_;
 };
 
 template <int N>
