@@ -37,42 +37,26 @@ void Refresh<N>::RebuildInitial(std::uint32_t position, const std::vector<std::u
 
 // Rebuilt are those whose extent holds the newest point and those that never had a table.
 // Of the others only initial trials may still be flagged as changed, so nobody else's flags
-// are looked at. Which they are cannot be foreseen, so each trial is written down, and kept
-// by counting it.
+// are looked at.
 template <int N>
 void Refresh<N>::ListRebuilt() {
   constexpr std::uint32_t kChanged = SolverBase::TestBase::kChanged;
   const std::array<double, N> newest = (*store_)[store_->Size() - 1].coordinate;
-  const std::uint32_t initial_count = initial_count_;
-  // The last to grow, as another Begin would go by it.
   rebuilt_.reserve(listed_.size());
   rebuilt_positions_.reserve(listed_.size());
-  rescored_.resize(listed_.size());
-  std::uint32_t* listed = rescored_.data();
-  bool all_rebuilt = true;
-  const auto needs_table = [&newest](const Test<N>& trial) {
-    bool needs = trial.extent.Contains(newest);
-    needs |= !trial.extent.IsSet();
-    return needs;
-  };
+  rescored_.reserve(listed_.size());
+  rebuilt_.clear();
+  rebuilt_positions_.clear();
   for (const std::uint32_t position : listed_) {
     is_listed_.Set(position);
     const Test<N>& trial = (*store_)[position];
-    const bool is_rebuilt = needs_table(trial);
-    const bool is_changed =
-        position < initial_count && (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0;
-    *listed = position;
-    listed += is_rebuilt | is_changed;
-    all_rebuilt &= is_rebuilt | !is_changed;
-  }
-  rescored_.resize(static_cast<std::size_t>(listed - rescored_.data()));
-
-  rebuilt_.clear();
-  rebuilt_positions_.clear();
-  for (const std::uint32_t position : rescored_) {
-    if (all_rebuilt || needs_table((*store_)[position])) {
+    if (trial.extent.Contains(newest) || !trial.extent.IsSet()) {
       rebuilt_.push_back({position});
       rebuilt_positions_.push_back(position);
+      rescored_.push_back(position);
+    } else if (position < initial_count_ &&
+               (trial.flags.load(std::memory_order_relaxed) & kChanged) != 0) {
+      rescored_.push_back(position);
     }
   }
   listed_count_ += listed_.size();
