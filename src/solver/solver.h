@@ -6,9 +6,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
-#include <memory>
-#include <optional>
 #include <vector>
 
 #include "solver/candidates.h"
@@ -32,9 +29,7 @@ namespace QuenloftSolver {
 //   (1) Trials are only appended; a trial's position never changes.
 //   (2) Trials of different combinations are never neighbours.
 //   (3) Every characteristic in the table of a linked trial is computed.
-//   (4) All trials are registered, unless memory ran out: then what is left to be done for the
-//       newest one stands in the state, and the next operation does it first.
-// Cost: a step works in proportion to the trials around the new one, but for some updates.
+//   (4) All trials are registered, or what is left to be done for the newest stands in the state.
 template <int N>
 class Solver final : public SolverBase, private SegmentSource {
   using Coordinates = std::array<double, N>;
@@ -86,9 +81,7 @@ class Solver final : public SolverBase, private SegmentSource {
   StepKind NextKind();
   Segment TakeSegment(StepKind kind);
   void PrefetchBehind(const CandidateList& list) const;
-  double SplittingSlope(const Test<N>& anchor, StepKind kind) const;
   Coordinates PointOn(const Segment& segment, StepKind kind) const;
-  bool IsDuplicate(const Coordinates& point, const Segment& segment) const;
   void Reserve(std::uint32_t combination);
   void Append(const PendingPoint<N>& point, const TestValue& value);
   void Register();

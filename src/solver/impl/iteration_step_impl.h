@@ -46,7 +46,13 @@ bool Solver<N>::ProposeSegment() {
   const StepKind kind = NextKind();
   const Segment segment = TakeSegment(kind);
   const Coordinates point = PointOn(segment, kind);
-  if (IsDuplicate(point, segment)) return false;
+  // A point that coincides with an end of its segment says nothing new: the segment is
+  // dropped, and no trial is spent on it.
+  if (point == store_[segment.anchor].coordinate) return false;
+  if (!IsFace(segment.partner) &&
+      point == store_[static_cast<std::uint32_t>(segment.partner)].coordinate) {
+    return false;
+  }
   // A face ends the box: beyond it there is no trial whose ring would be found.
   state_.pending = PendingPoint<N>{point, store_[segment.anchor].combination, segment,
                                    IsFace(segment.partner) ? 2 : 1,
@@ -190,14 +196,6 @@ void Solver<N>::PrefetchBehind(const CandidateList& list) const {
   });
 }
 
-template <int N>
-double Solver<N>::SplittingSlope(const Test<N>& anchor, StepKind kind) const {
-  return kind == StepKind::kLocal
-             ? candidates_.UsableSlope(anchor.slope) * problem_.parameters.overestimation_local
-             : candidates_.UsableSlope(candidates_.Slope(ClassOf(anchor))) *
-                   problem_.parameters.overestimation;
-}
-
 // Between trials of one index, the minimiser along the segment of the lower bound
 // max(z_a - L s, z_p - L (d - s)), s the distance from the anchor: s = (d - dz / L) / 2
 // (Piyavskii 1972; Strongin 1978). Between indices, and towards a face, the middle.
@@ -221,19 +219,16 @@ typename Solver<N>::Coordinates Solver<N>::PointOn(const Segment& segment, StepK
   if (anchor.value.index == partner.value.index) {
     const double distance = std::sqrt(square);
     const double difference = partner.value.value - anchor.value.value;
-    t = (distance - difference / SplittingSlope(anchor, kind)) * 0.5 / distance;
+    const SearchParameters& parameters = problem_.parameters;
+    const double slope =
+        kind == StepKind::kLocal
+            ? candidates_.UsableSlope(anchor.slope) * parameters.overestimation_local
+            : candidates_.UsableSlope(candidates_.Slope(ClassOf(anchor))) *
+                  parameters.overestimation;
+    t = (distance - difference / slope) * 0.5 / distance;
   }
   for (int k = 0; k < N; ++k) point[k] = anchor.coordinate[k] + t * direction[k];
   return point;
-}
-
-// A point that coincides with an end of its segment says nothing new: the segment
-// is dropped, and no trial is spent on it.
-template <int N>
-bool Solver<N>::IsDuplicate(const Coordinates& point, const Segment& segment) const {
-  return point == store_[segment.anchor].coordinate ||
-         (!IsFace(segment.partner) &&
-          point == store_[static_cast<std::uint32_t>(segment.partner)].coordinate);
 }
 
 // For one trial more, and the fit that may follow: all that the step allocates before the trial
