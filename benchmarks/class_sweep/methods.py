@@ -2,9 +2,9 @@
 """The methods that are compared, each known by an identifier.
 
 ``quenloft`` is the search at its defaults, ``quenloft-plain`` the search without local models, and
-``quenloft:overestimation=3,local_vs_global=1`` the search with settings. The peers are used as their manuals recommend, with every rule that could
-stop them before the budget is used up turned off. Each is stopped at a solved function in the way
-that it allows.
+``quenloft:overestimation=3,local_vs_global=1`` the search with settings. The peers are used as
+their manuals recommend, with every rule that could stop them before the budget is used up turned
+off. Each is stopped at a solved function in the way that it allows.
 """
 
 from __future__ import annotations

@@ -484,7 +484,7 @@ class Search:
     def __deepcopy__(self, memo: Any) -> Search:
         return self.copy()
 
-    def _definition(self) -> tuple[Any, ...]:
+    def _definition(self) -> tuple[Variables, Settings, int, bool, Sequence[Known], Sequence[Any]]:
         """What `_set_up` takes but for the core."""
         return (
             self._variables,
