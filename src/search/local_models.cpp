@@ -197,6 +197,7 @@ VectorXd LocalModels::UntriedNeighbour(const TrialLog& log, const Region& region
   const VectorXd lower = -centre.cwiseMin(reach).cwiseQuotient(scale);
   const VectorXd upper = (1.0 - centre.array()).matrix().cwiseMin(reach).cwiseQuotient(scale);
   std::vector<VectorXd> starts;
+  starts.reserve(offsets.size());
   for (const VectorXd& offset : offsets) starts.push_back(offset.cwiseQuotient(scale));
   const auto is_untried = [&](const VectorXd& step) {
     const LocalPoint point = PointAt(log, region, scale, step);
