@@ -12,7 +12,7 @@ from __future__ import annotations
 import math
 import os
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Any, Optional, Sequence, Union
+from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence, Union
 
 from ._history import History
 from ._journal import Recording
@@ -147,7 +147,7 @@ def plot_trials(
         the diagonal are hidden. A new figure by default.
     variables : sequence of int or str, optional
         Which variables, by position or name: all by default, of more than six the six that tell
-        most: in which the best trials lie closest together.
+        most: with good trials in few parts of their range only.
     categories : sequence, optional
         The choices of the categorical variables whose trials are drawn; those of the best
         trial by default.
@@ -171,6 +171,12 @@ def plot_trials(
     if len(axes) == 1:
         ax = _axes(ax)
         _draw_along(ax, view, subset, axes[0])
+        if not view.is_feasible:
+            ax.set_title("no feasible point", loc="left", fontsize="medium")
+        if axes == view.varying():
+            _write_values(ax, view, subset, lambda x, value: (x[axes[0]], value))
+            for x, _, value in view.minima[1:]:
+                ax.plot(x[axes[0]], value, "D", color=_BEST, fillstyle="none", zorder=4)
     elif len(axes) == 2 and axes == view.varying():
         ax = _axes(ax)
         _draw_map(ax, view, subset, axes[0], axes[1])
@@ -348,7 +354,7 @@ class _View:
             varying = self.varying() + list(range(dimension, count))
             if categorical or len(varying) <= MOST_PROJECTED:
                 return varying
-            return sorted(sorted(varying, key=self.closeness_of_best)[:MOST_PROJECTED])
+            return sorted(sorted(varying, key=self.rank_along, reverse=True)[:MOST_PROJECTED])
         known = self.names[:count]
         found = []
         for variable in [variables] if isinstance(variables, (int, str)) else variables:
@@ -382,20 +388,17 @@ class _View:
         """The choices of the categorical variables of a trial."""
         return self.history[trial].categories
 
-    def closeness_of_best(self, variable: int) -> float:
-        """Spread of the best tenth of the trials, relative to that of all: small where the value
-        depends on this variable."""
+    def rank_along(self, variable: int) -> float:
+        """Mean rank of the lowest trial in each part of a variable's range: high where good values
+        are found in few parts only, so that the value depends on this variable."""
         history = self.history
         trials = range(len(history))
         order = sorted(trials, key=lambda i: (-history.index[i], history.value[i], i))
         unit = _unit(self, variable, trials)
-
-        def spread(part: Sequence[int]) -> float:
-            middle = sum(unit[i] for i in part) / len(part)
-            return sum((unit[i] - middle) ** 2 for i in part) / len(part)
-
-        whole = spread(trials)
-        return spread(order[: 1 + len(order) // 10]) / whole if whole else math.inf
+        lowest: dict[int, int] = {}
+        for rank, trial in enumerate(order):
+            lowest.setdefault(min(int(8 * unit[trial]), 7), rank)
+        return sum(lowest.values()) / len(lowest)
 
     def drawn(self, trials: Sequence[int]) -> list[int]:
         """Those whose values are drawn: the feasible ones, or those nearest to being so."""
@@ -581,9 +584,17 @@ def _draw_map(ax: Any, view: _View, trials: Sequence[int], first: int, second: i
     points = _draw_projection(ax, view, trials, first, second)
     ax.figure.colorbar(points, ax=ax, label="trial")
     if shades is not None:
-        scale = ax.figure.colorbar(shades, ax=ax, label=view.measure, format=_short, pad=0.02)
+        # As many digits as tell the levels apart, however far from zero all of them lie.
+        digits = next(
+            n
+            for n in range(4, 18)
+            if len({f"{v:.{n}g}" for v in shades.levels}) == len(shades.levels)
+        )
+        scale = ax.figure.colorbar(
+            shades, ax=ax, label=view.measure, format=lambda v, _: f"{v:.{digits}g}", pad=0.02
+        )
         scale.ax.tick_params(labelsize="small")
-    _write_values(ax, view, trials, first, second)
+    _write_values(ax, view, trials, lambda x, _: (x[first], x[second]))
     handles, labels = ax.get_legend_handles_labels()
     if labels:
         ax.legend(
@@ -602,19 +613,24 @@ def _draw_map(ax: Any, view: _View, trials: Sequence[int], first: int, second: i
     ax.set_title("; ".join(filter(None, title)), loc="left", fontsize="medium")
 
 
-def _short(value: float, position: Any = None) -> str:
+def _short(value: float) -> str:
     return f"{value:.4g}"
 
 
-def _write_values(ax: Any, view: _View, trials: Sequence[int], first: int, second: int) -> None:
-    """The value beside each minimum that is marked."""
+def _write_values(
+    ax: Any,
+    view: _View,
+    trials: Sequence[int],
+    place: Callable[[Sequence[float], float], tuple[float, float]],
+) -> None:
+    """The value beside each minimum, which is drawn at `place(x, value)`."""
     shown = view.chosen(trials[0])
     for x, chosen, value in view.minima:
         if chosen == shown:
-            inwards = [-1 if part > 0.8 else 1 for part in _fractions(ax, x[first], x[second])]
+            inwards = [-1 if part > 0.8 else 1 for part in _fractions(ax, *place(x, value))]
             ax.annotate(
                 _short(value),
-                (x[first], x[second]),
+                place(x, value),
                 xytext=(7 * inwards[0], 6 * inwards[1]),
                 textcoords="offset points",
                 ha="left" if inwards[0] > 0 else "right",
@@ -675,10 +691,18 @@ def _unit(view: _View, variable: int, trials: Sequence[int]) -> list[float]:
 
 
 def _quantiles(values: Sequence[float], count: int) -> list[float]:
-    """Distinct levels with about equally many values between them, ends included."""
+    """Levels with about equally many values between them, ends included, and none so close to
+    another that both read alike where many trials have settled in a minimum."""
     ordered = sorted(values)
-    picked = {ordered[round(i * (len(ordered) - 1) / count)] for i in range(count + 1)}
-    return sorted(picked)
+    apart = 1e-3 * (ordered[len(ordered) // 2] - ordered[0])
+    levels = ordered[:1]
+    for i in range(1, count + 1):
+        level = ordered[round(i * (len(ordered) - 1) / count)]
+        if level - levels[-1] > apart:
+            levels.append(level)
+    if len(levels) > 1:
+        levels[-1] = ordered[-1]
+    return levels
 
 
 def _draw_projection(
@@ -785,6 +809,8 @@ def _draw_matrix(ax: Any, view: _View, trials: Sequence[int], variables: Sequenc
         figure.colorbar(points, ax=panels, label="trial", shrink=0.6, location="right")
         handles, labels = panels[count].get_legend_handles_labels()
         figure.legend(handles, labels, loc="upper right", frameon=False)
+        if not view.is_feasible:
+            figure.suptitle("no feasible point", x=0.5, fontsize="medium")
     return ax
 
 
