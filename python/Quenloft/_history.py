@@ -58,9 +58,10 @@ class Trial:
 
     @property
     def maxcv(self) -> float:
-        """The largest violation of a constraint; 0 where all hold."""
+        """The largest violation of a constraint; 0 where all hold, infinity where the evaluation
+        has failed."""
         if self.index >= len(self.constraints):
-            return 0.0
+            return 0.0 if math.isfinite(self.value) else math.inf
         return max([self.value, *(c for c in self.constraints if c > self.value)])
 
 

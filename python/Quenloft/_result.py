@@ -79,7 +79,8 @@ class OptimizeResult(Dict[str, Any]):
         Trials: points at which the objective, or a violated constraint before it, was evaluated.
         `maxfun` limits these.
     maxcv : float
-        Largest known constraint violation at `x`, 0.0 when every constraint holds.
+        Largest known constraint violation at `x`, 0.0 when every constraint holds, infinity when
+        every evaluation failed.
     constraints : tuple of float
         Value of each constraint at `x`, NaN for those that were not evaluated.
     locals : list of LocalMinimum

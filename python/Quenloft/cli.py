@@ -400,12 +400,14 @@ def run_history(options: argparse.Namespace) -> int:
     """The command ``history``."""
     if options.json and options.csv == "-":
         raise UsageError("--json and --csv both write to standard output: name a file for --csv")
+    if options.last is not None and options.last < 0:
+        raise UsageError(f"--last must be 0 or more, not {options.last}")
     if options.plot:
         _check_plot(options.plot)
     recording = read_journal(options.journal)
     history = recording.history
     # The table is for the eye, the others are for programs: all trials, unless --last is given.
-    last = min(10 if options.last is None else max(options.last, 0), len(history))
+    last = min(10 if options.last is None else options.last, len(history))
     trials = history[len(history) - last :] if options.last is not None else history
     if options.csv == "-":
         history.to_csv(sys.stdout, len(history) - len(trials))
@@ -602,7 +604,8 @@ def _describe_result(result: OptimizeResult, names: Sequence[str]) -> str:
         lines.append(("minimum", _number(result.fun)))
     else:
         lines.append(("minimum", "none: no feasible point was found"))
-        lines.append(("violation", f"{_number(result.maxcv)} at the point that came closest"))
+        if math.isfinite(result.maxcv):
+            lines.append(("violation", f"{_number(result.maxcv)} at the point that came closest"))
     values = [*map(_number, _numbers(result.x, result)), *map(str, result.categories)]
     for position, (name, value) in enumerate(zip(names, values)):
         lines.append(("" if position else "at", f"{name} = {value}"))
