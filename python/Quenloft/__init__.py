@@ -68,13 +68,15 @@ __all__ = [
 _MODULES = ("cli", "demo", "plots")
 
 
-def __getattr__(name: str) -> Any:
-    if name in _MODULES:
-        return import_module(f"{__name__}.{name}")
-    if name not in _LATER:
-        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
-    value = globals()[name] = getattr(import_module(f"{__name__}.{_LATER[name]}"), name)
-    return value
+if not TYPE_CHECKING:  # a type checker must not take any name for one
+
+    def __getattr__(name: str) -> Any:
+        if name in _MODULES:
+            return import_module(f"{__name__}.{name}")
+        if name not in _LATER:
+            raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+        value = globals()[name] = getattr(import_module(f"{__name__}.{_LATER[name]}"), name)
+        return value
 
 
 def __dir__() -> list[str]:

@@ -79,8 +79,11 @@ def name_point(
     if "point" not in attributes and not hasattr(type(error), "point"):
         attributes["point"] = dict(zip(variables.names, (*x, *chosen)))
     notes = [] if place in str(error) else [f"at {place}"]
-    if isinstance(error, TypeError) and "numpy" in sys.modules and f"'{form}'" in str(error):
-        notes.append(f"the point is a {form}; with point='array' it is a NumPy array")
+    if isinstance(error, (TypeError, AttributeError)) and form in ("tuple", "list"):
+        if f"{form} indices must be" in str(error):
+            notes.append(f"the point is a {form}; with point='mapping' it has values by name")
+        elif "numpy" in sys.modules and f"'{form}'" in str(error):
+            notes.append(f"the point is a {form}; with point='array' it is a NumPy array")
     if notes:
         attributes["__notes__"] = [*attributes.get("__notes__", ()), *notes]
         if sys.version_info < (3, 11) and error.__cause__ is None:

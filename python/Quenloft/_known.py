@@ -59,6 +59,7 @@ def known_points(
     problem = _Problem(variables, constraint_count, may_fail)
     if given is None:
         return []
+    given = getattr(given, "history", given)  # of a result, or of a journal that was read
     if isinstance(given, History):
         return problem.only_new(problem.of_history(given, "known"), must_be_new=False)
     if isinstance(given, (str, os.PathLike)):

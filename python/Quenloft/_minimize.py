@@ -95,11 +95,11 @@ def minimize(
     x0 : point or sequence of points, optional
         Where to begin: evaluated first, in this order, so that the result is never worse. A point
         is a mapping of values by name, or a sequence of the numbers and then the choices.
-    known : sequence, History or path, optional
+    known : sequence, OptimizeResult, History, Recording or path, optional
         Points whose values are known: trials from the start, which are not evaluated and do not
         count for `maxfun`. Pairs ``(point, value)``, or triples ``(point, value, constraints)``
         with the values of all constraints or of those up to the first violated one; a value of
-        NaN or None is a failed point. Or the history of another search, the path of its journal
+        NaN or None is a failed point. Or another search's result or history, the path of its journal
         or of a CSV file with the columns of `History.to_csv` (at least the variables, ``value``
         and the constraints): of these, points outside the bounds are left out.
     point : {"tuple", "list", "array", "mapping"}

@@ -378,6 +378,10 @@ def declare(
         pairs = _pairs(bounds)
         categorical = {}
     if not pairs:
+        if categorical:
+            raise ValueError(
+                "bounds hold choices only, which are lists: give a range, a tuple (lower, upper)"
+            )
         raise ValueError(f"bounds must hold from 1 to {MAX_DIMENSION} variables, not 0")
     choices = _choices(categories, list(categorical))
     labels = _names(names, len(pairs), len(choices))

@@ -123,6 +123,9 @@ def test_functions_written_for_arrays_are_told_how_to_get_them(form):
     with pytest.raises(TypeError) as caught:
         Quenloft.minimize(lambda x: numpy.sum((x - 0.3) ** 2), [(0, 1), (0, 1)], point=form)
     assert caught.value.__notes__[-1].endswith("with point='array' it is a NumPy array")
+    with pytest.raises(AttributeError) as caught:
+        Quenloft.minimize(lambda x: x.sum(), [(0, 1), (0, 1)], point=form)
+    assert caught.value.__notes__[-1].endswith("with point='array' it is a NumPy array")
     result = Quenloft.minimize(lambda x: numpy.sum((x - 0.3) ** 2), [(0, 1)], point="array")
     assert result.x == pytest.approx([0.3], abs=1e-4)
 
