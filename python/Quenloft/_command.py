@@ -369,6 +369,8 @@ class _Reading:
                 self.limit = float(limit[3])
             except ValueError:
                 raise ValueError(f"{label}: {limit[3]!r} is no number, in {text!r}") from None
+        elif label != "objective" and re.search(r"\s[<>]\s*[-+.\d]+$", text or ""):
+            raise ValueError(f"{label}: a limit follows <= or >=, in {text!r}")
         self.source = source
         if is_json:
             if not source:
