@@ -450,7 +450,9 @@ def _view(
     names: Optional[Sequence[str]] = None,
     logarithmic: Optional[Sequence[int]] = None,
 ) -> _View:
-    history = source if isinstance(source, History) else source.history
+    history = getattr(source, "history", source)
+    if not isinstance(history, History):
+        raise TypeError(f"cannot draw {source!r}: not a result, a recording or a history")
     if not len(history):
         raise ValueError("there is no trial to draw")
     known = list(names or history.names)
@@ -530,7 +532,13 @@ def _scale_values(
         return
     positive = [value for value in finite if value > 0.0]
     if (minimum is not None and positive) or (finite[0] > 0.0 and finite[-1] > 100.0 * finite[0]):
-        ax.set_yscale("log")
+        # One value of next to nothing, at a minimum of zero, must not press the rest together.
+        least = 1e-3 * finite[len(finite) // 10]
+        if minimum is None and finite[0] < least:
+            ax.set_yscale("symlog", linthresh=least)
+            ax.set_ylim(bottom=-0.5 * least)
+        else:
+            ax.set_yscale("log")
     else:
         middle = finite[int(0.75 * (len(finite) - 1))]
         reach = middle - finite[0]
