@@ -169,7 +169,7 @@ TEST(SolverAgainstReference, AgreesWhereDistancesVanish) {
   for (const int lanes : {4, 8, kMostLanes}) {
     SCOPED_TRACE(std::to_string(lanes) + " lanes");
     lanes_allowed = lanes;
-    CompareSearches<2>(c, lanes == kMostLanes ? 5000 : 1500, 500);
+    CompareSearches<2>(c, lanes == kMostLanes ? 3200 : 1500, 400);
   }
 }
 
