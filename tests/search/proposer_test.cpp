@@ -195,16 +195,16 @@ TEST(Proposer, ListsTheLowestMinimaRefined) {
 // nothing of the C library.
 TEST(Proposer, HasTheRecordedBits) {
   for (const bool is_constrained : {false, true}) {
-    Definition definition = Box(4, -1.3, 1.9);
+    Definition definition = Box(3, -1.3, 1.9);
     if (is_constrained) definition.function_count = 3;
     Proposer proposer(definition);
     std::uint64_t digest = 0xcbf29ce484222325;  // FNV-1a of whole numbers
     for (int i = 0; i < 150; ++i) {
       const std::vector<double> x = Ask(proposer);
       const double a = x[1] - x[0] * x[0];
-      const double b = x[3] - x[2];
-      const double c = 1.0 - x[2];
-      double functions[] = {x[0] + x[1] * x[2] - 0.7, 0.2 - x[3] * x[3],
+      const double b = x[2] - x[1];
+      const double c = 1.0 - x[1];
+      double functions[] = {x[0] + x[1] * x[2] - 0.7, 0.2 - x[2] * x[2],
                             10.0 * (a * a) + b * b + c * c};
       const int index = functions[0] > 0.0 ? 0 : functions[1] > 0.0 ? 1 : 2;
       if (is_constrained) {
@@ -218,7 +218,7 @@ TEST(Proposer, HasTheRecordedBits) {
         digest = (digest ^ bits) * 0x100000001b3;
       }
     }
-    EXPECT_EQ(digest, is_constrained ? 0x56ee51fc0bf1c170 : 0xb9e37c5afaa13667)
+    EXPECT_EQ(digest, is_constrained ? 0xe9ea335f19b93390 : 0xbdc7da52ad670ba8)
         << std::hex << digest;
   }
 }
