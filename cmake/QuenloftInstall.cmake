@@ -17,8 +17,8 @@ if(TARGET quenloft_solver)
                 src/solver/function_interface.h src/solver/neighbour.h src/solver/solver_base.h
                 src/solver/threads.h
           DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/solver" COMPONENT engine)
-  install(FILES src/search/column.h src/search/guess.h src/search/problem.h src/search/search.h
-                src/search/space.h
+  install(FILES src/search/column.h src/search/fair_mutex.h src/search/guess.h
+                src/search/problem.h src/search/search.h src/search/space.h
           DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/search" COMPONENT engine)
   install(EXPORT QuenloftTargets NAMESPACE Quenloft:: FILE QuenloftTargets.cmake
           DESTINATION "${quenloft_package_folder}" COMPONENT engine)

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -148,12 +149,12 @@ Search::Search(const Search& other)
 Search::~Search() = default;
 
 std::unique_ptr<Search> Search::Copy() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return std::unique_ptr<Search>(new Search(*this));
 }
 
 std::vector<Point> Search::Ask(std::size_t count) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   while (Step()) {
   }
   std::vector<Point> points;
@@ -196,7 +197,7 @@ void Search::Tell(const Point& point, double value) {
 
 void Search::Tell(const Point& point, Outcome outcome) {
   Check(problem_, outcome);
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   OpenPoint& open = Untold(point);
   open.outcome = std::move(outcome);
   open.is_pending = false;
@@ -204,7 +205,7 @@ void Search::Tell(const Point& point, Outcome outcome) {
 
 Point Search::Find(const std::vector<double>& x,
                    const std::vector<std::int32_t>& categories) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   PointKey key{x, space_.CombinationOf(categories)};
   if (!space_.Contains(key.x)) throw std::invalid_argument(kNoSuchPoint);
   space_.Snap(key.x);
@@ -221,7 +222,7 @@ Point Search::Find(const std::vector<double>& x,
 Point Search::Supply(std::vector<double> x, const std::vector<std::int32_t>& categories,
                      Outcome outcome) {
   Check(problem_, outcome);
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   PointKey key{std::move(x), space_.CombinationOf(categories)};
   if (!space_.Contains(key.x)) throw std::invalid_argument(kNoSuchPoint);
   space_.Snap(key.x);
@@ -233,78 +234,78 @@ Point Search::Supply(std::vector<double> x, const std::vector<std::int32_t>& cat
 }
 
 void Search::Retract(const Point& point) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   Untold(point).is_pending = false;
 }
 
 std::size_t Search::Advance(std::size_t limit) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   std::size_t made = 0;
   while (made < limit && Step()) ++made;
   return made;
 }
 
 void Search::SetLimit(std::uint64_t trials) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   limit_ = trials;
 }
 
 std::uint64_t Search::Limit() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return limit_;
 }
 
 std::size_t Search::TrialCount() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return value_.Rows();
 }
 
 Trials Search::GetTrials() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return {x_.View(),           categories_.View(), index_.View(), value_.View(),
           constraints_.View(), objective_.View(),  id_.View(),    kind_.View()};
 }
 
 std::optional<std::size_t> Search::Best() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return best_;
 }
 
 std::vector<std::size_t> Search::Locals(std::size_t most) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return proposer_->Locals(most);
 }
 
 double Search::Radius(std::size_t position) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   if (position >= value_.Rows()) throw std::invalid_argument("there is no such trial");
   return proposer_->Radius(position);
 }
 
 double Search::BestRadius() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return proposer_->BestRadius();
 }
 
 bool Search::IsExhausted() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return is_exhausted_;
 }
 
 bool Search::IsFinished() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   return is_exhausted_ || IsAtLimit();
 }
 
 std::vector<OpenPoint> Search::OpenPoints() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   std::vector<OpenPoint> points;
   for (const auto& [id, open] : open_) points.push_back(open);
   return points;
 }
 
 std::vector<Point> Search::Needed() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   std::vector<Point> points;
   const auto add = [&](const PointKey& key) {
     const OpenPoint* open = FindOpen(key);
@@ -324,7 +325,7 @@ std::vector<Point> Search::Needed() const {
 }
 
 Search::State Search::Save() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   State state;
   state.next_id = next_id_;
   for (std::size_t position = 0; position < value_.Rows(); ++position) {
@@ -344,7 +345,7 @@ Search::State Search::Save() const {
 // The trials follow from their values once more, one at a time, as a point may have been a
 // trial more than once.
 void Search::Restore(const State& state) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<FairMutex> lock(mutex_);
   const auto add = [&](const OpenPoint& open) {
     if (open.outcome) Check(problem_, *open.outcome);
     if (!space_.Contains(open.point.x)) throw std::invalid_argument(kNoSuchPoint);

@@ -8,7 +8,6 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "search/column.h"
+#include "search/fair_mutex.h"
 #include "search/guess.h"
 #include "search/problem.h"
 #include "search/space.h"
@@ -171,7 +171,7 @@ class Search {
   OpenPoint& Untold(const Point& point);
   PointKey KeyOf(const Point& point) const;
 
-  mutable std::mutex mutex_;
+  mutable FairMutex mutex_;
   const Problem problem_;
   const Space space_;
   std::unique_ptr<Proposer> proposer_;
