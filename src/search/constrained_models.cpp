@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "search/cube.h"
 #include "search/quadratic_model.h"
 
 namespace QuenloftSearch {
@@ -261,12 +262,7 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
     MatrixXd offsets;
     FitAll(log, models, offsets);
     const double* centre = log.Point(region.centre);
-    VectorXd lower(n);
-    VectorXd upper(n);
-    for (Index k = 0; k < n; ++k) {
-      lower[k] = std::max(-1.0, -centre[k] / region.radius);
-      upper[k] = std::min(1.0, (1.0 - centre[k]) / region.radius);
-    }
+    const Cube cube(centre, VectorXd::Constant(n, region.radius));
     QuadraticModel objective{0.0, VectorXd::Zero(n), MatrixXd::Zero(n, n)};
     if (models[target].scale > 0.0) objective = models[target].quadratic;
     std::vector<QuadraticModel> constraints;
@@ -279,7 +275,8 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
       numbers.push_back(i);
     }
     std::vector<double> multipliers;
-    VectorXd step = MinimiseConstrained(objective, constraints, lower, upper, multipliers);
+    VectorXd step =
+        MinimiseConstrained(objective, constraints, cube.lower, cube.upper, multipliers);
     Pending pending{};
     pending.scales.resize(function_count_);
     pending.values.resize(function_count_);
@@ -288,7 +285,7 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
       weight = std::max({1.0, 0.5 * weight, 2.0 * multipliers[j]});
     }
     if (region.is_failed) {
-      const VectorXd missing = MissingDirection(offsets, lower, upper);
+      const VectorXd missing = MissingDirection(offsets, cube.lower, cube.upper);
       if (missing.size() == 0) {
         region.radius *= 0.5;
         region.is_failed = false;
@@ -351,13 +348,7 @@ std::optional<LocalPoint> ConstrainedModels::ProposeIn(const TrialLog& log) {
       region.radius *= std::clamp(4.0 * pending.length, 0.1, 0.25);
       continue;
     }
-    LocalPoint point;
-    point.combination = log.Combination(region.centre);
-    point.coordinates.resize(dimension_);
-    for (Index k = 0; k < n; ++k) {
-      point.coordinates[static_cast<std::size_t>(k)] =
-          std::clamp(centre[k] + region.radius * step[k], 0.0, 1.0);
-    }
+    const LocalPoint point{cube.PointAt(step), log.Combination(region.centre)};
     const double distance = log.Nearest(point.coordinates.data(), point.combination).second;
     if (!(distance > 1e-4 * region.radius)) {
       region.radius *= 0.5;

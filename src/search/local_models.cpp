@@ -175,36 +175,24 @@ double ValueSpread(const TrialLog& log, std::uint32_t best) {
 
 }  // namespace
 
-LocalPoint LocalModels::PointAt(const TrialLog& log, const Region& region, const VectorXd& scale,
-                                const VectorXd& step) const {
-  const double* centre = log.Point(region.centre);
-  LocalPoint point;
-  point.combination = log.Combination(region.centre);
-  point.coordinates.resize(dimension_);
-  for (std::uint32_t k = 0; k < dimension_; ++k) {
-    point.coordinates[k] = std::clamp(centre[k] + scale[k] * step[k], 0.0, 1.0);
-  }
-  return point;
-}
-
 // To a point of the lattices next to the centre's, the one where the model is lowest of those at
 // which no trial is as near as a step of a lattice; empty when there is none.
-VectorXd LocalModels::UntriedNeighbour(const TrialLog& log, const Region& region,
-                                       const VectorXd& scale, const QuadraticModel& model,
+VectorXd LocalModels::UntriedNeighbour(const TrialLog& log, const Region& region, const Cube& cube,
+                                       const QuadraticModel& model,
                                        const std::vector<VectorXd>& offsets) const {
+  const VectorXd& scale = cube.scale;
   const double reach = scale.maxCoeff();
-  const Eigen::Map<const VectorXd> centre(log.Point(region.centre), scale.size());
-  const VectorXd lower = -centre.cwiseMin(reach).cwiseQuotient(scale);
-  const VectorXd upper = (1.0 - centre.array()).matrix().cwiseMin(reach).cwiseQuotient(scale);
+  const VectorXd lower = -cube.centre.cwiseMin(reach).cwiseQuotient(scale);
+  const VectorXd upper = (1.0 - cube.centre.array()).matrix().cwiseMin(reach).cwiseQuotient(scale);
   std::vector<VectorXd> starts;
   starts.reserve(offsets.size());
   for (const VectorXd& offset : offsets) starts.push_back(offset.cwiseQuotient(scale));
   const auto is_untried = [&](const VectorXd& step) {
-    const LocalPoint point = PointAt(log, region, scale, step);
+    const std::vector<double> point = cube.PointAt(step);
     for (std::uint32_t t = 0; t < log.Size(); ++t) {
-      if (log.Combination(t) == point.combination &&
-          log.SquaredDistance(t, point.coordinates.data()) <= reach * reach &&
-          IsSameOnLattices(*lattice_, log.Point(t), point.coordinates.data(), scale.size())) {
+      if (log.Combination(t) == log.Combination(region.centre) &&
+          log.SquaredDistance(t, point.data()) <= reach * reach &&
+          IsSameOnLattices(*lattice_, log.Point(t), point.data(), scale.size())) {
         return false;
       }
     }
@@ -251,12 +239,12 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
     }
     const QuadraticModel model =
         FitQuadratic(offsets, differences, region.hessian.cwiseProduct(scales), 1e-10);
-    VectorXd lower(n);
-    VectorXd upper(n);
-    for (Index k = 0; k < n; ++k) {
-      lower[k] = std::max(-1.0, -centre[k] / scale[k]);
-      upper[k] = std::min(1.0, (1.0 - centre[k]) / scale[k]);
-    }
+    const Cube cube(centre, scale);
+    const VectorXd& lower = cube.lower;
+    const VectorXd& upper = cube.upper;
+    const auto point_at = [&](const VectorXd& s) {
+      return LocalPoint{cube.PointAt(s), log.Combination(region.centre)};
+    };
     VectorXd step;
     if (region.is_failed) {
       region.is_failed = false;
@@ -272,7 +260,7 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
           ((-step).array() <= upper.array()).all()) {
         step = -step;
       }
-      const LocalPoint point = PointAt(log, region, scale, step);
+      const LocalPoint point = point_at(step);
       const auto [nearest, distance] = log.Nearest(point.coordinates.data(), point.combination);
       // Where a trial violates another constraint the model cannot know it.
       if (log.Value(nearest).index != log.Value(region.centre).index &&
@@ -285,7 +273,7 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
     }
     // Of all indices: what violates another constraint is a trial at that point, too.
     const auto is_new = [&](const VectorXd& s) {
-      const LocalPoint point = PointAt(log, region, scale, s);
+      const LocalPoint point = point_at(s);
       const double distance = log.Nearest(point.coordinates.data(), point.combination).second;
       return !(distance < 1e-10 || distance < kSame * radius * s.cwiseAbs().maxCoeff());
     };
@@ -299,10 +287,10 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
     const double length = step.cwiseAbs().maxCoeff();
     const double share = predicted / ValueSpread(log, best);
     if (lattice_ && region.centre == best && !(share >= kFine)) {
-      const VectorXd next = UntriedNeighbour(log, region, scale, model, neighbours);
+      const VectorXd next = UntriedNeighbour(log, region, cube, model, neighbours);
       if (next.size() > 0) {
         pending_ = Pending{number, -model.At(next), 1.0, true};
-        return PointAt(log, region, scale, next);
+        return point_at(next);
       }
     }
     const double resolution = 1e-15 * std::max(std::abs(value), 1e-300);
@@ -335,14 +323,14 @@ std::optional<LocalPoint> LocalModels::ProposeIn(const TrialLog& log, std::size_
     }
     region.hessian = model.hessian.cwiseQuotient(scales);
     pending_ = Pending{number, predicted, length, false};
-    return PointAt(log, region, scale, step);
+    return point_at(step);
   }
   region.is_exhausted = true;
   region.cover = std::max(region.cover, region.radius);
   return std::nullopt;
 }
 
-void LocalModels::Accept(const TrialLog& log) {
+bool LocalModels::Accept(const TrialLog& log) {
   Region& region = regions_[pending_->region];
   const std::uint32_t trial = log.Size() - 1;
   const double gain = log.Value(trial).index < log.Value(region.centre).index
@@ -374,7 +362,9 @@ void LocalModels::Accept(const TrialLog& log) {
     region.centre = trial;
     region.cover = std::max(region.cover, std::min(moved, 0.1));
   }
+  const bool has_misled = !pending_->is_geometry && !(gain > 0.0);
   pending_.reset();
+  return has_misled;
 }
 
 std::vector<std::uint32_t> LocalModels::Centres() const {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "search/cube.h"
 #include "search/linear_algebra.h"
 #include "search/quadratic_model.h"
 #include "search/space.h"
@@ -33,8 +34,9 @@ class LocalModels {
   // The next trial of the best region that has one to offer.
   std::optional<LocalPoint> Propose(const TrialLog& log, const QuenloftSolver::SolverBase& solver,
                                     std::uint32_t best);
-  // The outcome of the proposal is the newest trial of the log, or there is none.
-  void Accept(const TrialLog& log);
+  // The outcome of the proposal is the newest trial of the log, or there is none. True when it
+  // shows that a model misled: its step gained nothing.
+  bool Accept(const TrialLog& log);
   void Discard();
   // A trial of the engine's was appended.
   void Notice(const TrialLog& log);
@@ -74,10 +76,8 @@ class LocalModels {
                                           const QuenloftSolver::SolverBase& solver);
   std::optional<LocalPoint> RefineHopeless(const TrialLog& log);
   std::optional<LocalPoint> ProposeIn(const TrialLog& log, std::size_t number, std::uint32_t best);
-  LocalPoint PointAt(const TrialLog& log, const Region& region, const Eigen::VectorXd& scale,
-                     const Eigen::VectorXd& step) const;
-  Eigen::VectorXd UntriedNeighbour(const TrialLog& log, const Region& region,
-                                   const Eigen::VectorXd& scale, const QuadraticModel& model,
+  Eigen::VectorXd UntriedNeighbour(const TrialLog& log, const Region& region, const Cube& cube,
+                                   const QuadraticModel& model,
                                    const std::vector<Eigen::VectorXd>& offsets) const;
   std::vector<std::uint32_t> NearestTrials(const TrialLog& log, std::uint32_t centre,
                                            std::size_t count);

@@ -50,8 +50,8 @@ Proposer::Proposer(const Definition& definition)
              std::nullopt,
              false,
              LocalModels(solver_->Dimension(), definition.batch, definition.lattice),
-             ConstrainedModels(solver_->Dimension(), definition.function_count, definition.batch)} {
-}
+             ConstrainedModels(solver_->Dimension(), definition.function_count, definition.batch),
+             TrendModel(solver_->Dimension(), definition.batch, definition.lattice)} {}
 
 Proposer::Proposer(const Proposer& other)
     : has_local_models_(other.has_local_models_),
@@ -96,16 +96,20 @@ std::optional<Proposer::Proposal> Proposer::Propose() {
 }
 
 void Proposer::ProposeLocal() {
+  if (!state_.has_constraints) {
+    if (auto point = state_.trend.Propose(log_)) {
+      state_.local = LocalProposal{*point, Model::kTrend, state_.trend.Expected()};
+      return;
+    }
+  }
   if (state_.local_due == 0) return;
   --state_.local_due;
   if (state_.has_constraints) {
     if (auto point = state_.constrained.Propose(log_)) {
-      state_.local = LocalProposal{*point, true, state_.constrained.Expected()};
+      state_.local = LocalProposal{*point, Model::kConstrained, state_.constrained.Expected()};
     }
-    return;
-  }
-  if (auto point = state_.models.Propose(log_, *solver_, state_.best)) {
-    state_.local = LocalProposal{*point, false, state_.models.Expected(log_)};
+  } else if (auto point = state_.models.Propose(log_, *solver_, state_.best)) {
+    state_.local = LocalProposal{*point, Model::kLocal, state_.models.Expected(log_)};
   }
 }
 
@@ -190,10 +194,10 @@ void Proposer::AcceptLocal(const TestValue& value, const double* point, const do
   state_.local.reset();
   if (Append(at, proposal.point.combination, value, functions, position))
     state_.last_gain = log_.Size();
-  if (proposal.is_constrained) {
-    state_.constrained.Accept(log_);
-  } else {
-    state_.models.Accept(log_);
+  if (proposal.model == Model::kConstrained) state_.constrained.Accept(log_);
+  if (proposal.model == Model::kLocal) {
+    const bool has_misled = state_.models.Accept(log_);
+    if (has_misled && LocalShare() >= 1.0) state_.trend.Call(log_);
   }
 }
 
@@ -223,11 +227,9 @@ void Proposer::TellEngine(const Operation& operation) {
 
 void Proposer::Discard() {
   if (state_.local) {
-    if (state_.local->is_constrained) {
-      state_.constrained.Discard();
-    } else {
-      state_.models.Discard();
-    }
+    if (state_.local->model == Model::kConstrained) state_.constrained.Discard();
+    if (state_.local->model == Model::kLocal) state_.models.Discard();
+    if (state_.local->model == Model::kTrend) state_.trend.Discard();
     state_.local.reset();
     return;
   }

@@ -13,6 +13,7 @@
 #include "search/constrained_models.h"
 #include "search/local_models.h"
 #include "search/space.h"
+#include "search/trend_model.h"
 #include "search/trial_log.h"
 #include "solver/function_interface.h"
 #include "solver/solver_base.h"
@@ -102,9 +103,10 @@ class Proposer {
 
  private:
   // A point of a local model that waits for its value.
+  enum class Model { kLocal, kConstrained, kTrend };
   struct LocalProposal {
     LocalPoint point;
-    bool is_constrained;
+    Model model;
     double expected;
   };
   // All that is not the engine's or the list of trials.
@@ -116,6 +118,7 @@ class Proposer {
     bool is_global_pending = false;
     LocalModels models;
     ConstrainedModels constrained;
+    TrendModel trend;
     // Values of constraints were given: `constrained` is in charge.
     bool has_constraints = false;
     std::uint32_t last_gain = 0;  // trials when a local one was last the best

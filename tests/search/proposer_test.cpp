@@ -191,6 +191,30 @@ TEST(Proposer, ListsTheLowestMinimaRefined) {
   }
 }
 
+// Ripples that grow with the distance from the bottom of a funnel (Schaffer's function): local
+// minima say little of where it is. Without a trend the mean is twice as high.
+TEST(Proposer, FindsTheBottomOfAFunnelThroughItsRipples) {
+  const std::vector<double> bottoms = {-4.4, -3.3, -2.6, -1.7, -0.9, 0.4,
+                                       1.2,  1.9,  2.7,  3.3,  4.1,  4.9};
+  double sum = 0.0;
+  for (const double bottom : bottoms) {
+    const Function function = [&](const std::vector<double>& x) {
+      double root = 0.0;
+      for (std::size_t i = 0; i < 2; ++i) {
+        const double at = bottom + 0.13 * static_cast<double>(i);
+        const double distance = std::hypot(x[i] - at, x[i + 1] - at - 0.13);
+        root +=
+            0.5 * std::sqrt(distance) * (1.0 + std::pow(std::sin(50 * std::pow(distance, 0.2)), 2));
+      }
+      return root * root;
+    };
+    Proposer proposer(Box(3, -10.0, 10.0));
+    Drive(proposer, function, 300);
+    sum += proposer.Trials().Value(static_cast<std::uint32_t>(proposer.Best())).value;
+  }
+  EXPECT_LE(sum / static_cast<double>(bottoms.size()), 0.6);
+}
+
 // Recorded: the bits must be those of every compiler, optimised or not. The functions need
 // nothing of the C library.
 TEST(Proposer, HasTheRecordedBits) {
@@ -218,7 +242,7 @@ TEST(Proposer, HasTheRecordedBits) {
         digest = (digest ^ bits) * 0x100000001b3;
       }
     }
-    EXPECT_EQ(digest, is_constrained ? 0xe9ea335f19b93390 : 0xbdc7da52ad670ba8)
+    EXPECT_EQ(digest, is_constrained ? 0xe9ea335f19b93390 : 0x3920a8707260aeb8)
         << std::hex << digest;
   }
 }
