@@ -55,6 +55,11 @@ def method_list(text: str) -> tuple[str, ...]:
         raise argparse.ArgumentTypeError(str(error)) from None
 
 
+def instances(text: str) -> range:
+    first, _, last = text.partition("-")
+    return range(int(first), int(last or first) + 1)
+
+
 def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
@@ -87,6 +92,12 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
         help="tuning: odd instances, to tune on; held-out: the others",
     )
     add(
+        "--bbob-instances",
+        type=instances,
+        metavar="FROM-TO",
+        help="these instances of BBOB alone, to measure on many that nothing was chosen on",
+    )
+    add(
         "--seeds",
         type=int,
         default=runs.SEEDS,
@@ -103,7 +114,15 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
 
 
 def chosen_problems(options: argparse.Namespace) -> list[outside_problems.Problem]:
-    found = outside_problems.load(options.kinds, options.dimensions, HALVES[options.half])
+    if options.bbob_instances:
+        bbob = outside_problems.bbob
+        found = [
+            p
+            for p in bbob.problems(options.dimensions or bbob.DIMENSIONS, options.bbob_instances)
+            if not options.kinds or p.kind in options.kinds
+        ]
+    else:
+        found = outside_problems.load(options.kinds, options.dimensions, HALVES[options.half])
     if options.problems:
         found = [
             p

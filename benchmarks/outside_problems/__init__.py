@@ -60,8 +60,7 @@ def load(
     """The problems of some kinds (of `ALL_KINDS`), dimensions and half; by default all.
 
     `held_out` is False for the half that may be tuned on, True for the other; the designs are in
-    both. Without the package
-    ioh those of BBOB are missing.
+    both. Without the package ioh those of BBOB are missing.
     """
     return [
         p
@@ -73,5 +72,5 @@ def load(
 
 
 def by_name(name: str) -> Problem:
-    """The problem of that name; KeyError if there is none."""
-    return {p.name: p for p in _all()}[name]
+    """The problem of that name, of BBOB of any instance; KeyError if there is none."""
+    return {p.name: p for p in _all()}.get(name) or bbob.by_name(name)

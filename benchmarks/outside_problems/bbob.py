@@ -3,6 +3,7 @@
 
 from __future__ import annotations
 
+import re
 from functools import cache
 from typing import Any, Sequence
 
@@ -40,28 +41,39 @@ class _Function:
         return value
 
 
+def problem(number: int, dimension: int, instance: int) -> Problem:
+    """One function, in its usual box. ImportError where ioh is not installed."""
+    best = _load(number, instance, dimension).optimum
+    return Problem(
+        name=f"bbob-f{number}-{dimension}D/{instance}",
+        kind=next(kind for last, kind in _GROUPS if number <= last),
+        instance=instance,
+        bounds=((-5.0, 5.0),) * dimension,
+        objective=_Function(number, instance, dimension),
+        f_star=best.y,
+        minimizer=tuple(best.x),
+    )
+
+
+def by_name(name: str) -> Problem:
+    """The function of that name, of any instance; KeyError where it is none."""
+    match = re.fullmatch(r"bbob-f(\d+)-(\d+)D/(\d+)", name)
+    if match is None:
+        raise KeyError(name)
+    return problem(*(int(number) for number in match.groups()))
+
+
 def problems(
     dimensions: Sequence[int] = DIMENSIONS, instances: Sequence[int] = INSTANCES
 ) -> list[Problem]:
-    """All functions, in their usual box; none where ioh is not installed."""
+    """All functions; none where ioh is not installed."""
     try:
         import ioh  # noqa: F401
     except ImportError:
         return []
-    found = []
-    for dimension in dimensions:
-        for number in range(1, 25):
-            for instance in instances:
-                best = _load(number, instance, dimension).optimum
-                found.append(
-                    Problem(
-                        name=f"bbob-f{number}-{dimension}D/{instance}",
-                        kind=next(kind for last, kind in _GROUPS if number <= last),
-                        instance=instance,
-                        bounds=((-5.0, 5.0),) * dimension,
-                        objective=_Function(number, instance, dimension),
-                        f_star=best.y,
-                        minimizer=tuple(best.x),
-                    )
-                )
-    return found
+    return [
+        problem(number, dimension, instance)
+        for dimension in dimensions
+        for number in range(1, 25)
+        for instance in instances
+    ]

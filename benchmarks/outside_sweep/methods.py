@@ -2,9 +2,9 @@
 """The methods that are compared, each known by an identifier.
 
 ``quenloft`` is `Quenloft.minimize` as it is, ``quenloft-plain`` without its local models;
-``quenloft:overestimation=3,batch=8`` passes options on. The peers are used as their manuals recommend, with a fine tolerance, and started again from
-another random point when they end before the budget. Methods of the box alone get a category as
-one more variable that is rounded down.
+``quenloft:overestimation=3,batch=8`` passes options on. The peers are used as their manuals
+recommend, with a fine tolerance, and started again from another random point when they end before
+the budget. Methods of the box alone get a category as one more variable that is rounded down.
 """
 
 from __future__ import annotations

@@ -17,7 +17,7 @@ sys.path.insert(0, str(BENCHMARKS))
 import outside  # noqa: E402
 from outside_problems import ALL_KINDS, DESIGNS, Problem, by_name, load  # noqa: E402
 from outside_problems.regression import REGRESSIONS  # noqa: E402
-from outside_sweep import methods  # noqa: E402
+from outside_sweep import methods, runs, scoring  # noqa: E402
 from outside_sweep.recorder import BudgetUsed, Recorder  # noqa: E402
 
 # ---- Problems
@@ -101,6 +101,27 @@ def test_a_recorder_counts_and_notes_what_is_reached_within_the_budget():
     assert recorder.count == 4
     assert recorder.reached == [2] + [4] * 7
     assert recorder.accuracy_within == [0.0] * 4
+
+
+def test_scores_count_goals_and_failed_constraints_hold_a_value_back():
+    barred = replace(SLOPE, f_star=-1.0, constraints=lambda x: (0.5 - x[0],))
+    recorder = Recorder(barred, 3)
+    for x in (0.1, 0.9, 0.1, 0.6):  # what is known already costs nothing
+        recorder([x])
+    assert recorder.count == 3 and recorder.best == 0.6
+    task = runs.Task("branin/1", "", "quenloft", "", 0, 500)
+    # 1e-1 within all four budgets, 1e-2 within the last two, 1e-4 too late, 1e-6 never.
+    run = runs.Run(task, (50, 101, None, 501, None, None, None, None), (None,) * 4, 500, 0.0, 0.0)
+    assert scoring.score_of_run(run) == 100 * 6 / 16
+
+
+def test_bbob_has_more_instances_than_the_set(tmp_path, capsys):
+    pytest.importorskip("ioh")
+    arguments = ["--methods", "quenloft", "--quiet", "--out", str(tmp_path), "--budget", "20"]
+    arguments += ["--bbob-instances", "71-72", "--dimensions", "2", "--kinds", "BBOB 6-9, moderate"]
+    assert outside.main(arguments) == 0
+    assert by_name("bbob-f9-2D/72").instance == 72
+    assert "8" in capsys.readouterr().out.splitlines()[2].split()
 
 
 # ---- Methods
