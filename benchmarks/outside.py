@@ -114,7 +114,7 @@ def parse_arguments(arguments: Optional[list[str]] = None) -> argparse.Namespace
 
 
 def chosen_problems(options: argparse.Namespace) -> list[outside_problems.Problem]:
-    if options.bbob_instances:
+    if options.bbob_instances is not None:
         bbob = outside_problems.bbob
         found = [
             p

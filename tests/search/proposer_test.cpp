@@ -192,7 +192,7 @@ TEST(Proposer, ListsTheLowestMinimaRefined) {
 }
 
 // Ripples that grow with the distance from the bottom of a funnel (Schaffer's function): local
-// minima say little of where it is. Without a trend the mean is twice as high.
+// minima say little of where it is. Without a trend the mean is above 1.
 TEST(Proposer, FindsTheBottomOfAFunnelThroughItsRipples) {
   const std::vector<double> bottoms = {-4.4, -3.3, -2.6, -1.7, -0.9, 0.4,
                                        1.2,  1.9,  2.7,  3.3,  4.1,  4.9};
