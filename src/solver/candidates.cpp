@@ -201,7 +201,6 @@ void Candidates::UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSou
 
 void Candidates::FillList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
                           double ClassedSegment::*key, SegmentSource& source) {
-  bounds.Settle();
   // Then every global key must be computed anew.
   const bool is_outdated = classes_[c].slope_changed && &list == &classes_[c].global;
   const auto rank_of = [this](std::uint32_t position) { return RankOf(position); };

@@ -32,8 +32,8 @@ class ListDemand {
  public:
   // Of a list that wants everything.
   ListDemand() = default;
-  // Of a list and the bounds of its class, which are settled. `rank_of(position)` is the rank
-  // by which the bounds know the trial.
+  // Of a list and the bounds of its class. `rank_of(position)` is the rank by which the bounds
+  // know the trial.
   template <typename RankOf>
   ListDemand(const CandidateList& list, KeyBounds& bounds, RankOf rank_of);
 

@@ -48,7 +48,6 @@ TEST(KeyBounds, AnswersAsAListOfAllKeys) {
         bounds.Rollback();
         model = model_before;
       }
-      bounds.Settle();
       std::vector<double> known;
       std::size_t unknown = 0;
       for (std::uint32_t rank = 0; rank < model.size() + 3; ++rank) {

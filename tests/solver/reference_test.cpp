@@ -278,7 +278,6 @@ TEST(ListDemand, PassesOverTrialsThatLeaveNoTrace) {
       list.Offer(candidate, UpdateMode::kFull);
       plain.Offer(candidate, true);
     }
-    bounds.Settle();
     const ListDemand demand(list, bounds, [](std::uint32_t position) { return position; });
     demand.Prepare(list);
     std::vector<std::uint32_t> needed;
