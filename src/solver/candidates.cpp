@@ -50,8 +50,7 @@ std::uint32_t Candidates::BestClass(StepKind kind, const Preference& preference)
 void Candidates::Prefetch(std::uint32_t position) const {
   if (combination_count_ > 1) return;  // its bounds are looked for in another place
   for (const Bounds& bounds : bounds_) {
-    bounds.local.Prefetch(position);
-    bounds.global.Prefetch(position);
+    for (const KeyBounds& of_kind : bounds.of) of_kind.Prefetch(position);
   }
 }
 
@@ -92,8 +91,7 @@ void Candidates::Update(const Disturbance& disturbance, SegmentSource& source) {
     MarkStale(disturbance);
     if (!ClearOutdatedLists()) return UpdateIncrementally(disturbance, source);
     for (Class& its : classes_) {
-      its.local.Commit();
-      its.global.Commit();
+      for (CandidateList& list : its.list.of) list.Commit();
     }
   }
   UpdateAll(disturbance.rebuilt, source);
@@ -106,18 +104,19 @@ void Candidates::UpdateIncrementally(const Disturbance& disturbance, SegmentSour
     for (std::size_t i = 0; i < count; ++i) {
       const ClassedSegment& segment = segments_[i];
       Class& its = classes_[segment.segment_class];
-      its.local.Stage({segment.local_key, position, segment.test});
-      its.global.Stage({segment.global_key, position, segment.test});
+      for (const StepKind kind : kStepKinds) {
+        its.list[kind].Stage({segment.key[kind], position, segment.test});
+      }
     }
     work_.offers += 2 * count;
   }
   const bool are_all_new = disturbance.rescored.size() == disturbance.rebuilt.size();
   for (Class& its : classes_) {
-    for (CandidateList* const list : {&its.local, &its.global}) {
+    for (CandidateList& list : its.list.of) {
       if (are_all_new) {
-        list->Commit();
+        list.Commit();
       } else {
-        list->CommitInTurn();
+        list.CommitInTurn();
       }
     }
   }
@@ -144,23 +143,22 @@ void Candidates::ForgetSlopeChanges() {
 void Candidates::MarkStale(const Disturbance& disturbance) {
   for (std::uint32_t c = 0; c < ClassCount(); ++c) {
     const bool may_be_stale = c % combination_count_ == disturbance.combination;
-    const auto mark = [&](CandidateList& list, const KeyBounds& bounds) {
-      if (!may_be_stale && !list.HasUnorderedKeys()) return;
+    for (const StepKind kind : kStepKinds) {
+      CandidateList& list = classes_[c].list[kind];
+      if (!may_be_stale && !list.HasUnorderedKeys()) continue;
       in_list_.clear();
       if (!list.IsEmpty()) {
         const double least = list.LeastKey();
         for (const std::uint32_t position : disturbance.rebuilt) {
           if (list.HasUnorderedKeys() || stage_ == Stage::kIncremental ||
-              !(bounds[RankOf(position)] < least)) {
+              !(bounds_[c][kind][RankOf(position)] < least)) {
             in_list_.push_back(position);
           }
         }
       }
       if (!in_list_.empty()) work_.entries_visited += list.Size();
       list.MarkStale(in_list_.data(), in_list_.size());
-    };
-    mark(classes_[c].local, bounds_[c].local);
-    mark(classes_[c].global, bounds_[c].global);
+    }
   }
 }
 
@@ -170,9 +168,9 @@ void Candidates::MarkStale(const Disturbance& disturbance) {
 bool Candidates::ClearOutdatedLists() {
   bool some_ran_dry = false;
   for (Class& its : classes_) {
-    if (its.slope_changed) its.global.Clear();
-    for (const CandidateList* const list : {&its.local, &its.global}) {
-      some_ran_dry |= list->IsUsed() && list->StayingCount() == 0;
+    if (its.slope_changed) its.list[StepKind::kGlobal].Clear();
+    for (const CandidateList& list : its.list.of) {
+      some_ran_dry |= list.IsUsed() && list.StayingCount() == 0;
     }
   }
   return some_ran_dry;
@@ -188,21 +186,17 @@ void Candidates::UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSou
   }
   for (const std::uint32_t position : rebuilt) Rescore(position, source);
   for (; filled_count_ < 2 * ClassCount(); ++filled_count_) {
-    const std::uint32_t c = filled_count_ / 2;
-    if (filled_count_ % 2 == 0) {
-      FillList(c, classes_[c].global, bounds_[c].global, &ClassedSegment::global_key, source);
-    } else {
-      FillList(c, classes_[c].local, bounds_[c].local, &ClassedSegment::local_key, source);
-    }
+    FillList(filled_count_ / 2, kStepKinds[filled_count_ % 2], source);
   }
   ForgetSlopeChanges();
   stage_ = Stage::kNone;
 }
 
-void Candidates::FillList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
-                          double ClassedSegment::*key, SegmentSource& source) {
+void Candidates::FillList(std::uint32_t c, StepKind kind, SegmentSource& source) {
+  CandidateList& list = classes_[c].list[kind];
+  KeyBounds& bounds = bounds_[c][kind];
   // Then every global key must be computed anew.
-  const bool is_outdated = classes_[c].slope_changed && &list == &classes_[c].global;
+  const bool is_outdated = classes_[c].slope_changed && kind == StepKind::kGlobal;
   const auto rank_of = [this](std::uint32_t position) { return RankOf(position); };
   const ListDemand demand = is_outdated ? ListDemand() : ListDemand(list, bounds, rank_of);
   const auto needs = [&](double bound, std::size_t first, std::size_t end) {
@@ -221,8 +215,9 @@ void Candidates::FillList(std::uint32_t c, CandidateList& list, KeyBounds& bound
     const std::size_t count =
         is_outdated ? Rescore(position, source) : source.SegmentsOf(position, segments_);
     for (const ClassedSegment* segment = segments_; segment != segments_ + count; ++segment) {
-      if (segment->segment_class != c || !demand.Wants(segment->*key)) continue;
-      list.Offer({segment->*key, position, segment->test}, UpdateMode::kFull);
+      const double key = segment->key[kind];
+      if (segment->segment_class != c || !demand.Wants(key)) continue;
+      list.Offer({key, position, segment->test}, UpdateMode::kFull);
       ++work_.offers;
     }
   }
@@ -231,17 +226,17 @@ void Candidates::FillList(std::uint32_t c, CandidateList& list, KeyBounds& bound
 // Reads the segments of a trial and keeps their best keys. Returns their number.
 std::size_t Candidates::Rescore(std::uint32_t position, SegmentSource& source) {
   const std::size_t count = source.SegmentsOf(position, segments_);
-  for (BestKeys& best : best_keys_) best = BestKeys();
+  for (PerKind<double>& best : best_keys_) best = {{KeyBounds::kAbsent, KeyBounds::kAbsent}};
   for (const ClassedSegment* segment = segments_; segment != segments_ + count; ++segment) {
-    BestKeys& best = best_keys_[segment->segment_class / combination_count_];
-    best.local = KeyBounds::Better(best.local, segment->local_key);
-    best.global = KeyBounds::Better(best.global, segment->global_key);
+    PerKind<double>& best = best_keys_[segment->segment_class / combination_count_];
+    for (const StepKind kind : kStepKinds) {
+      best[kind] = KeyBounds::Better(best[kind], segment->key[kind]);
+    }
   }
   const std::uint32_t rank = RankOf(position);
   std::uint32_t c = source.CombinationOf(position);
-  for (const BestKeys& best : best_keys_) {
-    bounds_[c].local.Set(rank, best.local);
-    bounds_[c].global.Set(rank, best.global);
+  for (const PerKind<double>& best : best_keys_) {
+    for (const StepKind kind : kStepKinds) bounds_[c][kind].Set(rank, best[kind]);
     c += combination_count_;
   }
   return count;
@@ -250,8 +245,7 @@ std::size_t Candidates::Rescore(std::uint32_t position, SegmentSource& source) {
 void Candidates::Checkpoint() {
   remembered_ = {classes_, max_slope_, slopes_changed_, trial_count_};
   for (Bounds& bounds : bounds_) {
-    bounds.local.Checkpoint();
-    bounds.global.Checkpoint();
+    for (KeyBounds& of_kind : bounds.of) of_kind.Checkpoint();
   }
 }
 
@@ -262,8 +256,7 @@ void Candidates::Rollback() {
   stage_ = Stage::kNone;
   TakeBack(remembered_.trial_count);
   for (Bounds& bounds : bounds_) {
-    bounds.local.Rollback();
-    bounds.global.Rollback();
+    for (KeyBounds& of_kind : bounds.of) of_kind.Rollback();
   }
 }
 

@@ -18,13 +18,21 @@ namespace QuenloftSolver {
 
 // Global steps go by the slopes of classes, local ones by those of trials.
 enum class StepKind { kGlobal, kLocal };
+inline constexpr StepKind kStepKinds[] = {StepKind::kGlobal, StepKind::kLocal};
+
+// One for each kind of step.
+template <typename T>
+struct PerKind {
+  T of[2];
+  T& operator[](StepKind kind) { return of[static_cast<std::size_t>(kind)]; }
+  const T& operator[](StepKind kind) const { return of[static_cast<std::size_t>(kind)]; }
+};
 
 // An entry of a trial's neighbour table as the lists take it, its keys computed.
 struct ClassedSegment {
   std::uint32_t segment_class;
   std::int32_t test;
-  double global_key;
-  double local_key;
+  PerKind<double> key;
 };
 
 // Who knows the segments.
@@ -104,10 +112,8 @@ class Candidates {
   // The class of the best candidate, keys being made comparable by the slopes; of equal ones
   // the lowest. Throws SearchExhausted where there is none.
   std::uint32_t BestClass(StepKind kind, const Preference& preference) const;
-  Candidate TakeBest(StepKind kind, std::uint32_t c) { return ListOf(kind, c).TakeBest(); }
-  const CandidateList& List(StepKind kind, std::uint32_t c) const {
-    return kind == StepKind::kLocal ? classes_[c].local : classes_[c].global;
-  }
+  Candidate TakeBest(StepKind kind, std::uint32_t c) { return classes_[c].list[kind].TakeBest(); }
+  const CandidateList& List(StepKind kind, std::uint32_t c) const { return classes_[c].list[kind]; }
 
   // Asks memory for what an update will read of a trial.
   void Prefetch(std::uint32_t position) const;
@@ -133,15 +139,11 @@ class Candidates {
 
  private:
   struct Class {
-    CandidateList local;
-    CandidateList global;
+    PerKind<CandidateList> list;
     double slope = 0.0;
     bool slope_changed = false;  // since the last update
   };
-  struct Bounds {
-    KeyBounds local;
-    KeyBounds global;
-  };
+  using Bounds = PerKind<KeyBounds>;
   struct State {
     std::vector<Class> classes;
     double max_slope = 0.0;
@@ -149,9 +151,6 @@ class Candidates {
     std::uint32_t trial_count = 0;
   };
 
-  CandidateList& ListOf(StepKind kind, std::uint32_t c) {
-    return kind == StepKind::kLocal ? classes_[c].local : classes_[c].global;
-  }
   // A trial's number among those of its combination, and back.
   std::uint32_t RankOf(std::uint32_t position) const {
     return combination_count_ == 1 ? position : ranks_[position];
@@ -166,8 +165,7 @@ class Candidates {
   void UpdateIncrementally(const Disturbance& disturbance, SegmentSource& source);
   void ForgetSlopeChanges();
   void UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSource& source);
-  void FillList(std::uint32_t c, CandidateList& list, KeyBounds& bounds,
-                double ClassedSegment::*key, SegmentSource& source);
+  void FillList(std::uint32_t c, StepKind kind, SegmentSource& source);
   std::size_t Rescore(std::uint32_t position, SegmentSource& source);
 
   std::uint32_t combination_count_;
@@ -190,11 +188,7 @@ class Candidates {
 
   Scratch<std::vector<std::uint32_t>> in_list_;  // rebuilt trials that may be in the list at hand
   Scratch<std::vector<std::uint32_t>> needed_;   // ranks
-  struct BestKeys {
-    double local = KeyBounds::kAbsent;
-    double global = KeyBounds::kAbsent;
-  };
-  std::vector<BestKeys> best_keys_;  // of the trial at hand, one for each index
+  std::vector<PerKind<double>> best_keys_;       // of the trial at hand, one for each index
   ClassedSegment segments_[SegmentSource::kMostSegments];
   UpdateCounters work_;
 };

@@ -69,8 +69,9 @@ std::size_t Solver<N>::SegmentsOf(std::uint32_t position, ClassedSegment* segmen
       store_.Change(position).neighbours[count].global_characteristic =
           characteristic(slopes.global);
     }
-    segments[count] = {slopes.its_class, segment.test, segment.global_characteristic,
-                       segment.local_characteristic};
+    segments[count] = {slopes.its_class,
+                       segment.test,
+                       {{segment.global_characteristic, segment.local_characteristic}}};
   }
   return count;
 }
