@@ -18,69 +18,41 @@
 namespace QuenloftSolver {
 namespace {
 
-using Lanes = std::uint32_t __attribute__((vector_size(16)));
-constexpr std::size_t kVectors = 4;
-constexpr std::size_t kHalf = kVectors * sizeof(Lanes) / sizeof(std::uint32_t);
-
-// Which lanes of kVectors vectors are set. All bits of a lane are alike.
-std::uint32_t SetLanes(const Lanes* lanes) {
-#if defined(__x86_64__)
-  const auto* const v = reinterpret_cast<const __m128i*>(lanes);
-  return static_cast<std::uint32_t>(
-      _mm_movemask_epi8(_mm_packs_epi16(_mm_packs_epi32(v[0], v[1]), _mm_packs_epi32(v[2], v[3]))));
-#else
-  std::uint32_t bits = 0;
-  for (std::size_t j = 0; j < kHalf; ++j) bits |= (lanes[j / 4][j % 4] & 1) << j;
-  return bits;
-#endif
-}
-
 // Bit j of the result tells whether the j-th of kScanned positions is one of the `count` sought.
 using PositionScan = std::uint32_t (*)(const std::uint32_t* positions, const std::uint32_t* sought,
                                        std::size_t count);
 
 std::uint32_t Scan(const std::uint32_t* positions, const std::uint32_t* sought, std::size_t count) {
-  std::uint32_t bits = 0;
-  for (std::size_t half = 0; half < kScanned; half += kHalf) {
-    Lanes block[kVectors];
-    for (std::size_t v = 0; v < kVectors; ++v) {
-      std::memcpy(&block[v], positions + half + 4 * v, sizeof(Lanes));
-    }
-    Lanes equal[kVectors] = {};
-    for (std::size_t i = 0; i < count; ++i) {
-      const Lanes position = Lanes{} + sought[i];
-      for (std::size_t v = 0; v < kVectors; ++v) {
-        equal[v] |= reinterpret_cast<Lanes>(block[v] == position);
-      }
-    }
-    bits |= SetLanes(equal) << half;
+  std::uint32_t equal[kScanned] = {};
+  for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t j = 0; j < kScanned; ++j) equal[j] |= positions[j] == sought[i] ? 1 : 0;
   }
+  std::uint32_t bits = 0;
+  for (std::size_t j = 0; j < kScanned; ++j) bits |= equal[j] << j;
   return bits;
 }
 
 #if defined(__x86_64__)
-// Still wider vectors would do no better where they take two passes.
+// Compilers do not find the packing: in two dimensions a search takes a fifth longer with the
+// loops above. Still wider vectors would do no better where they take two passes.
 [[gnu::target("avx2")]] std::uint32_t ScanWide(const std::uint32_t* positions,
                                                const std::uint32_t* sought, std::size_t count) {
-  const auto* const block = reinterpret_cast<const __m256i*>(positions);
-  const __m256i a = _mm256_loadu_si256(block);
-  const __m256i b = _mm256_loadu_si256(block + 1);
-  const __m256i c = _mm256_loadu_si256(block + 2);
-  const __m256i d = _mm256_loadu_si256(block + 3);
-  __m256i equal_a = _mm256_setzero_si256();
-  __m256i equal_b = equal_a;
-  __m256i equal_c = equal_a;
-  __m256i equal_d = equal_a;
+  const auto* const blocks = reinterpret_cast<const __m256i*>(positions);
+  __m256i block[4];
+  __m256i equal[4];
+  for (int v = 0; v < 4; ++v) {
+    block[v] = _mm256_loadu_si256(blocks + v);
+    equal[v] = _mm256_setzero_si256();
+  }
   for (std::size_t i = 0; i < count; ++i) {
     const __m256i position = _mm256_set1_epi32(static_cast<std::int32_t>(sought[i]));
-    equal_a = _mm256_or_si256(equal_a, _mm256_cmpeq_epi32(a, position));
-    equal_b = _mm256_or_si256(equal_b, _mm256_cmpeq_epi32(b, position));
-    equal_c = _mm256_or_si256(equal_c, _mm256_cmpeq_epi32(c, position));
-    equal_d = _mm256_or_si256(equal_d, _mm256_cmpeq_epi32(d, position));
+    for (int v = 0; v < 4; ++v) {
+      equal[v] = _mm256_or_si256(equal[v], _mm256_cmpeq_epi32(block[v], position));
+    }
   }
   // A byte each. Packing takes four at a time from the lower and the upper halves in turn.
-  const __m256i bytes = _mm256_packs_epi16(_mm256_packs_epi32(equal_a, equal_b),
-                                           _mm256_packs_epi32(equal_c, equal_d));
+  const __m256i bytes = _mm256_packs_epi16(_mm256_packs_epi32(equal[0], equal[1]),
+                                           _mm256_packs_epi32(equal[2], equal[3]));
   const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
   return static_cast<std::uint32_t>(
       _mm256_movemask_epi8(_mm256_permutevar8x32_epi32(bytes, order)));
@@ -186,13 +158,45 @@ void CandidateList::CommitInTurn() {
 }
 
 void CandidateList::CommitPlaced() {
-  PlaceStaged();
-  const Progress start = DropSurplus();
-  MakeRoom(start.place + std::min(TotalCount(), kListCapacity));
-  const std::size_t end = Rearrange(start);
-  begin_ += start.place;
-  size_ = end - start.place;
+  RemoveStale();
+  SortStaged();
+  // What the list has no room for.
+  if (staged_.size() > kListCapacity) {
+    staged_.erase(staged_.begin(), staged_.end() - static_cast<std::ptrdiff_t>(kListCapacity));
+  }
+  PlaceAmong(Keys(), size_, std::less_equal<>());
+  InsertStaged();
   staged_.clear();
+}
+
+// Moves each stretch between two of them once.
+void CandidateList::RemoveStale() {
+  if (stale_count_ == 0) return;
+  const std::uint32_t* const places = stale_.front().places;
+  std::size_t out = places[0];
+  for (std::size_t s = 0; s < stale_count_; ++s) {
+    const std::size_t from = places[s] + std::size_t{1};
+    const std::size_t end = s + 1 < stale_count_ ? places[s + 1] : size_;
+    MoveEntries(from, out, end - from);
+    out += end - from;
+  }
+  size_ = out;
+}
+
+// Each behind equal keys, which are older; moves each stretch between two of them once.
+void CandidateList::InsertStaged() {
+  const std::size_t total = size_ + staged_.size();
+  MakeRoom(total);
+  std::size_t end = size_;
+  for (std::size_t rest = staged_.size(); rest > 0; --rest) {
+    const Staged& staged = staged_[rest - 1];
+    MoveEntries(staged.place, staged.place + rest, end - staged.place);
+    Write(staged.place + rest - 1, staged.candidate);
+    end = staged.place;
+  }
+  const std::size_t surplus = total - std::min(total, kListCapacity);
+  begin_ += surplus;
+  size_ = total - surplus;
 }
 
 std::size_t CandidateList::LeastCount() const {
@@ -204,71 +208,6 @@ void CandidateList::ForgetLeast() {
   const std::size_t count = LeastCount();
   begin_ += count;
   size_ -= count;
-}
-
-// Passes over what leaves the list at its front: stale entries, and the least ones beyond
-// the capacity, listed or staged. The window begins at the first that is left.
-CandidateList::Progress CandidateList::DropSurplus() const {
-  std::size_t surplus = TotalCount() - std::min(TotalCount(), kListCapacity);
-  Progress at;
-  for (;;) {
-    const bool comes = at.coming < staged_.size() && staged_[at.coming].place <= at.place;
-    if (!comes && at.going < stale_count_ && stale_.front().places[at.going] == at.place) {
-      ++at.going;
-      ++at.place;
-    } else if (surplus > 0) {
-      ++(comes ? at.coming : at.place);
-      --surplus;
-    } else {
-      return at;
-    }
-  }
-}
-
-// Moves each stretch between places where something goes or comes once: those that move
-// towards the front first, from the front on, then the others, from the end on. So each
-// finds its new place free: stretches keep their order, hence none ends where one of the
-// other kind still has to leave. Returns where the list then ends.
-std::size_t CandidateList::Rearrange(const Progress& start) {
-  std::size_t going = start.going;
-  std::size_t coming = start.coming;
-  std::size_t in = start.place;
-  std::size_t out = start.place;
-  std::size_t rising_count = 0;
-  const auto pass_until = [&](std::size_t end) {
-    assert(in <= end);
-    const std::size_t count = end - in;
-    if (out < in) {
-      MoveEntries(in, out, count);
-    } else if (out > in && count > 0) {
-      stale_.front().rising[rising_count++] = {static_cast<std::uint32_t>(in),
-                                               static_cast<std::uint32_t>(out),
-                                               static_cast<std::uint32_t>(count)};
-    }
-    in += count;
-    out += count;
-  };
-  while (going < stale_count_ || coming < staged_.size()) {
-    const bool comes =
-        coming < staged_.size() &&
-        (going == stale_count_ || staged_[coming].place <= stale_.front().places[going]);
-    if (comes) {
-      pass_until(staged_[coming].place);
-      staged_[coming++].place = static_cast<std::uint32_t>(out++);
-    } else {
-      pass_until(stale_.front().places[going++]);
-      ++in;
-    }
-  }
-  pass_until(size_);
-  while (rising_count > 0) {
-    const Stretch& rising = stale_.front().rising[--rising_count];
-    MoveEntries(rising.from, rising.to, rising.count);
-  }
-  for (std::size_t s = start.coming; s < staged_.size(); ++s) {
-    Write(staged_[s].place, staged_[s].candidate);
-  }
-  return out;
 }
 
 void CandidateList::Reserve() {
@@ -367,21 +306,9 @@ void CandidateList::SortStaged() {
   });
 }
 
-// Behind equal keys, which are older.
-void CandidateList::PlaceStaged() {
-  SortStaged();
-  PlaceAmong(Keys(), size_, std::less_equal<>());
-}
-
-// Moves the fewer, those below or those above.
 void CandidateList::Insert(std::size_t place, const Candidate& candidate) {
-  if (place < size_ / 2 && begin_ > 0) {
-    --begin_;
-    MoveEntries(1, 0, place);
-  } else {
-    MakeRoom(size_ + 1);
-    MoveEntries(place, place + 1, size_ - place);
-  }
+  MakeRoom(size_ + 1);
+  MoveEntries(place, place + 1, size_ - place);
   ++size_;
   Write(place, candidate);
 }

@@ -35,7 +35,7 @@ enum class UpdateMode { kFull, kIncremental };
 //   (3) No candidate stands twice.
 // Cost: Offer O(log size) to find and one move of the better entries; TakeBest
 // O(1); MarkStale one pass over positions; Stage O(1); Commit O(log size) for each staged
-// candidate and one move of what stands above the least change.
+// candidate and two moves of what stands above the least change.
 // Memory: storage is allocated by Reserve or the first offer of a full update, and never
 // again. MarkStale and Stage change nothing but the update under way, so where memory runs
 // out it may be begun anew. Commit, and any Offer once there is storage, allocate nothing.
@@ -73,7 +73,8 @@ class CandidateList {
   // list once, and inserts offers one by one, each of which moves what is better: half
   // of all instructions of a step at N = 2. But most segments of a rebuilt table come
   // back as they were. So Commit lets a stale candidate stand that was staged with the
-  // same key, and moves each stretch between two real changes once.
+  // same key, and moves what stands between real changes once for those that go and once for
+  // those that come.
   // The outcome is that of one offer after the other: a full list loses its least
   // entries whatever the order, and of equal keys only those stand that the offers bring
   // back in the order in which they stand, behind all that was not stale and before all
@@ -118,28 +119,16 @@ class CandidateList {
     std::int32_t tests[kRoom];
   };
   enum class Fate : std::uint8_t { kMayStay, kStays, kGoes };
-  struct Stretch {
-    std::uint32_t from;
-    std::uint32_t to;
-    std::uint32_t count;
-  };
   // In ascending order of places, so of keys.
   struct Stale {
     std::uint32_t places[kListCapacity + kScanned];
     double keys[kListCapacity];
     Fate fates[kListCapacity];
-    Stretch rising[kListCapacity];  // to be moved towards the end
   };
   struct Staged {
     Candidate candidate;
     std::uint32_t number;  // in the order of offers
-    std::uint32_t place;   // of the entry before which it comes; then its own
-  };
-  // Of a pass over entries, stale places and staged candidates at once.
-  struct Progress {
-    std::size_t place = 0;
-    std::size_t going = 0;
-    std::size_t coming = 0;
+    std::uint32_t place;   // of the entry before which it comes
   };
   const double* Keys() const { return storage_.front().keys + begin_; }
   const std::uint32_t* Positions() const { return storage_.front().positions + begin_; }
@@ -153,11 +142,9 @@ class CandidateList {
   template <typename ComesBefore>
   void PlaceAmong(const double* keys, std::size_t count, ComesBefore comes_before);
   void SortStaged();
-  void PlaceStaged();
   void CommitPlaced();
-  std::size_t TotalCount() const { return size_ - stale_count_ + staged_.size(); }
-  Progress DropSurplus() const;
-  std::size_t Rearrange(const Progress& start);
+  void RemoveStale();
+  void InsertStaged();
   void Insert(std::size_t place, const Candidate& candidate);
   void MakeRoom(std::size_t end);
   void MoveEntries(std::size_t from, std::size_t to, std::size_t count);
