@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <new>
 #include <vector>
@@ -34,6 +35,13 @@ inline void FetchLinesToWrite(const void* begin, std::size_t bytes) {
     __asm__ volatile("");
 #endif
   }
+}
+
+// What stands `distance` places behind the i-th of some items, or the last of them: to be fetched
+// in a loop over items that may stand anywhere in memory.
+template <typename Items>
+const auto& Ahead(const Items& items, std::size_t i, std::size_t distance) {
+  return items[std::min(i + distance, items.size() - 1)];
 }
 
 template <typename T>

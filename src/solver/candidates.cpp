@@ -99,7 +99,9 @@ void Candidates::Update(const Disturbance& disturbance, SegmentSource& source) {
 
 void Candidates::UpdateIncrementally(const Disturbance& disturbance, SegmentSource& source) {
   stage_ = Stage::kIncremental;
-  for (const std::uint32_t position : disturbance.rescored) {
+  for (std::size_t k = 0; k < disturbance.rescored.size(); ++k) {
+    const std::uint32_t position = disturbance.rescored[k];
+    source.Prefetch(Ahead(disturbance.rescored, k, 3));
     const std::size_t count = Rescore(position, source);
     for (std::size_t i = 0; i < count; ++i) {
       const ClassedSegment& segment = segments_[i];
@@ -207,10 +209,8 @@ void Candidates::FillList(std::uint32_t c, StepKind kind, SegmentSource& source)
   list.Reserve();
   demand.Prepare(list);
   work_.visited += needed_.size();
-  constexpr std::size_t kAhead = 8;  // they stand anywhere in memory
   for (std::size_t i = 0; i < needed_.size(); ++i) {
-    const std::size_t ahead = std::min(i + kAhead, needed_.size() - 1);
-    source.Prefetch(PositionOf(needed_[ahead], c % combination_count_));
+    source.Prefetch(PositionOf(Ahead(needed_, i, 8), c % combination_count_));
     const std::uint32_t position = PositionOf(needed_[i], c % combination_count_);
     const std::size_t count =
         is_outdated ? Rescore(position, source) : source.SegmentsOf(position, segments_);

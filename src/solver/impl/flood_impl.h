@@ -95,6 +95,7 @@ std::size_t Refresh<N>::TakeRingWithinExtent(std::size_t ring_begin) {
   std::uint32_t* seen = seen_.data();
   std::size_t seen_count = 0;
   for (std::size_t i = ring_begin; i < ring_end; ++i) {
+    FetchLines(&store_->Row(Ahead(listed_, i, 8)), sizeof(FloodRow<N>));
     for (const std::uint32_t position : store_->Row(listed_[i]).neighbours) {
       seen[seen_count] = position;
       std::uint32_t& met_by = store_->MetBy(position);

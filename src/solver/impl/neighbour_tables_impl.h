@@ -47,7 +47,9 @@ void Refresh<N>::ListRebuilt() {
   rescored_.reserve(listed_.size());
   rebuilt_.clear();
   rebuilt_positions_.clear();
-  for (const std::uint32_t position : listed_) {
+  for (std::size_t i = 0; i < listed_.size(); ++i) {
+    const std::uint32_t position = listed_[i];
+    FetchLines(&(*store_)[Ahead(listed_, i, 8)].extent, sizeof(Extent<N>));
     is_listed_.Set(position);
     const Test<N>& trial = (*store_)[position];
     if (trial.extent.Contains(newest) || !trial.extent.IsSet()) {
@@ -75,6 +77,8 @@ void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, cons
     columns_.Set(i, candidates[i], (*store_)[candidates[i]], rules.best_index);
   };
   const auto rebuild = [&](TableWorker<N>& worker, std::size_t i) {
+    // The one that this thread will probably take next; another may have written it last.
+    store_->PrefetchTable(Ahead(rebuilt_, i, static_cast<std::size_t>(threads)).position);
     worker.Rebuild(rebuilt_[i], columns_, is_listed_, rules, *store_);
   };
   if (threads == 1) {
@@ -89,8 +93,6 @@ void Refresh<N>::RebuildAmong(const std::vector<std::uint32_t>& candidates, cons
 #pragma omp for schedule(dynamic) nowait
       for (std::size_t i = 0; i < rebuilt_.size(); ++i) rebuild(worker, i);
     }
-    // What one core has written another waits for, line by line.
-    for (const RebuiltTable& table : rebuilt_) store_->PrefetchTable(table.position);
   }
   ResolveLocalMarks();
 }

@@ -16,7 +16,6 @@ void TableWorker<N>::Rebuild(RebuiltTable& table, const CandidateColumns<N>& can
   using Base = SolverBase::TestBase;
   const Test<N>& trial = store[table.position];
   table.radius_before = trial.radius;
-  store.PrefetchTable(table.position);  // another thread may have written it last
 
   selection_.Begin(trial, candidates);
   // Listed ones stand in the columns; so does the trial itself. Which are cannot be foreseen,
