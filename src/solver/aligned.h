@@ -24,19 +24,6 @@ inline void FetchLines(const void* begin, std::size_t bytes) {
   }
 }
 
-// The same to write them: another core gives them up.
-inline void FetchLinesToWrite(const void* begin, std::size_t bytes) {
-  for (std::size_t byte = 0; byte < bytes; byte += kCacheLine) {
-    const char* const line = static_cast<const char*>(begin) + byte;
-#if defined(__x86_64__)
-    __asm__ volatile("prefetchw %0" : : "m"(*line));
-#else
-    __builtin_prefetch(line, 1);
-    __asm__ volatile("");
-#endif
-  }
-}
-
 // What stands `distance` places behind the i-th of some items, or the last of them: to be fetched
 // in a loop over items that may stand anywhere in memory.
 template <typename Items>

@@ -159,7 +159,11 @@ void CandidateList::CommitInTurn() {
 
 void CandidateList::CommitPlaced() {
   RemoveStale();
-  SortStaged();
+  // Equal keys in the order of offers.
+  std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
+    return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
+                                              : a.number < b.number;
+  });
   // What the list has no room for.
   if (staged_.size() > kListCapacity) {
     staged_.erase(staged_.begin(), staged_.end() - static_cast<std::ptrdiff_t>(kListCapacity));
@@ -232,16 +236,14 @@ void CandidateList::FindStale(const std::uint32_t* rebuilt, std::size_t count) {
 }
 
 void CandidateList::MarkUnsetKeys() {
-  std::size_t stale = 0;
-  std::size_t marked_count = 0;
-  std::uint32_t marked[kListCapacity];
+  std::uint32_t* const places = stale_.front().places;
+  const std::vector<std::uint32_t> marked(places, places + stale_count_);
+  stale_count_ = 0;
   for (std::uint32_t i = 0; i < size_; ++i) {
-    const bool is_marked = stale < stale_count_ && stale_.front().places[stale] == i;
-    stale += is_marked ? 1 : 0;
-    if (is_marked || Keys()[i] == kUnset) marked[marked_count++] = i;
+    if (Keys()[i] == kUnset || std::binary_search(marked.begin(), marked.end(), i)) {
+      places[stale_count_++] = i;
+    }
   }
-  std::copy_n(marked, marked_count, stale_.front().places);
-  stale_count_ = marked_count;
 }
 
 // What stands before an equal key that is not stale comes behind it when it comes back,
@@ -296,14 +298,6 @@ void CandidateList::PlaceAmong(const double* keys, std::size_t count, ComesBefor
     }
     count -= half;
   }
-}
-
-// In ascending order of keys, equal ones in that of offers.
-void CandidateList::SortStaged() {
-  std::sort(staged_.begin(), staged_.end(), [](const Staged& a, const Staged& b) {
-    return a.candidate.key != b.candidate.key ? a.candidate.key < b.candidate.key
-                                              : a.number < b.number;
-  });
 }
 
 void CandidateList::Insert(std::size_t place, const Candidate& candidate) {

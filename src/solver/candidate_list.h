@@ -141,7 +141,6 @@ class CandidateList {
   void LetStand();
   template <typename ComesBefore>
   void PlaceAmong(const double* keys, std::size_t count, ComesBefore comes_before);
-  void SortStaged();
   void CommitPlaced();
   void RemoveStale();
   void InsertStaged();

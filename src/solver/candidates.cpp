@@ -47,13 +47,6 @@ std::uint32_t Candidates::BestClass(StepKind kind, const Preference& preference)
   return best;
 }
 
-void Candidates::Prefetch(std::uint32_t position) const {
-  if (combination_count_ > 1) return;  // its bounds are looked for in another place
-  for (const Bounds& bounds : bounds_) {
-    for (const KeyBounds& of_kind : bounds.of) of_kind.Prefetch(position);
-  }
-}
-
 void Candidates::Reserve(std::uint32_t combination) {
   if (combination_count_ == 1) return;
   ReserveOneMore(ranks_);
@@ -122,11 +115,11 @@ void Candidates::UpdateIncrementally(const Disturbance& disturbance, SegmentSour
       }
     }
   }
-  ForgetSlopeChanges();
-  stage_ = Stage::kNone;
+  EndUpdate();
 }
 
-void Candidates::ForgetSlopeChanges() {
+void Candidates::EndUpdate() {
+  stage_ = Stage::kNone;
   if (slopes_changed_) {
     for (Class& its : classes_) its.slope_changed = false;
   }
@@ -190,8 +183,7 @@ void Candidates::UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSou
   for (; filled_count_ < 2 * ClassCount(); ++filled_count_) {
     FillList(filled_count_ / 2, kStepKinds[filled_count_ % 2], source);
   }
-  ForgetSlopeChanges();
-  stage_ = Stage::kNone;
+  EndUpdate();
 }
 
 void Candidates::FillList(std::uint32_t c, StepKind kind, SegmentSource& source) {

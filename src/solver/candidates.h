@@ -115,8 +115,6 @@ class Candidates {
   Candidate TakeBest(StepKind kind, std::uint32_t c) { return classes_[c].list[kind].TakeBest(); }
   const CandidateList& List(StepKind kind, std::uint32_t c) const { return classes_[c].list[kind]; }
 
-  // Asks memory for what an update will read of a trial.
-  void Prefetch(std::uint32_t position) const;
   // Makes room for one trial more.
   void Reserve(std::uint32_t combination);
   // The trial that comes to stand at `position`, the first that is free.
@@ -163,7 +161,7 @@ class Candidates {
   void MarkStale(const Disturbance& disturbance);
   bool ClearOutdatedLists();
   void UpdateIncrementally(const Disturbance& disturbance, SegmentSource& source);
-  void ForgetSlopeChanges();
+  void EndUpdate();
   void UpdateAll(const std::vector<std::uint32_t>& rebuilt, SegmentSource& source);
   void FillList(std::uint32_t c, StepKind kind, SegmentSource& source);
   std::size_t Rescore(std::uint32_t position, SegmentSource& source);

@@ -39,9 +39,6 @@ class KeyBounds {
   void Set(std::uint32_t rank, double best_key);
   // Of a trial never set it is kAbsent.
   double operator[](std::size_t rank) const { return rank < keys_.size() ? keys_[rank] : kAbsent; }
-  void Prefetch(std::size_t rank) const {
-    if (rank < keys_.size()) FetchLines(&keys_[rank], sizeof(double));
-  }
   bool HasUnknown() const { return unknown_count_ > 0; }
 
   // A key that at least `count` trials are known to reach; kAbsent when there are fewer.

@@ -58,10 +58,10 @@ class TrialStore {
     return rows_[position];
   }
 
-  // Asks for what a trial's table is written to.
+  // Asks for all that is kept of a trial's table.
   void PrefetchTable(std::uint32_t position) const {
-    FetchLinesToWrite(&trials_[position], sizeof(Test<N>));
-    FetchLinesToWrite(&rows_[position], sizeof(FloodRow<N>));
+    FetchLines(&trials_[position], sizeof(Test<N>));
+    FetchLines(&rows_[position], sizeof(FloodRow<N>));
   }
 
   // To change anything of a trial and its row.

@@ -304,7 +304,6 @@ void Solver<N>::FloodAround(const Segment& segment, int whole_rings) {
 // Refreshes them.
 template <int N>
 void Solver<N>::RebuildTables() {
-  for (const std::uint32_t rebuilt : refresh_.Rebuilt()) candidates_.Prefetch(rebuilt);
   refresh_.RebuildTables(Rules(), store_.HasCheckpoint() ? 1 : forced_threads_);
   for (const std::uint32_t rebuilt : refresh_.Rebuilt()) {
     candidates_.RaiseSlope(ClassOf(store_[rebuilt]), store_[rebuilt].slope);

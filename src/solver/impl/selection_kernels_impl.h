@@ -128,21 +128,16 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline void LoadTwo(const double* const* 
   first = _mm256_unpacklo_pd(even, odd);
   second = _mm256_unpackhi_pd(even, odd);
 }
-QUENLOFT_TARGET inline float LargestLane(const Floats& a) {
+QUENLOFT_TARGET [[gnu::always_inline]] inline float LargestLane(const Floats& a) {
   __m128 half = _mm_max_ps(_mm256_castps256_ps128(a), _mm256_extractf128_ps(a, 1));
   half = _mm_max_ps(half, _mm_movehl_ps(half, half));
   return _mm_cvtss_f32(_mm_max_ss(half, _mm_movehdup_ps(half)));
 }
-QUENLOFT_TARGET inline double LargestLane(const Doubles& a) {
+QUENLOFT_TARGET [[gnu::always_inline]] inline double LargestLane(const Doubles& a) {
   const __m128d half = _mm_max_pd(_mm256_castpd256_pd128(a), _mm256_extractf128_pd(a, 1));
   return _mm_cvtsd_f64(_mm_max_sd(half, _mm_unpackhi_pd(half, half)));
 }
-QUENLOFT_TARGET inline void AppendLanes(std::uint32_t lanes, std::uint32_t first,
-                                        std::uint32_t* out) {
-  for (; lanes != 0; lanes &= lanes - 1) {
-    *out++ = first + static_cast<std::uint32_t>(__builtin_ctz(lanes));
-  }
-}
+using baseline::AppendLanes;
 #include "solver/impl/selection_kernels_body.h"
 }  // namespace avx2
 #undef QUENLOFT_TARGET
@@ -187,17 +182,12 @@ QUENLOFT_TARGET [[gnu::always_inline]] inline void LoadTwo(const double* const* 
   second = _mm512_maskz_insertf64x4(0xff, _mm512_castpd256_pd512(low_second), high_second, 1);
 }
 QUENLOFT_TARGET inline float LargestLane(const Floats& a) {
-  const __m256* const halves = reinterpret_cast<const __m256*>(&a);
-  const __m256 half = _mm256_max_ps(halves[0], halves[1]);
-  __m128 quarter = _mm_max_ps(_mm256_castps256_ps128(half), _mm256_extractf128_ps(half, 1));
-  quarter = _mm_max_ps(quarter, _mm_movehl_ps(quarter, quarter));
-  return _mm_cvtss_f32(_mm_max_ss(quarter, _mm_movehdup_ps(quarter)));
+  const auto* const halves = reinterpret_cast<const __m256*>(&a);
+  return avx2::LargestLane(_mm256_max_ps(halves[0], halves[1]));
 }
 QUENLOFT_TARGET inline double LargestLane(const Doubles& a) {
-  const __m256d* const halves = reinterpret_cast<const __m256d*>(&a);
-  const __m256d half = _mm256_max_pd(halves[0], halves[1]);
-  const __m128d quarter = _mm_max_pd(_mm256_castpd256_pd128(half), _mm256_extractf128_pd(half, 1));
-  return _mm_cvtsd_f64(_mm_max_sd(quarter, _mm_unpackhi_pd(quarter, quarter)));
+  const auto* const halves = reinterpret_cast<const __m256d*>(&a);
+  return avx2::LargestLane(_mm256_max_pd(halves[0], halves[1]));
 }
 QUENLOFT_TARGET inline void AppendLanes(std::uint32_t lanes, std::uint32_t first,
                                         std::uint32_t* out) {
