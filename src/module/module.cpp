@@ -6,9 +6,9 @@
 
 #include "module/problem_type.h"
 #include "module/result_type.h"
+#include "module/test_function2_type.h"
+#include "module/test_function_type.h"
 #include "module/test_type.h"
-#include "testfunctions/test_function2_type.h"
-#include "testfunctions/test_function_type.h"
 
 namespace QuenloftModule {
 namespace {

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 
-#include "testfunctions/test_function_type.h"
+#include "module/test_function_type.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 
 #include "module/conversions.h"
 #include "module/guarded.h"
-#include "module/static_type.h"
+#include "module/test_function_object.h"
 #include "testfunctions/grishagin_function.h"
 
 namespace QuenloftModule {
@@ -19,7 +18,6 @@ using QuenloftTestFunctions::GrishaginFunction;
 struct TestFunction {
   PyRef argmin;  // tuple of two floats
   std::unique_ptr<GrishaginFunction> function;
-  std::uint32_t function_number = 0;
 };
 
 using TestFunctionObject = ObjectOf<TestFunction>;
@@ -36,7 +34,6 @@ int Init(PyObject* self, PyObject* args, PyObject*) noexcept {
     PyRef argmin = FloatTuple(point, 2);
 
     TestFunction& test_function = TestFunctionObject::From(self);
-    test_function.function_number = number;
     test_function.function = std::move(function);
     KeepForever(std::exchange(test_function.argmin, std::move(argmin)));
     return 0;
@@ -55,30 +52,9 @@ PyObject* Call(PyObject* self, PyObject* args, PyObject*) noexcept {
   });
 }
 
-// The function itself stays allocated, by contract, as the tuples before do.
-void Dealloc(PyObject* self) noexcept {
-  TestFunction& test_function = TestFunctionObject::From(self);
-  (void)test_function.function.release();
-  test_function.~TestFunction();
-  Py_TYPE(self)->tp_free(self);
-}
-
-PyMemberDef members[] = {
-    ReadOnlyMember("argmin", offsetof(TestFunctionObject, value.argmin), "argmin"),
-    PyMemberDef{},
-};
-
 }  // namespace
 
-PyTypeObject TestFunctionType = [] {
-  PyTypeObject type =
-      StaticType("Quenloft.TestFunction", "Girshagin function.", sizeof(TestFunctionObject));
-  type.tp_new = TestFunctionObject::New;
-  type.tp_init = Init;
-  type.tp_call = Call;
-  type.tp_dealloc = Dealloc;
-  type.tp_members = members;
-  return type;
-}();
+PyTypeObject TestFunctionType =
+    TestFunctionTypeOf<TestFunction>("Quenloft.TestFunction", "Girshagin function.", Init, Call);
 
 }  // namespace QuenloftModule

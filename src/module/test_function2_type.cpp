@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: MIT
 
-#include "testfunctions/test_function2_type.h"
+#include "module/test_function2_type.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
 
 #include "module/conversions.h"
 #include "module/guarded.h"
-#include "module/static_type.h"
+#include "module/test_function_object.h"
 #include "testfunctions/gkls_function.h"
-#include "testfunctions/test_function_type.h"
 
 namespace QuenloftModule {
 namespace {
@@ -98,30 +96,9 @@ PyObject* Call(PyObject* self, PyObject* args, PyObject*) noexcept {
   });
 }
 
-// The function itself stays allocated, by contract, as the tuples before do.
-void Dealloc(PyObject* self) noexcept {
-  TestFunction2& test_function = TestFunction2Object::From(self);
-  (void)test_function.function.release();
-  test_function.~TestFunction2();
-  Py_TYPE(self)->tp_free(self);
-}
-
-PyMemberDef members[] = {
-    ReadOnlyMember("argmin", offsetof(TestFunction2Object, value.argmin), "argmin"),
-    PyMemberDef{},
-};
-
 }  // namespace
 
-PyTypeObject TestFunction2Type = [] {
-  PyTypeObject type =
-      StaticType("Quenloft.TestFunction2", "GKLS function.", sizeof(TestFunction2Object));
-  type.tp_new = TestFunction2Object::New;
-  type.tp_init = Init;
-  type.tp_call = Call;
-  type.tp_dealloc = Dealloc;
-  type.tp_members = members;
-  return type;
-}();
+PyTypeObject TestFunction2Type =
+    TestFunctionTypeOf<TestFunction2>("Quenloft.TestFunction2", "GKLS function.", Init, Call);
 
 }  // namespace QuenloftModule

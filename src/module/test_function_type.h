@@ -10,7 +10,4 @@ namespace QuenloftModule {
 
 extern PyTypeObject TestFunctionType;
 
-// The answer of both types to a call before a successful initialisation.
-inline constexpr char kNotInitialisedMessage[] = "Test function is not initialised.";
-
 }  // namespace QuenloftModule
