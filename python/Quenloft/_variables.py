@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The variables of a problem, and the way between the caller's units and the box of the search."""
+"""The variables of a problem, as the caller declares and names them."""
 
 from __future__ import annotations
 
@@ -7,7 +7,7 @@ import math
 from collections.abc import Mapping
 from dataclasses import dataclass
 from functools import cached_property
-from typing import Any, Callable, Iterable, Optional, Sequence, Union
+from typing import Any, Callable, Iterable, Optional, Sequence
 
 #: Most variables with a range that the engine takes.
 MAX_DIMENSION = 32
@@ -17,10 +17,6 @@ MAX_COMBINATIONS = 10_000
 MAX_LOGARITHMIC_LATTICE = 1_000_000
 #: Whole numbers beyond this have no neighbours among the floats.
 _MAX_WHOLE = 2**53
-
-#: The lattice of a variable in [0, 1]: the number of equal cells, whose centres are its points, or
-#: the points themselves in rising order. None for a continuous variable.
-Lattice = Union[None, int, "tuple[float, ...]"]
 
 
 @dataclass(frozen=True)
@@ -50,65 +46,24 @@ class Number:
         """Whether there is nothing to search for."""
         return self.lower == self.upper
 
-    @property
-    def box(self) -> tuple[float, float]:
-        """Its side of the search's box.
-
-        The bounds, or their logarithms. A lattice has a cell of the same size for each of its
-        points, so that those at the ends are found as easily as the others; in the logarithm a
-        whole number k has the cell from k - 1/2 to k + 1/2.
-        """
-        if self.count and not self.is_logarithmic:
-            return 0.0, 1.0
-        half = 0.5 if self.count else 0.0
-        lower, upper = self.lower - half, self.upper + half
-        return (math.log(lower), math.log(upper)) if self.is_logarithmic else (lower, upper)
-
-    def value(self, position: int) -> float:
-        """A point of an even lattice, from its position."""
+    def nearest(self, value: float) -> float:
+        """The nearest of its values."""
+        if not self.count:
+            return value
         last = self.count - 1
+        position = round((value - self.lower) / (self.upper - self.lower) * last)
         if self.is_integer:
             lower, upper = int(self.lower), int(self.upper)
             return lower + position * ((upper - lower) // last)
         # A weighted mean and not a sum of steps: 0.3 of 0, 0.1, ... 1 is 0.3.
         return ((last - position) * self.lower + position * self.upper) / last
 
-    def decode(self, coordinate: float) -> float:
-        """The value at a coordinate of `box`."""
-        if self.count and not self.is_logarithmic:
-            return self.value(min(max(int(coordinate * self.count), 0), self.count - 1))
-        value = math.exp(coordinate) if self.is_logarithmic else coordinate
-        # exp(log(b)) may miss b by a rounding error, and so may (b - a) + a.
-        value = min(max(value, self.lower), self.upper)
-        return round(value) if self.count else value
-
-    def encode(self, value: float) -> float:
-        """The coordinate of a value in `box`."""
-        if self.count and not self.is_logarithmic:
-            position = (value - self.lower) / (self.upper - self.lower) * (self.count - 1)
-            return (round(position) + 0.5) / self.count
-        return math.log(value) if self.is_logarithmic else value
-
-    def lattice(self) -> Lattice:
-        """Its lattice in the unit interval."""
-        if not self.is_logarithmic:
-            return self.count or None
-        if not self.count:
-            return None
-        a, b = self.box
-        whole = range(int(self.lower), int(self.upper) + 1)
-        return tuple((math.log(k) - a) / (b - a) for k in whole)
-
     def contains(self, value: float) -> bool:
         """Whether a value is one of this variable's."""
         if not self.lower <= value <= self.upper:
             return False
-        if not self.count:
-            return True
-        step = (self.upper - self.lower) / (self.count - 1)
-        return math.isclose(
-            self.value(round((value - self.lower) / step)), value, abs_tol=1e-9 * step
-        )
+        step = (self.upper - self.lower) / max(self.count - 1, 1)
+        return math.isclose(self.nearest(value), value, abs_tol=1e-9 * step)
 
     def __str__(self) -> str:
         if self.is_fixed:
@@ -173,93 +128,6 @@ class Variables:
         """How many points there are; infinity with a continuous variable."""
         counts = [self.numbers[i].count or math.inf for i in self.searched]
         return math.prod([*counts, *map(len, self.choices)])
-
-    def lattices(self) -> list[Lattice]:
-        """The lattice of each coordinate of the search."""
-        return [self.numbers[i].lattice() for i in self.searched]
-
-    def engine_box(self) -> tuple[list[float], list[float]]:
-        """Lower and upper bounds of the search's box."""
-        sides = [self.numbers[i].box for i in self.searched]
-        return [a for a, _ in sides], [b for _, b in sides]
-
-    def decoder(self) -> Callable[[Sequence[float]], tuple[float, ...]]:
-        """A function from coordinates of the box to a new point in the caller's units.
-
-        It never leaves the bounds, and a lattice only for another point of it. Where no variable
-        needs converting it only copies, which is what the time per evaluation allows.
-        """
-        fixed = len(self.searched) < self.dimension
-        rules = [
-            (i, number.decode)
-            for i, number in enumerate(self.numbers)
-            if not number.is_fixed
-            and (
-                number.is_logarithmic
-                or number.count
-                or (number.upper - number.lower) + number.lower > number.upper
-            )
-        ]
-        if not rules and not fixed:
-            return _copy
-        template = [number.lower for number in self.numbers]
-        for i in self.integers:
-            template[i] = int(template[i])
-        searched = self.searched
-
-        def convert(coordinates: Sequence[float]) -> tuple[float, ...]:
-            if fixed:
-                values = template[:]
-                for i, coordinate in zip(searched, coordinates):
-                    values[i] = coordinate
-            else:
-                values = [*coordinates]
-            for i, decode in rules:
-                values[i] = decode(values[i])
-            return tuple(values)
-
-        return convert
-
-    def unit_decoder(self) -> Callable[[Sequence[float]], tuple[float, ...]]:
-        """The same from coordinates of the unit box, in the engine's own arithmetic."""
-        decode = self.decoder()
-        lower, upper = self.engine_box()
-        sides = [(b - a, a) for a, b in zip(lower, upper)]
-
-        def convert(unit: Sequence[float]) -> tuple[float, ...]:
-            return decode([width * u + a for u, (width, a) in zip(unit, sides)])
-
-        return convert
-
-    def encode(self, x: Sequence[float]) -> tuple[float, ...]:
-        """The coordinates of a point in the box."""
-        return tuple(self.numbers[i].encode(x[i]) for i in self.searched)
-
-    def to_unit(self, x: Sequence[float]) -> tuple[float, ...]:
-        """The coordinates of a point in the unit box."""
-        lower, upper = self.engine_box()
-        return tuple(
-            min(max((coordinate - a) / (b - a), 0.0), 1.0)
-            for coordinate, a, b in zip(self.encode(x), lower, upper)
-        )
-
-    def category_decoder(self) -> Callable[[Sequence[int]], tuple[int, ...]]:
-        """A function from the search's values, which cover the free variables, to a new tuple of
-        positions in all `choices`."""
-        free = self.free
-        count = len(self.choices)
-
-        def fill(selected: Sequence[int]) -> tuple[int, ...]:
-            positions = [0] * count
-            for variable, position in zip(free, selected):
-                positions[variable] = position
-            return tuple(positions)
-
-        return fill if len(free) < count else _copy
-
-    def selection(self, category: Sequence[int]) -> tuple[int, ...]:
-        """The search's values for positions in all `choices`."""
-        return tuple(category[i] for i in self.free)
 
     def chosen(self, category: Sequence[int]) -> tuple[Any, ...]:
         """The objects at positions in all `choices`."""
@@ -403,11 +271,6 @@ def coordinates(point: Any, dimension: int) -> tuple[float, ...]:
     return tuple(values)[:dimension]
 
 
-def _copy(values: Any) -> tuple[Any, ...]:
-    # tuple(values) would be the same object, which the engine refills.
-    return (*values,)
-
-
 def _equal(one: Any, other: Any) -> bool:
     try:
         return bool(one == other)
@@ -422,9 +285,7 @@ def _within(number: Number, name: str, value: Any, label: str) -> float:
         raise TypeError(f"{name} of {label} must be a number, not {value!r}") from None
     if not number.contains(given):
         raise ValueError(f"{name} of {label} is {value!r}, not in {number}")
-    if number.is_integer:
-        return round(given)
-    return number.decode(number.encode(given)) if number.count else given
+    return round(given) if number.is_integer else number.nearest(given)
 
 
 def _name(name: Any) -> str:
