@@ -42,7 +42,6 @@ class LocalFit {
   void Clear() { count_ = 0; }
   // At most kMaxObservations.
   void Observe(const Coordinates& point, double value);
-  std::size_t ObservationCount() const { return count_; }
 
   // Fits the model, starting from M = all ones, b = `point`, c = `value`. Returns its
   // error. There must be an observation. `check_interruption` is called now and then and
