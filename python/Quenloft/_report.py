@@ -4,18 +4,13 @@
 from __future__ import annotations
 
 import math
-from dataclasses import replace
 from typing import Any, Callable, Optional, Sequence
 
 from ._plan import Plan
 from ._progress import Progress
-from ._result import LocalMinimum, OptimizeResult, Status
+from ._result import OptimizeResult, Status, best_fields, exhaustion, minima_fields
 from ._run import Run
 from ._search import Search
-
-_MOST_LOCALS = 10
-# Above any distance in the unit box of 32 dimensions.
-_LARGEST_RADIUS = 6.0
 
 
 class Report:
@@ -27,15 +22,19 @@ class Report:
         self._present = plan.present
         self._names = [limit.name for limit in plan.limits]
         self._guards = [i for i, limit in enumerate(plan.limits) if limit.guards]
-        self._locals: list[LocalMinimum] = []
+        self._minima = minima_fields(run.history, (), plan.present)
         self._status: Optional[Status] = None
         self._message = ""
 
     def end_search(self, search: Search) -> None:
         """Take over what the search found."""
         run = self._run
-        radius = search.radius() if run.history else math.nan
-        self._locals = self._local_minima(search, radius)
+        radius = math.nan
+        if run.history:
+            radius = search.radius()
+            # The best trial may not be marked yet: that is done when the initial ones are complete.
+            minima = [(run.best, radius), *search.locals()] if run.is_feasible() else []
+            self._minima = minima_fields(run.history, minima, self._present)
         self._status = self._final_status()
         self._message = self._reason(self._status, radius)
 
@@ -76,9 +75,7 @@ class Report:
             **self._best(),
             nfev=self._calls(),
             nit=run.made,
-            locals=self._locals,
-            xl=[minimum.x for minimum in self._locals],
-            funl=[minimum.fun for minimum in self._locals],
+            **self._minima,
             elapsed_seconds=run.elapsed(),
             replayed=run.replayed,
             history=history,
@@ -103,42 +100,7 @@ class Report:
 
     def _best(self) -> dict[str, Any]:
         run = self._run
-        if run.best < 0:
-            return {
-                "fun": math.inf, "x": None, "categories": (), "maxcv": math.inf, "constraints": ()
-            }  # fmt: skip
-        trial = run.history[run.best]
-        return {
-            "fun": run.best_objective(),
-            "x": self._present(trial.x, trial.categories),
-            "categories": trial.categories,
-            "maxcv": trial.maxcv,
-            "constraints": trial.constraints,
-        }
-
-    def _minimum(self, number: int) -> LocalMinimum:
-        trial = self._run.history[number]
-        return LocalMinimum(
-            self._present(trial.x, trial.categories), trial.value, trial.categories, math.inf
-        )
-
-    def _local_minima(self, search: Search, radius: float) -> list[LocalMinimum]:
-        """The local minima of the search that are feasible, the best trial first.
-
-        The best trial may be missing there: the marks are set when the initial trials are
-        complete.
-        """
-        run = self._run
-        if not run.is_feasible():
-            return []
-        if radius > _LARGEST_RADIUS:
-            radius = math.inf  # its neighbours were never looked for
-        found = [replace(self._minimum(run.best), radius=radius)]
-        for position, extent in search.locals():
-            is_feasible = run.history.index[position] == run.goal
-            if is_feasible and position != run.best:
-                found.append(replace(self._minimum(position), radius=extent))
-        return found[:_MOST_LOCALS]
+        return best_fields(run.history, run.best if run.best >= 0 else None, self._present)
 
     def _reason(self, status: Status, radius: float) -> str:
         run = self._run
@@ -158,11 +120,8 @@ class Report:
         if status is Status.CALLBACK:
             return f"stopped by the callback: {trials}{budget}"
         if status is Status.EXHAUSTED:
-            if math.isfinite(run.variables.point_count):
-                return (
-                    f"all {len(run.history)} points evaluated, the best is proven: {trials}{budget}"
-                )
-            return f"nothing left to split at the resolution of the numbers: {trials}{budget}"
+            what = exhaustion(run.history, run.variables.point_count)
+            return f"{what}: {trials}{budget}"
         error = run.error
         if status is Status.INTERRUPTED:
             return f"interrupted: {trials}{budget}"

@@ -7,13 +7,20 @@ import math
 import os
 from dataclasses import dataclass
 from enum import IntEnum
-from typing import TYPE_CHECKING, Any, Dict, Union
+from typing import TYPE_CHECKING, Any, Callable, Dict, Iterable, Optional, Tuple, Union
 
 from ._history import History, Trial
 
 # The form of saved results that this version writes and reads.
 _FORMAT = 1
 _SEQUENCES = ("locals", "xl", "funl")
+
+_MOST_LOCALS = 10
+# Above any distance in the unit box of 32 dimensions.
+_LARGEST_RADIUS = 6.0
+
+#: A point and the chosen objects in the form that the caller wants.
+Present = Callable[[Tuple[float, ...], Tuple[Any, ...]], Any]
 
 
 class Status(IntEnum):
@@ -181,6 +188,49 @@ class OptimizeResult(Dict[str, Any]):
             text = _shorten(value)
             lines.append(f"{name:>{width}}: " + text.replace("\n", "\n" + " " * (width + 2)))
         return "\n".join(lines) or f"{type(self).__name__}()"
+
+
+def best_fields(history: History, best: Optional[int], present: Present) -> dict[str, Any]:
+    """The fields of a result about its best trial, of which the position is given."""
+    if best is None:
+        return {
+            "fun": math.inf, "x": None, "categories": (), "maxcv": math.inf, "constraints": ()
+        }  # fmt: skip
+    trial = history[best]
+    return {
+        "fun": trial.value if trial.index == history.goal else math.inf,
+        "x": present(trial.x, trial.categories),
+        "categories": trial.categories,
+        "maxcv": trial.maxcv,
+        "constraints": trial.constraints,
+    }
+
+
+def minima_fields(
+    history: History, minima: Iterable[tuple[Optional[int], float]], present: Present
+) -> dict[str, Any]:
+    """The fields about local minima, of which positions and radii are given, the best one first.
+
+    Those that are not feasible are left out, and so is the best where it comes again.
+    """
+    radii: dict[int, float] = {}
+    for position, radius in minima:
+        if position is not None and history.index[position] == history.goal:
+            # Where the search ended before it looked for neighbours there is none.
+            radii.setdefault(position, radius if radius <= _LARGEST_RADIUS else math.inf)
+    found = []
+    for position in [*radii][:_MOST_LOCALS]:
+        trial = history[position]
+        x = present(trial.x, trial.categories)
+        found.append(LocalMinimum(x, trial.value, trial.categories, radii[position]))
+    return {"locals": found, "xl": [m.x for m in found], "funl": [m.fun for m in found]}
+
+
+def exhaustion(history: History, point_count: float) -> str:
+    """What it means that nothing is left to do, among so many points."""
+    if math.isfinite(point_count):
+        return f"all {len(history)} points evaluated, the best is proven"
+    return "nothing left to split at the resolution of the numbers"
 
 
 def _shorten(value: Any) -> str:

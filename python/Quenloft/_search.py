@@ -13,7 +13,7 @@ from ._binding import NO_LIMIT, Search as Core
 from ._history import History
 from ._known import Known, known_points, wanted_points
 from ._observation import as_number, as_violation
-from ._result import LocalMinimum, OptimizeResult, Status
+from ._result import OptimizeResult, Status, best_fields, exhaustion, minima_fields
 from ._settings import Settings, whole_number
 from ._variables import Variables
 
@@ -423,38 +423,16 @@ class Search:
                 outcome.objective,
             )
         surplus.finish()
-        goal = history.goal
         best = self.best
         status = (
             Status.EXHAUSTED if self.is_exhausted
             else Status.MAXFUN if self.is_finished
             else Status.RUNNING
         )  # fmt: skip
-        is_feasible = best is not None and history.index[best] == goal
-        fields: dict[str, Any] = {
-            "fun": math.inf, "x": None, "categories": (), "maxcv": math.inf, "constraints": (),
-        }  # fmt: skip
-        minima: list[LocalMinimum] = []
-        if best is not None:
-            trial = history[best]
-            fields = {
-                "fun": trial.value if is_feasible else math.inf,
-                "x": trial.x,
-                "categories": trial.categories,
-                "maxcv": trial.maxcv,
-                "constraints": trial.constraints,
-            }
-        if is_feasible:
-            assert best is not None
-            # The best trial is always among them, though it may not be marked yet.
-            found = [(i, r) for i, r in self.locals() if history.index[i] == goal and i != best]
-            for i, radius in [(best, self.radius(best)), *found][:10]:
-                trial = history[i]
-                minima.append(LocalMinimum(trial.x, trial.value, trial.categories, radius))
+        is_feasible = best is not None and history.index[best] == history.goal
+        minima = [(best, self.radius(best)), *self.locals()] if is_feasible else []
         said = {
-            Status.EXHAUSTED: f"all {len(history)} points evaluated, the best is proven"
-            if math.isfinite(self._variables.point_count)
-            else "nothing left to split at the resolution of the numbers",
+            Status.EXHAUSTED: exhaustion(history, self._variables.point_count),
             Status.MAXFUN: f"{len(history)} trials made, maxfun = {self.maxfun}",
             Status.RUNNING: f"running: {len(history)} trials",
         }
@@ -462,12 +440,10 @@ class Search:
             message=said[status],
             success=is_feasible and status > 0,
             status=status,
-            **fields,
+            **best_fields(history, best, _as_it_is),
             nfev=len(history) + len(surplus) - len(self._known),
             nit=len(history) - history.known,
-            locals=minima,
-            xl=[minimum.x for minimum in minima],
-            funl=[minimum.fun for minimum in minima],
+            **minima_fields(history, minima, _as_it_is),
             surplus=surplus,
             history=history,
         )
@@ -536,6 +512,10 @@ class Search:
             else as_violation(f"constraint {i}", limit, point.x, point.categories)
             for i, limit in enumerate(constraints)
         ]
+
+
+def _as_it_is(x: tuple[float, ...], chosen: tuple[Any, ...]) -> tuple[float, ...]:
+    return x
 
 
 def _count(name: str, value: int) -> int:
