@@ -207,7 +207,7 @@ def best_fields(history: History, best: Optional[int], present: Present) -> dict
 
 
 def minima_fields(
-    history: History, minima: Iterable[tuple[Optional[int], float]], present: Present
+    history: History, minima: Iterable[tuple[int, float]], present: Present
 ) -> dict[str, Any]:
     """The fields about local minima, of which positions and radii are given, the best one first.
 
@@ -215,7 +215,7 @@ def minima_fields(
     """
     radii: dict[int, float] = {}
     for position, radius in minima:
-        if position is not None and history.index[position] == history.goal:
+        if history.index[position] == history.goal:
             # Where the search ended before it looked for neighbours there is none.
             radii.setdefault(position, radius if radius <= _LARGEST_RADIUS else math.inf)
     found = []

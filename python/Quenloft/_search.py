@@ -430,7 +430,9 @@ class Search:
             else Status.RUNNING
         )  # fmt: skip
         is_feasible = best is not None and history.index[best] == history.goal
-        minima = [(best, self.radius(best)), *self.locals()] if is_feasible else []
+        # The best trial may not be marked yet.
+        minima = [] if best is None else [(best, self.radius(best)), *self.locals()]
+        present = self._variables.presenter("tuple")
         said = {
             Status.EXHAUSTED: exhaustion(history, self._variables.point_count),
             Status.MAXFUN: f"{len(history)} trials made, maxfun = {self.maxfun}",
@@ -440,10 +442,10 @@ class Search:
             message=said[status],
             success=is_feasible and status > 0,
             status=status,
-            **best_fields(history, best, _as_it_is),
+            **best_fields(history, best, present),
             nfev=len(history) + len(surplus) - len(self._known),
             nit=len(history) - history.known,
-            **minima_fields(history, minima, _as_it_is),
+            **minima_fields(history, minima, present),
             surplus=surplus,
             history=history,
         )
@@ -512,10 +514,6 @@ class Search:
             else as_violation(f"constraint {i}", limit, point.x, point.categories)
             for i, limit in enumerate(constraints)
         ]
-
-
-def _as_it_is(x: tuple[float, ...], chosen: tuple[Any, ...]) -> tuple[float, ...]:
-    return x
 
 
 def _count(name: str, value: int) -> int:
